@@ -1,0 +1,137 @@
+#include "agent/agent_startup.h"
+
+#include <dlfcn.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "agent/recorder_core.h"
+#include "diag/crash_handler.h"
+#include "diag/debug_log.h"
+#include "diag/debug_server.h"
+#include "hooks/critical_section.h"
+#include "interpose/dlsym_bootstrap.h"
+#include "interpose/real_functions.h"
+#include "recorder/recorder_channel_startup.h"
+#include "socks/socks_config.h"
+
+__asm__(".symver dladdr,dladdr@GLIBC_2.0");
+
+int globalInit = 0;
+int currentProcessId = 0;
+int agentInterfaceUnplugged = 0;
+unsigned char startupCalled = 0;
+unsigned char startupCalledByMe = 0;
+char ExePath[1056];
+
+int globalInitDone = 0;
+int socketInitialized = 0;
+bool doubleLogSocks = false;
+int initializationDone = 1;
+char agentPath[1028];
+char* agentFileName = nullptr;
+
+namespace {
+
+const char* const kDoubleLogSocksVariable = "TALVEX_SOCKET_AGENT_DOUBLE_LOG_SOCKS";
+int socksServerAddressInitialized = 0;
+
+template <class Function>
+void resolveIfMissing(Function& pointer, const char* name) {
+  if (pointer == nullptr) pointer = reinterpret_cast<Function>(Truedlsym(RTLD_NEXT, name));
+}
+
+// The agent's own file, so that the recorder core can be looked for beside it.
+void locateAgentFile() {
+  Dl_info info;
+  agentFileName = nullptr;
+  if (dladdr(reinterpret_cast<void*>(&initializeSocketPointers), &info) == 0 || info.dli_fname == nullptr) return;
+  strncpy(agentPath, info.dli_fname, sizeof agentPath - 1);
+  agentPath[sizeof agentPath - 1] = '\0';
+  char* slash = strrchr(agentPath, '/');
+  if (slash != nullptr) agentFileName = slash + 1;
+}
+
+}  // namespace
+
+void GlobalInit() {
+  if (globalInitDone) return;
+  globalInitDone = 1;
+  installCrashHandlerOnRequest();
+  resolveIfMissing(socket_ptr, "socket");
+  resolveIfMissing(connect_ptr, "connect");
+  resolveIfMissing(getaddrinfo_ptr, "getaddrinfo");
+  resolveIfMissing(getsockname_ptr, "getsockname");
+  resolveIfMissing(bind_ptr, "bind");
+  resolveIfMissing(getpeername_ptr, "getpeername");
+  resolveIfMissing(send_ptr, "send");
+  resolveIfMissing(recv_ptr, "recv");
+  resolveIfMissing(sendto_ptr, "sendto");
+  resolveIfMissing(recvfrom_ptr, "recvfrom");
+  resolveIfMissing(recvmsg_ptr, "recvmsg");
+  resolveIfMissing(sendmsg_ptr, "sendmsg");
+  resolveIfMissing(setsockopt_ptr, "setsockopt");
+  resolveIfMissing(getsockopt_ptr, "getsockopt");
+  resolveIfMissing(listen_ptr, "listen");
+  resolveIfMissing(accept_ptr, "accept");
+  initializeSocketPointers();
+  initializeCriticalSections();
+  getDebugLvl();
+  set_default_debug_display("sock");
+  globalInit = 1;
+  initializeSocksParam();
+  InitializeSocks();
+  initializeDebugServer();
+  initializeStartup();
+}
+
+void initializeSocketPointers() {
+  if (socketInitialized) return;
+  GlobalInit();
+  x_disp(DMK_INFO, "initialize library 32");
+  currentProcessId = getpid();
+  locateAgentFile();
+  doubleLogSocks = getenv(kDoubleLogSocksVariable) != nullptr;
+  locateRecorderCore();
+  startRecorderChannel();
+  initializeRealFunctionPointers();
+  initializeSocksParam();
+}
+
+void cleanSocketPointers() { socketInitialized = 0; }
+
+void initializeStartup() {
+  StartCriticalSectionBase(&criticalSectionSocks);
+  if (!socksServerAddressInitialized) {
+    socksServerAddressInitialized = 1;
+    x_disp(DMK_INFO, "===> WSAStartup : starting to resolve local addresses");
+    resolveLocalAdresses();
+    if (socksModeActive) {
+      x_disp(DMK_INFO, "===> retrieving socks server info");
+      if (socksIpv4Val != nullptr) {
+        serverIPV4.sin_family = AF_INET;
+        serverIPV4.sin_port = True_htons(static_cast<uint16_t>(socksPort4Val));
+        serverIPV4.sin_addr.s_addr = True_inet_addr(socksIpv4Val);
+        x_disp(DMK_INFO, "===> IPV4 socks : %s(%d)", socksIpv4Val, socksPort4Val);
+      } else {
+        x_disp(DMK_INFO, "===> IPV4 val is NULL...");
+      }
+      if (socksIpv6Val != nullptr) {
+        serverIPV6.sin6_family = AF_INET6;
+        True_inet_pton(AF_INET6, socksIpv6Val, &serverIPV6.sin6_addr);
+        serverIPV6.sin6_port = True_htons(static_cast<uint16_t>(socksPort6Val));
+        x_disp(DMK_INFO, "===> IPV6 socks : %s(%d)", socksIpv6Val, socksPort6Val);
+      } else {
+        x_disp(DMK_INFO, "===> IPV6 val is NULL...");
+      }
+    }
+  }
+  x_disp(DMK_INFO, "===> WSAStartup : local addresses solved");
+  EndCriticalSectionBase(&criticalSectionSocks);
+}
+
+void pre_init_startup() {
+  // Kept as a hook point for work that must precede a socket or connect; nothing needs it now.
+}
+
+int GetCurrentThreadId() { return 0; }

@@ -1,0 +1,7 @@
+// Reading the agent's configuration variables: presence switches a flag on, numbers are base 10.
+#pragma once
+
+bool isVariableSet(const char* name);
+
+// The variable's base-10 value, or `fallback` when it is unset or parses to 0.
+int numberOrDefault(const char* name, int fallback);

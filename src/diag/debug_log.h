@@ -1,0 +1,42 @@
+// The diagnostic log: one filtered, tagged line per call of x_disp, written to a per-process file.
+#pragma once
+
+#include <stdarg.h>
+#include <stdio.h>
+
+enum DebugMessageKind {
+  DMK_ERROR = 0,
+  DMK_INFO = 1,
+  DMK_HOOK = 2,
+  DMK_CALL = 3,
+  DMK_RET = 4,
+  DMK_WARNING = 5,
+  DMK_DATA = 6,
+  DMK_LAUNCH = 7,
+  DMK_LOW = 8,
+  DMK_GENERAL = 9,
+};
+
+extern const char* const IMAGE_DEBUG[10];
+
+extern int debugLvl;
+extern char* debugFileNameFlush;
+extern FILE* hLogFile;
+extern char* internal_buffer_display;
+extern int internal_buffer_display_size;
+extern bool defaultDebugDisplayInitialized;
+
+void x_disp(int kind, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void vx_disp(int kind, const char* format, va_list arguments) __attribute__((format(printf, 2, 0)));
+int isDebugLevelEnable(int kind);
+int getDebugLvl();
+void set_default_debug_display(const char* baseName);
+void set_file_display(const char* fileName, const char* directoryName);
+void build_debug_file_name(const char* dir, const char* base, const char* extension, char** outName,
+                           unsigned* outSize);
+void initializeCriticalSections();
+void cleanCriticalSections();
+
+unsigned Mystrlen(const char* text);
+unsigned Mystrtolower(char* text);
+void* Mymemset(void* destination, int value, unsigned count);

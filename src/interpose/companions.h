@@ -1,0 +1,19 @@
+// Init<name> and Direct<name>: side doors to the real functions for other modules of the host,
+// exported under their C++ names. They never start the agent, log or record.
+#pragma once
+
+#include "hooks/handlers.h"
+#include "interpose/dlsym_bootstrap.h"
+#include "interpose/export_visibility.h"
+#include "interpose/socket_export_list.h"
+
+template <class Function>
+inline void fillFromNext(Function& pointer, const char* name) {
+  pointer = reinterpret_cast<Function>(lookupNextDefinition(name));
+}
+
+#define TALVEX_DECLARE_COMPANIONS(result, name, parameters, arguments, throws) \
+  TALVEX_EXPORT void Init##name();                                             \
+  TALVEX_EXPORT result Direct##name parameters;
+TALVEX_SOCKET_EXPORTS(TALVEX_DECLARE_COMPANIONS)
+#undef TALVEX_DECLARE_COMPANIONS

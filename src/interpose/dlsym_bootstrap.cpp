@@ -1,0 +1,65 @@
+#include "interpose/dlsym_bootstrap.h"
+
+#include <dlfcn.h>
+
+// Bound to the oldest versions so that the agent loads on older 32-bit C libraries as well as
+// this one, where these names also have a newer default version.
+__asm__(".symver dlopen,dlopen@GLIBC_2.1");
+__asm__(".symver dladdr,dladdr@GLIBC_2.0");
+__asm__(".symver dlvsym,dlvsym@GLIBC_2.1");
+__asm__(".symver dlclose,dlclose@GLIBC_2.0");
+__asm__(".symver dlerror,dlerror@GLIBC_2.0");
+__asm__(".symver dlinfo,dlinfo@GLIBC_2.3.3");
+
+DlsymFunction dlsymptr = nullptr;
+void* handleDLLIB = nullptr;
+void* handleHookLIB = nullptr;
+const char* const libdl = "libdl.so";
+const char* const symb = "dlsym";
+
+namespace {
+
+// Referencing the loader functions keeps them bound when the agent is loaded.
+void* const tableDl[6] __attribute__((used)) = {
+    reinterpret_cast<void*>(&dladdr), reinterpret_cast<void*>(&dlclose), reinterpret_cast<void*>(&dlerror),
+    reinterpret_cast<void*>(&dlinfo), reinterpret_cast<void*>(&dlopen),  reinterpret_cast<void*>(&dlvsym),
+};
+
+// The loader's private lookup by caller address is gone from current C libraries; dlvsym with
+// RTLD_NEXT, called from inside the agent, reaches the same function: the dlsym defined after the
+// agent. The newest version first, so that a C library that has one gives its current dlsym.
+const char* const dlsymVersions[] = {"GLIBC_2.34", "GLIBC_2.0"};
+
+}  // namespace
+
+bool runDlsymBootstrap() {
+  handleDLLIB = dlopen(libdl, RTLD_LAZY);
+  DlsymFunction found = nullptr;
+  for (const char* version : dlsymVersions) {
+    found = reinterpret_cast<DlsymFunction>(dlvsym(RTLD_NEXT, symb, version));
+    if (found != nullptr) break;
+  }
+  dlsymptr = found;
+  Dl_info info;
+  if (dladdr(reinterpret_cast<void*>(&Truedlsym), &info) != 0 && info.dli_fname != nullptr) {
+    handleHookLIB = dlopen(info.dli_fname, RTLD_LAZY);
+    return true;
+  }
+  return false;
+}
+
+void* Truedlsym(void* handle, const char* name) {
+  if (dlsymptr != nullptr) return dlsymptr(handle, name);
+  const bool placed = runDlsymBootstrap();
+  if (dlsymptr == nullptr) return nullptr;
+  // Only on the call that ran the bootstrap, a default-scope lookup is answered from the agent's
+  // own object and its dependencies; later default-scope lookups use the real default scope.
+  if (placed && handle == RTLD_DEFAULT) return dlsymptr(handleHookLIB, name);
+  return dlsymptr(handle, name);
+}
+
+void* lookupNextDefinition(const char* name) {
+  if (dlsymptr == nullptr) runDlsymBootstrap();
+  if (dlsymptr == nullptr) return nullptr;
+  return dlsymptr(RTLD_NEXT, name);
+}

@@ -1,0 +1,33 @@
+// The functions the host binds to instead of the C library's: the only part of the agent that
+// exists solely in the preloaded object, since linking it anywhere else would hook that program.
+#include <dlfcn.h>
+
+#include "agent/agent_startup.h"
+#include "hooks/handlers.h"
+#include "interpose/companions.h"
+#include "interpose/dlsym_bootstrap.h"
+#include "interpose/export_visibility.h"
+#include "interpose/real_functions.h"
+#include "interpose/socket_export_list.h"
+
+// Start the agent once, make sure the real function is known, and let the handler decide.
+#define TALVEX_DEFINE_EXPORT(result, name, parameters, arguments, throws) \
+  extern "C" TALVEX_EXPORT result name parameters throws {                \
+    if (globalInit == 0) GlobalInit();                                    \
+    if (name##_ptr == nullptr) fillFromNext(name##_ptr, #name);           \
+    return My##name arguments;                                            \
+  }
+TALVEX_SOCKET_EXPORTS(TALVEX_DEFINE_EXPORT)
+#undef TALVEX_DEFINE_EXPORT
+
+// Run-time lookups are answered from the agent first, so a host that fetches a hooked function
+// through dlsym still reaches the hook.
+extern "C" TALVEX_EXPORT void* dlsym(void* __restrict handle, const char* __restrict name) __THROW {
+  void* ownObject = handleHookLIB;
+  if (dlsymptr == nullptr) runDlsymBootstrap();
+  if (dlsymptr == nullptr) return nullptr;
+  if (ownObject == nullptr) ownObject = handleHookLIB;
+  void* address = dlsymptr(ownObject, name);
+  if (address != nullptr) return address;
+  return dlsymptr(handle, name);
+}

@@ -1,0 +1,21 @@
+// The SOCKS server the agent may reroute connects through, as the environment configures it.
+#pragma once
+
+#include <netinet/in.h>
+#include <pthread.h>
+
+extern int socksModeActive;
+extern int socksDisplayMode;
+extern const char* socksIpv4Val;
+extern const char* socksIpv6Val;
+extern int socksPort4Val;
+extern int socksPort6Val;
+extern int connectMaxTimeout;
+extern sockaddr_in serverIPV4;
+extern sockaddr_in6 serverIPV6;
+extern pthread_mutex_t criticalSectionSocks;
+
+void initializeSocksParam();
+void InitializeSocks();
+void FinalizeSocks();
+void resolveLocalAdresses();

@@ -1,0 +1,92 @@
+// What the built agent shows the loader: exactly its exports, nothing but the C library.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <regex>
+#include <set>
+#include <string>
+
+#include "process_runner.h"
+#include "test_paths.h"
+
+using namespace talvex_test;
+
+namespace {
+
+std::string tool(const std::vector<std::string>& argv) {
+  const ProcessResult r = runProcess(argv, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 0) << argv[0] << ": " << r.err;
+  return r.out;
+}
+
+const char* const kSocketExports[] = {"socket", "bind", "listen", "accept", "connect", "close", "send",
+                                      "sendto", "sendmsg", "write", "recv", "recvfrom", "recvmsg", "read",
+                                      "getaddrinfo", "getsockname", "getpeername", "getsockopt", "setsockopt",
+                                      "select", "pselect"};
+
+// The C++ names of the Init/Direct companions, as the C library's signatures mangle.
+const char* const kCompanionSignatures[] = {
+    "_Z12Directsocketiii", "_Z10DirectbindiPK8sockaddrj", "_Z12Directlistenii", "_Z12DirectacceptiP8sockaddrPj",
+    "_Z13DirectconnectiPK8sockaddrj", "_Z11Directclosei", "_Z10DirectsendiPKvji",
+    "_Z12DirectsendtoiPKvjiPK8sockaddrj", "_Z13DirectsendmsgiPK6msghdri", "_Z11DirectwriteiPKvj",
+    "_Z10DirectrecviPvji", "_Z14DirectrecvfromiPvjiP8sockaddrPj", "_Z13DirectrecvmsgiP6msghdri",
+    "_Z10DirectreadiPvj", "_Z17DirectgetaddrinfoPKcS0_PK8addrinfoPPS1_", "_Z17DirectgetsocknameiP8sockaddrPj",
+    "_Z17DirectgetpeernameiP8sockaddrPj", "_Z16DirectgetsockoptiiiPvPj", "_Z16DirectsetsockoptiiiPKvj",
+    "_Z12DirectselectiP6fd_setS0_S0_P7timeval", "_Z13DirectpselectiP6fd_setS0_S0_PK8timespecPK10__sigset_t"};
+
+}  // namespace
+
+TEST(AgentBinary, ExportsExactlyItsInterface) {
+  std::set<std::string> expected = {"dlsym",        "globalInit",         "currentProcessId",
+                                    "agentInterfaceUnplugged", "shouldBeLogged", "isOptionalSocketHook",
+                                    "isOptionalSocketHook2",   "getCurrentTimePtr", "startupCalled",
+                                    "startupCalledByMe",       "ExePath"};
+  for (const char* name : kSocketExports) {
+    expected.insert(name);
+    const std::string init = std::string("Init") + name;
+    expected.insert("_Z" + std::to_string(init.size()) + init + "v");
+  }
+  for (const char* name : kCompanionSignatures) expected.insert(name);
+
+  std::set<std::string> actual;
+  for (const auto& line : splitLines(tool({"/usr/bin/nm", "-D", "--defined-only", kAgentPath}))) {
+    const size_t space = line.rfind(' ');
+    if (space != std::string::npos) actual.insert(line.substr(space + 1));
+  }
+  EXPECT_EQ(actual, expected);
+}
+
+TEST(AgentBinary, NeedsNothingButTheCLibrary) {
+  std::set<std::string> needed;
+  const std::regex entry(R"(\(NEEDED\)\s+Shared library: \[([^\]]+)\])");
+  for (const auto& line : splitLines(tool({"/usr/bin/readelf", "-d", kAgentPath}))) {
+    std::smatch m;
+    if (std::regex_search(line, m, entry)) needed.insert(m[1]);
+  }
+  EXPECT_EQ(needed, (std::set<std::string>{"libc.so.6", "libdl.so.2"}));
+}
+
+TEST(AgentBinary, LoadsOnCLibrariesFrom2_17On) {
+  const std::regex version(R"(GLIBC_(\d+)\.(\d+)(?:\.(\d+))?)");
+  const std::string table = tool({"/usr/bin/objdump", "-T", kAgentPath});
+  int versions = 0;
+  for (auto it = std::sregex_iterator(table.begin(), table.end(), version); it != std::sregex_iterator(); ++it) {
+    const int major = std::stoi((*it)[1]);
+    const int minor = std::stoi((*it)[2]);
+    EXPECT_TRUE(major < 2 || (major == 2 && minor <= 17)) << (*it)[0];
+    ++versions;
+  }
+  EXPECT_GT(versions, 0);
+}
+
+TEST(AgentBinary, HasNoStaticConstructors) {
+  const std::string symbols = tool({"/usr/bin/nm", kAgentPath});
+  EXPECT_EQ(symbols.find("_GLOBAL__sub_I"), std::string::npos);
+  // One pointer in the init array: the C runtime's own frame_dummy, which every shared object has.
+  const std::string dynamic = tool({"/usr/bin/readelf", "-d", kAgentPath});
+  EXPECT_EQ(linesContaining(dynamic, "(INIT_ARRAYSZ)").size(), 1u);
+  for (const auto& line : linesContaining(dynamic, "(INIT_ARRAYSZ)")) {
+    EXPECT_NE(line.find(" 4 (bytes)"), std::string::npos) << line;
+  }
+  EXPECT_NE(symbols.find(" frame_dummy"), std::string::npos);
+}

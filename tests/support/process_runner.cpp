@@ -1,0 +1,224 @@
+#include "process_runner.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "test_paths.h"
+
+extern char** environ;
+
+namespace talvex_test {
+
+Environment cleanEnvironment(const Environment& extra) {
+  Environment environment;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    std::string pair(*entry);
+    const size_t equals = pair.find('=');
+    if (equals == std::string::npos) continue;
+    const std::string name = pair.substr(0, equals);
+    if (name == "LD_PRELOAD" || name.rfind("TALVEX_", 0) == 0) continue;
+    environment[name] = pair.substr(equals + 1);
+  }
+  for (const auto& entry : extra) environment[entry.first] = entry.second;
+  return environment;
+}
+
+Environment agentEnvironment(const Environment& extra) {
+  Environment environment = cleanEnvironment(extra);
+  environment["LD_PRELOAD"] = kAgentPath;
+  return environment;
+}
+
+ProcessResult runProcess(const std::vector<std::string>& argv, const Environment& environment,
+                         std::chrono::seconds timeout) {
+  ProcessResult result;
+  int outPipe[2], errPipe[2];
+  if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) return result;
+  std::vector<std::string> pairs;
+  for (const auto& entry : environment) pairs.push_back(entry.first + "=" + entry.second);
+  std::vector<char*> envp, args;
+  for (auto& p : pairs) envp.push_back(const_cast<char*>(p.c_str()));
+  envp.push_back(nullptr);
+  for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(outPipe[1], 1);
+    dup2(errPipe[1], 2);
+    execve(args[0], args.data(), envp.data());
+    dprintf(2, "exec %s: %s\n", args[0], strerror(errno));
+    _exit(127);
+  }
+  result.pid = pid;
+  close(outPipe[1]);
+  close(errPipe[1]);
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
+  int openCount = 2;
+  while (openCount > 0) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      result.timedOut = true;
+      kill(pid, SIGKILL);
+      break;
+    }
+    if (poll(fds, 2, static_cast<int>(left.count())) < 0 && errno != EINTR) break;
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+      char chunk[4096];
+      const ssize_t n = read(fds[i].fd, chunk, sizeof chunk);
+      if (n > 0) {
+        (i == 0 ? result.out : result.err).append(chunk, static_cast<size_t>(n));
+      } else {
+        close(fds[i].fd);
+        fds[i].fd = -1;
+        --openCount;
+      }
+    }
+  }
+  for (auto& f : fds) {
+    if (f.fd >= 0) close(f.fd);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+  return result;
+}
+
+std::vector<std::string> splitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  std::string line;
+  while (std::getline(stream, line)) lines.push_back(line);
+  return lines;
+}
+
+std::vector<std::string> linesContaining(const std::string& text, const std::string& needle) {
+  std::vector<std::string> found;
+  for (const auto& line : splitLines(text)) {
+    if (line.find(needle) != std::string::npos) found.push_back(line);
+  }
+  return found;
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+std::vector<std::string> listDirectory(const std::string& path) {
+  std::vector<std::string> names;
+  DIR* dir = opendir(path.c_str());
+  if (dir == nullptr) return names;
+  while (dirent* entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  closedir(dir);
+  return names;
+}
+
+TempDir::TempDir() {
+  const char* base = getenv("TMPDIR");
+  std::string pattern = std::string(base ? base : "/tmp") + "/talvex-test-XXXXXX";
+  std::vector<char> buffer(pattern.begin(), pattern.end());
+  buffer.push_back('\0');
+  if (mkdtemp(buffer.data()) != nullptr) path_ = buffer.data();
+}
+
+TempDir::~TempDir() {
+  if (path_.empty()) return;
+  const std::string command = "rm -rf '" + path_ + "'";
+  (void)!system(command.c_str());
+}
+
+namespace {
+
+int listenOnLoopback(int* port) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address;
+  memset(&address, 0, sizeof address);
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 64) != 0) {
+    close(fd);
+    return -1;
+  }
+  socklen_t length = sizeof address;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  *port = ntohs(address.sin_port);
+  return fd;
+}
+
+void echoLoop(int listener, int wake) {
+  std::vector<std::thread> workers;
+  for (;;) {
+    pollfd fds[2] = {{listener, POLLIN, 0}, {wake, POLLIN, 0}};
+    if (poll(fds, 2, -1) < 0 && errno != EINTR) break;
+    if (fds[1].revents) break;
+    if (!fds[0].revents) continue;
+    const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (client < 0) continue;
+    workers.emplace_back([client] {
+      char chunk[65536];
+      ssize_t n;
+      while ((n = read(client, chunk, sizeof chunk)) > 0) {
+        ssize_t sent = 0;
+        while (sent < n) {
+          const ssize_t w = write(client, chunk + sent, static_cast<size_t>(n - sent));
+          if (w <= 0) break;
+          sent += w;
+        }
+      }
+      close(client);
+    });
+  }
+  for (auto& w : workers) w.join();
+}
+
+}  // namespace
+
+EchoServer::EchoServer() {
+  listener_ = listenOnLoopback(&port_);
+  if (pipe2(wake_, O_CLOEXEC) != 0) return;
+  thread_ = new std::thread(echoLoop, listener_, wake_[0]);
+}
+
+EchoServer::~EchoServer() {
+  if (wake_[1] >= 0) (void)!write(wake_[1], "x", 1);
+  if (thread_ != nullptr) {
+    auto* t = static_cast<std::thread*>(thread_);
+    t->join();
+    delete t;
+  }
+  close(listener_);
+  close(wake_[0]);
+  close(wake_[1]);
+}
+
+int closedLoopbackPort() {
+  int port = 0;
+  const int fd = listenOnLoopback(&port);
+  close(fd);
+  return port;
+}
+
+}  // namespace talvex_test

@@ -1,0 +1,67 @@
+// Runs a program of the test suite as a child process with an exact environment and collects
+// what it printed and how it ended.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace talvex_test {
+
+struct ProcessResult {
+  std::string out;
+  std::string err;
+  int exitCode = -1;      // valid when exited
+  int signal = 0;         // the signal that ended it, or 0
+  bool timedOut = false;
+  int pid = 0;
+};
+
+using Environment = std::map<std::string, std::string>;
+
+// The parent's environment without any agent variable or preload, plus `extra`.
+Environment cleanEnvironment(const Environment& extra = {});
+
+// The same with the built agent preloaded.
+Environment agentEnvironment(const Environment& extra = {});
+
+ProcessResult runProcess(const std::vector<std::string>& argv, const Environment& environment,
+                         std::chrono::seconds timeout = std::chrono::seconds(60));
+
+// Lines of `text` that contain `needle`.
+std::vector<std::string> linesContaining(const std::string& text, const std::string& needle);
+std::vector<std::string> splitLines(const std::string& text);
+std::string readFile(const std::string& path);
+std::vector<std::string> listDirectory(const std::string& path);
+
+// A fresh directory under the system's temporary directory, removed with its contents.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// A loopback TCP server that echoes every byte back, on a port the system chose.
+class EchoServer {
+ public:
+  EchoServer();
+  ~EchoServer();
+  int port() const { return port_; }
+
+ private:
+  int listener_ = -1;
+  int port_ = 0;
+  int wake_[2] = {-1, -1};
+  void* thread_ = nullptr;
+};
+
+// A loopback port with nothing listening on it (bound once by the system, then released).
+int closedLoopbackPort();
+
+}  // namespace talvex_test

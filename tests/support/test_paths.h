@@ -1,0 +1,6 @@
+// Where the build put the artefacts the tests run; set by the build system.
+#pragma once
+
+constexpr const char* kAgentPath = TALVEX_AGENT_PATH;
+constexpr const char* kProbePath = TALVEX_PROBE_PATH;
+constexpr const char* kRecorderCoreStandinPath = TALVEX_RECORDER_CORE_STANDIN_PATH;
