@@ -102,6 +102,36 @@ TEST(RecorderCore, FoundThroughTheVariable) {
   EXPECT_EQ(linesContaining(r.out, "clock found value=42").size(), 1u) << r.out;
 }
 
+TEST(StartUp, FirstCallCloseOfANonSocketStartsTheAgentFirst) {
+  TempDir tmp;
+  const ProcessResult r = runProcess(
+      {kProbePath, "first-close"},
+      agentEnvironment({{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "2"}, {"TALVEX_SOCKET_AGENT_DEBUG_DIR", tmp.path()}}));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(splitLines(r.out), (std::vector<std::string>{"close result=-1 errno=9", "globalInit 1"}));
+  EXPECT_EQ(listDirectory(tmp.path()).size(), 1u);
+}
+
+TEST(StartUp, HookedCallsMadeDuringStartUpReachTheCLibrary) {
+  // The recorder core is loaded in the middle of start-up; its own socket calls enter the agent
+  // again and must go through without a second start-up.
+  TempDir tmp;
+  const ProcessResult r = runStartup({{"TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH", kRecorderCoreStandinPath},
+                                      {"TALVEX_STANDIN_SOCKET_ON_LOAD", "1"},
+                                      {"TALVEX_STANDIN_FIXED_TIME", "7"},
+                                      {"TALVEX_SOCKET_AGENT_DEBUG_LVL", "2"},
+                                      {"TALVEX_SOCKET_AGENT_DEBUG_DIR", tmp.path()}});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const auto lines = splitLines(r.out);
+  ASSERT_GE(lines.size(), 3u) << r.out;
+  EXPECT_EQ(lines[0], "standin-on-load socket-valid=1 close=0 close-again=-1 errno=9");
+  EXPECT_EQ(lines[1], "socket valid=1");
+  EXPECT_EQ(lines[2], "clock found value=7");
+  const auto files = listDirectory(tmp.path());
+  ASSERT_EQ(files.size(), 1u);
+  EXPECT_EQ(linesContaining(readFile(tmp.file(files[0])), "starting to resolve local addresses").size(), 1u);
+}
+
 TEST(RecorderCore, AbsentEverywhereLeavesNoClock) {
   ProcessResult r = runStartup({});
   ASSERT_EQ(r.exitCode, 0) << r.err;

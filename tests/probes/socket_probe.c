@@ -213,6 +213,16 @@ static int scenarioStartup(void) {
   return 0;
 }
 
+/* The process's very first hooked call is a close of something that is not a socket. */
+static int scenarioFirstCallClose(void) {
+  errno = 0;
+  int result = close(12345);
+  printf("close result=%d errno=%d\n", result, errno);
+  int* initFlag = (int*)dlsym(RTLD_DEFAULT, "globalInit");
+  printf("globalInit %s\n", initFlag ? (*initFlag ? "1" : "0") : "absent");
+  return 0;
+}
+
 int main(int argc, char** argv) {
   setvbuf(stdout, NULL, _IONBF, 0);
   if (argc >= 5 && strcmp(argv[1], "calls") == 0) return scenarioCalls(atoi(argv[2]), atoi(argv[3]), argv[4]);
@@ -220,7 +230,8 @@ int main(int argc, char** argv) {
   if (argc >= 3 && strcmp(argv[1], "direct") == 0) return scenarioDirect(atoi(argv[2]));
   if (argc >= 4 && strcmp(argv[1], "threads") == 0) return scenarioThreads(atoi(argv[2]), atoi(argv[3]));
   if (argc >= 2 && strcmp(argv[1], "startup") == 0) return scenarioStartup();
+  if (argc >= 2 && strcmp(argv[1], "first-close") == 0) return scenarioFirstCallClose();
   fprintf(stderr, "usage: socket_probe calls ECHO_PORT CLOSED_PORT FILE | dlsym | direct PORT | "
-                  "threads N PORT | startup\n");
+                  "threads N PORT | startup | first-close\n");
   return 2;
 }

@@ -9,7 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <map>
+#include <algorithm>
 
 namespace talvex {
 
@@ -82,12 +82,17 @@ void RecorderEndpoint::stop(std::chrono::milliseconds drain) {
 }
 
 void RecorderEndpoint::run() {
-  std::map<int, std::string> open;  // connection -> bytes so far
+  // Open connections in the order they were accepted: when several end in the same poll round,
+  // that order is the order in which the peer sent them. Descriptor numbers are reused, so they
+  // say nothing about order.
+  struct Connection {
+    int fd;
+    std::string data;
+    bool done;
+  };
+  std::vector<Connection> open;
   bool accepting = true;
-  auto complete = [&](int fd) {
-    std::string message = std::move(open[fd]);
-    open.erase(fd);
-    close(fd);
+  auto deliver = [&](std::string message) {
     if (handler_) handler_(message);
     std::lock_guard<std::mutex> lock(mutex_);
     messages_.push_back(std::move(message));
@@ -97,8 +102,8 @@ void RecorderEndpoint::run() {
   for (;;) {
     std::vector<pollfd> watched;
     watched.push_back({wakeRead_, POLLIN, 0});
-    if (accepting) watched.push_back({listener_, POLLIN, 0});
-    for (auto& entry : open) watched.push_back({entry.first, POLLIN, 0});
+    watched.push_back({accepting ? listener_ : -1, POLLIN, 0});
+    for (const Connection& c : open) watched.push_back({c.fd, POLLIN, 0});
     int timeoutMs = -1;
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -118,42 +123,47 @@ void RecorderEndpoint::run() {
     const int ready = poll(watched.data(), watched.size(), timeoutMs);
     if (ready < 0 && errno != EINTR) break;
     if (ready <= 0) continue;
-    for (const pollfd& p : watched) {
-      if (p.revents == 0) continue;
-      if (p.fd == wakeRead_) {
-        char sink[16];
-        while (read(wakeRead_, sink, sizeof sink) > 0) {
+    if (watched[0].revents) {
+      char sink[16];
+      while (read(wakeRead_, sink, sizeof sink) > 0) {
+      }
+    }
+    // Connections first, then new ones: a new connection cannot have ended before an older one.
+    for (size_t i = 0; i < open.size(); ++i) {
+      if (watched[i + 2].revents == 0) continue;
+      Connection& c = open[i];
+      char chunk[65536];
+      for (;;) {
+        const ssize_t n = read(c.fd, chunk, sizeof chunk);
+        if (n > 0) {
+          c.data.append(chunk, static_cast<size_t>(n));
+          continue;
         }
-      } else if (accepting && p.fd == listener_) {
-        for (;;) {
-          const int fd = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-          if (fd < 0) break;
-          open[fd];
-          std::lock_guard<std::mutex> lock(mutex_);
-          ++connections_;
-        }
-      } else {
-        char chunk[65536];
-        for (;;) {
-          const ssize_t n = read(p.fd, chunk, sizeof chunk);
-          if (n > 0) {
-            open[p.fd].append(chunk, static_cast<size_t>(n));
-            continue;
-          }
-          if (n == 0 || (errno != EAGAIN && errno != EINTR)) complete(p.fd);
-          break;
-        }
+        if (n == 0 || (errno != EAGAIN && errno != EINTR)) c.done = true;
+        break;
+      }
+    }
+    for (Connection& c : open) {
+      if (!c.done) continue;
+      close(c.fd);
+      deliver(std::move(c.data));
+    }
+    open.erase(std::remove_if(open.begin(), open.end(), [](const Connection& c) { return c.done; }), open.end());
+    if (accepting && watched[1].revents) {
+      for (;;) {
+        const int fd = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) break;
+        open.push_back({fd, std::string(), false});
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++connections_;
       }
     }
   }
   // What is still open when the endpoint stops is kept as it stands: a truncated message is
   // better evidence than none.
-  for (auto& entry : open) {
-    close(entry.first);
-    if (entry.second.empty()) continue;
-    if (handler_) handler_(entry.second);
-    std::lock_guard<std::mutex> lock(mutex_);
-    messages_.push_back(std::move(entry.second));
+  for (Connection& c : open) {
+    close(c.fd);
+    if (!c.data.empty()) deliver(std::move(c.data));
   }
   if (listener_ >= 0) close(listener_);
   listener_ = -1;
