@@ -1,6 +1,7 @@
 // The functions the host binds to instead of the C library's: the only part of the agent that
 // exists solely in the preloaded object, since linking it anywhere else would hook that program.
 #include <dlfcn.h>
+#include <errno.h>
 
 #include "agent/agent_startup.h"
 #include "hooks/handlers.h"
@@ -11,9 +12,14 @@
 #include "interpose/socket_export_list.h"
 
 // Start the agent once, make sure the real function is known, and let the handler decide.
+// A successful call leaves errno alone, so whatever start-up did to errno must not show.
 #define TALVEX_DEFINE_EXPORT(result, name, parameters, arguments, throws) \
   extern "C" TALVEX_EXPORT result name parameters throws {                \
-    if (globalInit == 0) GlobalInit();                                    \
+    if (globalInit == 0) {                                                \
+      const int callerErrno = errno;                                      \
+      GlobalInit();                                                       \
+      errno = callerErrno;                                                \
+    }                                                                     \
     if (name##_ptr == nullptr) fillFromNext(name##_ptr, #name);           \
     return My##name arguments;                                            \
   }

@@ -1,20 +1,86 @@
+// select, pselect and setsockopt are observed, never recorded as traffic: they are logged, and
+// the recorder is told that select and pselect were used.
+#include <errno.h>
+
+#include "agent/time_base.h"
+#include "diag/debug_log.h"
+#include "diag/name_tables.h"
+#include "hooks/counters.h"
 #include "hooks/handlers.h"
 #include "interpose/companions.h"
 #include "interpose/real_functions.h"
+#include "recorder/agent_interface.h"
 
-// Until their log lines and not-recorded notices are built, these handlers only pass the call on.
-int Mysetsockopt(int fd, int level, int optname, const void* optval, socklen_t optlen) {
-  if (setsockopt_ptr == nullptr) Initsetsockopt();
-  return setsockopt_ptr(fd, level, optname, optval, optlen);
+namespace {
+
+// Time stamps and a ticket are drawn and dropped: the ticket sequence advances for every
+// observed call, recorded or not, so tickets still order all calls. The clock belongs to another
+// library, so errno is kept across it for the real call to find.
+int beginObservedCall() {
+  const int callerErrno = errno;
+  (void)getTimeStamp();
+  (void)getTimeStampNs();
+  (void)getTicket();
+  errno = callerErrno;
+  return static_cast<int>(getGlobalCpt());
 }
 
+// Anything but 0 is logged as an error, ready descriptors included: logs compare line for line
+// with those of earlier recordings, which read this way.
+void logOutcome(const char* name, int cpt, int result, int error) {
+  if (result != 0) {
+    x_disp(DMK_RET, "[%d]%s (SOCKET ERROR : %d %s : %s):", cpt, name, error, getSocketErrorKind(error),
+           getSocketErrorMsg(error));
+  } else {
+    x_disp(DMK_RET, "[%d]%s (OK): %d", cpt, name, 0);
+  }
+}
+
+}  // namespace
+
 int Myselect(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, timeval* timeout) {
+  const int cpt = beginObservedCall();
+  x_disp(DMK_CALL, "[%d]select(%s=>%d,%s=>%p,%s=>%p,%s=>%p,%s=>%p)", cpt, "nfds", nfds, "readfds",
+         static_cast<void*>(readfds), "writefds", static_cast<void*>(writefds), "exceptfds",
+         static_cast<void*>(exceptfds), "timeout", static_cast<void*>(timeout));
+  x_disp(DMK_INFO, "<NOT_RECORDED_HOOK> %s", "select");
   if (select_ptr == nullptr) Initselect();
-  return select_ptr(nfds, readfds, writefds, exceptfds, timeout);
+  const int result = select_ptr(nfds, readfds, writefds, exceptfds, timeout);
+  const int error = readErrorCode();
+  logOutcome("select", cpt, result, error);
+  sendNotHookedInfo("select");
+  restoreErrorCode(error);
+  return result;
 }
 
 int Mypselect(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, const timespec* timeout,
               const sigset_t* sigmask) {
+  const int cpt = beginObservedCall();
+  x_disp(DMK_CALL, "[%d]pselect(%s=>%d,%s=>%p,%s=>%p,%s=>%p,%s=>%p,%s=>%p)", cpt, "nfds", nfds, "readfds",
+         static_cast<void*>(readfds), "writefds", static_cast<void*>(writefds), "exceptfds",
+         static_cast<void*>(exceptfds), "timeout", static_cast<const void*>(timeout), "sigmask",
+         static_cast<const void*>(sigmask));
+  x_disp(DMK_INFO, "<NOT_RECORDED_HOOK> %s", "pselect");
   if (pselect_ptr == nullptr) Initpselect();
-  return pselect_ptr(nfds, readfds, writefds, exceptfds, timeout, sigmask);
+  const int result = pselect_ptr(nfds, readfds, writefds, exceptfds, timeout, sigmask);
+  const int error = readErrorCode();
+  logOutcome("pselect", cpt, result, error);
+  sendNotHookedInfo("pselect");
+  restoreErrorCode(error);
+  return result;
+}
+
+int Mysetsockopt(int fd, int level, int optname, const void* optval, socklen_t optlen) {
+  const int cpt = beginObservedCall();
+  // The descriptor in hexadecimal and "0x%p" (the prefix twice) are how these lines always read.
+  x_disp(DMK_CALL, "[%d]setsockopt(%s=>%x ,%s=>%d ,%s=>%d ,%s=>0x%p ,%s=>%d)", cpt, "__fd",
+         static_cast<unsigned>(fd), "__level", level, "__optname", optname, "__optval", optval, "__optlen",
+         static_cast<int>(optlen));
+  x_disp(DMK_INFO, "<NOT_RECORDED_HOOK> %s", "setsockopt");
+  if (setsockopt_ptr == nullptr) Initsetsockopt();
+  const int result = setsockopt_ptr(fd, level, optname, optval, optlen);
+  const int error = readErrorCode();
+  logOutcome("setsockopt", cpt, result, error);
+  restoreErrorCode(error);
+  return result;
 }

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 #include <arpa/inet.h>
+#include <errno.h>
 #include <unistd.h>
 
 typedef int (*ErrorGetter)();
@@ -91,6 +92,17 @@ int True_inet_pton(int family, const char* text, void* destination);
 char* True_inet_ntoa(in_addr address);
 int True_WSAGetLastError();
 void True_WSASetLastError(int code);
+
+// The error code a real call left, read and put back the way every handler does it; before
+// start-up has set the accessors (a call made while the agent starts) errno is used directly.
+inline int readErrorCode() { return WSAGetLastError_ptr != nullptr ? WSAGetLastError_ptr() : errno; }
+inline void restoreErrorCode(int code) {
+  if (WSASetLastError_ptr != nullptr) {
+    WSASetLastError_ptr(code);
+  } else {
+    errno = code;
+  }
+}
 
 // Calls through a real-function pointer, looking it up first when it is still null. A name the C
 // library lacks gives the neutral value of the result type (0, null) and leaves errno alone.

@@ -1,4 +1,54 @@
 #include "recorder/recorder_channel_startup.h"
 
-// The recorder channel is not built yet: no agent interface exists, so nothing is ever sent.
-void startRecorderChannel() {}
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "agent/agent_startup.h"
+#include "agent/time_base.h"
+#include "diag/debug_log.h"
+#include "hooks/counters.h"
+#include "recorder/agent_interface.h"
+#include "recorder/recorder_message.h"
+
+namespace {
+
+void logUnpluggedBanner() {
+  x_disp(DMK_INFO, "************************************************************");
+  x_disp(DMK_INFO, "* WARNING :                                                *");
+  x_disp(DMK_INFO, "*    agent interface is unplugged (recording disabled)     *");
+  x_disp(DMK_INFO, "*    undefine \"TALVEX_SOCKET_AGENT_UNPLUG_AGENT\" *");
+  x_disp(DMK_INFO, "************************************************************");
+}
+
+// The first message of the process; the recorder learns from it who is talking.
+RecorderMessage* buildProcessMessage() {
+  RecorderMessage* message = createRecorderMessage(RMT_PROCESS, 0);
+  if (message == nullptr) return nullptr;
+  const int64_t stampNs = getTimeStampNs();
+  if (stampNs != -1) message->set(RMA_TIMESTAMP_NS, stampNs);
+  // The process message carries a zero millisecond time stamp; the recorder expects it so.
+  message->set(RMA_TIMESTAMP, 0);
+  message->set(RMA_TICKET, static_cast<int>(getTicket()));
+  char* workingDirectory = get_current_dir_name();
+  message->set(RMA_WORKINGDIR, workingDirectory, 0);
+  free(workingDirectory);
+  message->set(RMA_PID, static_cast<int>(getpid()));
+  message->set(RMA_ARCHI, "LINUX", 0);
+  return message;
+}
+
+}  // namespace
+
+void startRecorderChannel() {
+  if (getenv("TALVEX_SOCKET_AGENT_UNPLUG_AGENT") != nullptr) {
+    agentInterfaceUnplugged = 1;
+    logUnpluggedBanner();
+  }
+  RecorderMessage* processMessage = buildProcessMessage();
+  const char* address = getenv("TALVEX_SOCKET_AGENT_IP_ADDRESS");
+  const char* port = getenv("TALVEX_SOCKET_AGENT_PORT_NUMBER");
+  x_disp(DMK_INFO, "@@@@ ip : %s\t @@@@ port : %s", address ? address : "(null)", port ? port : "(null)");
+  // A previous interface (start-up run again) is left alive: another thread may be using it.
+  AgentInterface* created = createAgentInterface(address, port, processMessage);
+  if (created != nullptr) agentInterface = created;
+}

@@ -40,7 +40,10 @@ TEST(AgentBinary, ExportsExactlyItsInterface) {
   std::set<std::string> expected = {"dlsym",        "globalInit",         "currentProcessId",
                                     "agentInterfaceUnplugged", "shouldBeLogged", "isOptionalSocketHook",
                                     "isOptionalSocketHook2",   "getCurrentTimePtr", "startupCalled",
-                                    "startupCalledByMe",       "ExePath"};
+                                    "startupCalledByMe",       "ExePath",
+                                    "end",
+                                    "_Z21sendNotHookedBadArchiPKc",
+                                    "_ZN14AgentInterface16emitEndOfProcessEPKcS1_x"};
   for (const char* name : kSocketExports) {
     expected.insert(name);
     const std::string init = std::string("Init") + name;

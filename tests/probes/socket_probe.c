@@ -223,6 +223,46 @@ static int scenarioFirstCallClose(void) {
   return 0;
 }
 
+/* Calls that reach the recorder channel: each argument is one step, done in order. */
+static int scenarioChannel(int argc, char** argv) {
+  for (int i = 2; i < argc; ++i) {
+    const char* step = argv[i];
+    if (strcmp(step, "select") == 0) {
+      struct timeval zero = {0, 0};
+      /* A select that times out leaves errno as it was: 77 must come back. */
+      errno = 77;
+      int result = select(0, NULL, NULL, NULL, &zero);
+      printf("select result=%d errno=%d\n", result, errno);
+    } else if (strcmp(step, "setsockopt-bad") == 0) {
+      int one = 1;
+      errno = 0;
+      int result = setsockopt(-1, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+      printf("setsockopt result=%d errno=%d\n", result, errno);
+    } else if (strcmp(step, "end") == 0) {
+      int (*endFunction)(void) = (int (*)(void))dlsym(RTLD_DEFAULT, "end");
+      errno = 0;
+      printf("end result=%d errno=%d\n", endFunction ? endFunction() : -99, errno);
+    } else if (strcmp(step, "badarchi") == 0) {
+      void (*notice)(const char*) = (void (*)(const char*))dlsym(RTLD_DEFAULT, "_Z21sendNotHookedBadArchiPKc");
+      if (notice) notice(NULL);
+      printf("badarchi %s\n", notice ? "sent" : "absent");
+    } else if (strncmp(step, "emit=", 5) == 0) {
+      /* emit=PORT: an exit message through a temporary channel of its own. */
+      int (*emit)(const char*, const char*, long long) =
+          (int (*)(const char*, const char*, long long))dlsym(RTLD_DEFAULT, "_ZN14AgentInterface16emitEndOfProcessEPKcS1_x");
+      printf("emit result=%d\n", emit ? emit("127.0.0.1", step + 5, 0) : -99);
+    } else if (strcmp(step, "lose-cwd") == 0) {
+      char dir[] = "/tmp/talvex-probe-XXXXXX";
+      if (mkdtemp(dir) == NULL || chdir(dir) != 0 || rmdir(dir) != 0) return 3;
+      printf("cwd removed\n");
+    } else {
+      fprintf(stderr, "unknown step %s\n", step);
+      return 2;
+    }
+  }
+  return 0;
+}
+
 int main(int argc, char** argv) {
   setvbuf(stdout, NULL, _IONBF, 0);
   if (argc >= 5 && strcmp(argv[1], "calls") == 0) return scenarioCalls(atoi(argv[2]), atoi(argv[3]), argv[4]);
@@ -231,7 +271,8 @@ int main(int argc, char** argv) {
   if (argc >= 4 && strcmp(argv[1], "threads") == 0) return scenarioThreads(atoi(argv[2]), atoi(argv[3]));
   if (argc >= 2 && strcmp(argv[1], "startup") == 0) return scenarioStartup();
   if (argc >= 2 && strcmp(argv[1], "first-close") == 0) return scenarioFirstCallClose();
+  if (argc >= 2 && strcmp(argv[1], "channel") == 0) return scenarioChannel(argc, argv);
   fprintf(stderr, "usage: socket_probe calls ECHO_PORT CLOSED_PORT FILE | dlsym | direct PORT | "
-                  "threads N PORT | startup | first-close\n");
+                  "threads N PORT | startup | first-close | channel STEP...\n");
   return 2;
 }

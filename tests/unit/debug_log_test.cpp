@@ -10,6 +10,7 @@
 #include <string>
 
 #include "agent/agent_startup.h"
+#include "log_capture.h"
 #include "process_runner.h"
 
 using talvex_test::listDirectory;
@@ -25,16 +26,7 @@ class DebugLog : public ::testing::Test {
   void SetUp() override { reset(); }
   void TearDown() override { reset(); }
 
-  static void reset() {
-    if (hLogFile != nullptr) fclose(hLogFile);
-    hLogFile = nullptr;
-    free(debugFileNameFlush);
-    debugFileNameFlush = nullptr;
-    defaultDebugDisplayInitialized = false;
-    debugLvl = -1;
-    unsetenv("TALVEX_SOCKET_AGENT_DEBUG_LVL");
-    unsetenv("TALVEX_SOCKET_AGENT_DEBUG_DIR");
-  }
+  static void reset() { talvex_test::resetDebugLog(); }
 
   void configure(const char* level, const std::string* dir) {
     if (level) setenv("TALVEX_SOCKET_AGENT_DEBUG_LVL", level, 1);

@@ -1,0 +1,88 @@
+#include "recorder/recorder_message.h"
+
+#include <new>
+#include <stdlib.h>
+
+#include "diag/debug_log.h"
+
+RecorderMessage::RecorderMessage(RecorderMessageKind kind, int32_t sequence)
+    : buffer_(nullptr), sequence_(sequence), return_(0), error_(0) {
+  void* memory = malloc(sizeof(PrintBuffer));
+  if (memory == nullptr) return;
+  buffer_ = new (memory) PrintBuffer();
+  buffer_->append("<", 1);
+  buffer_->append(MARKER_RMT[kind], 0);
+}
+
+RecorderMessage::~RecorderMessage() {
+  if (buffer_ == nullptr) return;
+  buffer_->~PrintBuffer();
+  free(buffer_);
+}
+
+void RecorderMessage::set(RecorderMessageAttribute attribute, int value) {
+  if (attribute == RMA_RETURN) {
+    return_ = value;
+    return;
+  }
+  if (attribute == RMA_ERROR) {
+    error_ = value;
+    if (return_ != -1) return;
+  }
+  if (buffer_) buffer_->appendAttr(attribute, value);
+}
+
+void RecorderMessage::set(RecorderMessageAttribute attribute, int64_t value) {
+  if (attribute == RMA_RETURN) {
+    return_ = value;
+    return;
+  }
+  if (attribute == RMA_ERROR) {
+    error_ = value;
+    if (return_ != -1) return;
+  }
+  if (buffer_) buffer_->appendAttr(attribute, value);
+}
+
+void RecorderMessage::set(RecorderMessageAttribute attribute, unsigned value) {
+  if (buffer_) buffer_->appendAttr(attribute, value);
+}
+
+void RecorderMessage::set(RecorderMessageAttribute attribute, const char* text, int n) {
+  if (n < 0 || text == nullptr || buffer_ == nullptr) return;
+  buffer_->appendAttr(attribute, text, static_cast<unsigned>(n));
+}
+
+void RecorderMessage::set(RecorderMessageAttribute attribute, const wchar_t* wide, int n) {
+  if (n < 0 || wide == nullptr || buffer_ == nullptr) return;
+  buffer_->appendAttr(attribute, wide, static_cast<unsigned>(n));
+}
+
+void RecorderMessage::setiovect(RecorderMessageAttribute attribute, const iovec* list, int count, unsigned limit) {
+  if (list == nullptr || buffer_ == nullptr) return;
+  buffer_->appendAttr(attribute, list, count > 0 ? static_cast<unsigned>(count) : 0u, limit);
+}
+
+void RecorderMessage::finish() {
+  if (buffer_ == nullptr) return;
+  buffer_->append("/>", 2);
+  x_disp(DMK_DATA, "[%d]%s", sequence_, buffer_->toString());
+  buffer_->append("\n", 1);
+}
+
+void RecorderMessage::display() const { x_disp(DMK_DATA, "[%d]%s", sequence_, toString()); }
+
+const char* RecorderMessage::toString() const { return buffer_ ? buffer_->toString() : ""; }
+unsigned RecorderMessage::length() const { return buffer_ ? buffer_->length() : 0; }
+bool RecorderMessage::complete() const { return buffer_ != nullptr && buffer_->complete(); }
+
+RecorderMessage* createRecorderMessage(RecorderMessageKind kind, int32_t sequence) {
+  void* memory = malloc(sizeof(RecorderMessage));
+  return memory != nullptr ? new (memory) RecorderMessage(kind, sequence) : nullptr;
+}
+
+void destroyRecorderMessage(RecorderMessage* message) {
+  if (message == nullptr) return;
+  message->~RecorderMessage();
+  free(message);
+}

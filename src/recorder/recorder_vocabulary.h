@@ -1,0 +1,56 @@
+// The recorder's vocabulary: message kinds, attribute names and value type tags.
+#pragma once
+
+enum RecorderMessageKind {
+  RMT_PROCESS = 0,
+  RMT_ADDRINFO = 1,
+  RMT_CONNECT = 2,
+  RMT_SEND = 3,
+  RMT_RECEIVE = 4,
+  RMT_COPYFILE = 5,
+  RMT_CLOSE = 6,
+  RMT_ACCEPT = 7,
+  RMT_EXIT = 8,
+  RMT_DEBUG = 9,
+  RMT_NOTRECORDED = 10,
+};
+
+enum RecorderMessageAttributeType {
+  RMAT_I4 = 0,
+  RMAT_U4 = 1,
+  RMAT_I8 = 2,
+  RMAT_AS = 3,
+  RMAT_UN = 4,
+};
+
+enum RecorderMessageAttribute {
+  RMA_COMMANDLINE = 0,
+  RMA_WORKINGDIR = 1,
+  RMA_DATA = 2,
+  RMA_DURATION = 3,
+  RMA_FAMILY = 4,
+  RMA_FROM = 5,
+  RMA_IP = 6,
+  RMA_LENGTH = 7,
+  RMA_NAME = 8,
+  RMA_PID = 9,
+  RMA_PORT = 10,
+  RMA_RETURN = 11,
+  RMA_SOCKET = 12,
+  RMA_TICKET = 13,
+  RMA_TIMESTAMP = 14,
+  RMA_TO = 15,
+  RMA_ERROR = 16,
+  RMA_INFO = 17,
+  RMA_DURATION_NS = 18,
+  RMA_TIMESTAMP_NS = 19,
+  RMA_LOCALPORT = 20,
+  RMA_SOCKSERROR = 21,
+  RMA_LOOPBACK = 22,
+  RMA_ARCHI = 23,
+};
+
+extern const char* const MARKER_RMT[11];
+extern const char* const MARKER_RMAT[5];
+extern const char* const MARKER_RMA[24];
+extern const char HexaTable[17];

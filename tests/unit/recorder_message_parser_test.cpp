@@ -1,0 +1,141 @@
+#include "recorder_message_parser.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+
+#include "message_json.h"
+#include "recorder/recorder_message.h"
+
+using talvex::ParsedMessage;
+using talvex::parseRecorderMessage;
+using talvex::ValueType;
+
+namespace {
+const std::string kWorkedExample =
+    "<send timestamp_ns_I8=\"17979cfe3d85cd15\" timestamp_I8=\"18bcfe5687b\" ticket_I4=\"5\" socket_I8=\"7\" "
+    "pid_I4=\"1092\" data_AS=\"PING 1\\x0d&#x0a;\" length_U4=\"8\"/>\n";
+}
+
+TEST(MessageParser, WorkedExample) {
+  ParsedMessage m;
+  std::string error;
+  ASSERT_TRUE(parseRecorderMessage(kWorkedExample, &m, &error)) << error;
+  EXPECT_EQ(m.kind, "send");
+  ASSERT_EQ(m.attributes.size(), 7u);
+  EXPECT_EQ(m.attributes[0].name, "timestamp_ns");
+  EXPECT_EQ(m.attributes[0].type, ValueType::I8);
+  EXPECT_EQ(m.attributes[0].integer, 1700000000123456789LL);
+  EXPECT_EQ(m.find("timestamp")->integer, 1700000000123LL);
+  EXPECT_EQ(m.find("pid")->integer, 4242);
+  EXPECT_EQ(m.find("data")->bytes, "PING 1\r\n");
+  EXPECT_EQ(m.find("data")->raw, "PING 1\\x0d&#x0a;");
+  EXPECT_EQ(m.find("length")->type, ValueType::U4);
+  EXPECT_EQ(m.find("length")->integer, 8);
+  EXPECT_EQ(m.find("missing"), nullptr);
+}
+
+TEST(MessageParser, SignsFollowTheType) {
+  ParsedMessage m;
+  ASSERT_TRUE(parseRecorderMessage("<close error_I4=\"ffffffff\" length_U4=\"ffffffff\" socket_I8=\"ffffffffffffffff\"/>",
+                                   &m, nullptr));
+  EXPECT_EQ(m.attributes[0].integer, -1);
+  EXPECT_EQ(m.attributes[1].integer, 4294967295LL);
+  EXPECT_EQ(m.attributes[2].integer, -1);
+}
+
+TEST(MessageParser, WideStringsKeepLowBytes) {
+  ParsedMessage m;
+  ASSERT_TRUE(parseRecorderMessage("<debug name_UN=\"A\\uac&#x22;\"/>\n", &m, nullptr));
+  EXPECT_EQ(m.attributes[0].type, ValueType::UN);
+  EXPECT_EQ(m.attributes[0].bytes, std::string("A\xac\""));
+}
+
+TEST(MessageParser, RejectsMalformedLinesWithAReason) {
+  const struct {
+    const char* text;
+    const char* reason;
+  } cases[] = {
+      {"", "message ends where '<' was expected at byte 0"},
+      {"send/>", "expected '<' at byte 0"},
+      {"</>", "missing message kind at byte 1"},
+      {"<send", "message ends where '/' was expected at byte 5"},
+      {"<send x_ZZ=\"1\"/>", "unknown type tag 'ZZ' of attribute x at byte 8"},
+      {"<send ticket_I4=\"\"/>", "empty number in ticket at byte 17"},
+      {"<send ticket_I4=\"123456789\"/>", "too many digits in ticket at byte 26"},
+      {"<send ticket_I4=\"AB\"/>", "not a lower-case hexadecimal digit in ticket at byte 17"},
+      {"<send data_AS=\"abc", "value of data is not closed at byte 18"},
+      {"<send data_AS=\"a&b\"/>", "'&' that does not start an escape at byte 16"},
+      {"<send data_AS=\"\\q\"/>", "unknown escape '\\q' at byte 16"},
+      {"<send data_AS=\"\\x4\"/>", "bad hexadecimal digit in escape at byte 17"},
+      {"<send data_AS=\"a<\"/>", "unescaped byte 60 in data at byte 16"},
+      {"<send data_AS=\"\\u41\"/>", "unknown escape '\\u' at byte 16"},
+      {"<send/>\nextra", "unexpected bytes after the end of the message at byte 8"},
+      {"<send/>\n<exit/>\n", "unexpected bytes after the end of the message at byte 8"},
+      {"<send _I4=\"1\"/>", "attribute without a name and type tag at byte 7"},
+  };
+  for (const auto& c : cases) {
+    ParsedMessage m;
+    std::string error;
+    EXPECT_FALSE(parseRecorderMessage(c.text, &m, &error)) << c.text;
+    EXPECT_EQ(error, c.reason) << c.text;
+  }
+}
+
+TEST(MessageParser, RoundTripOfRandomPayloads) {
+  std::mt19937 random(20261121);
+  std::vector<std::string> payloads = {std::string(), std::string(1, '\0')};
+  std::string everyByte;
+  for (int b = 0; b < 256; ++b) everyByte.push_back(static_cast<char>(b));
+  payloads.push_back(everyByte);
+  for (int i = 0; i < 300; ++i) {
+    std::string p(random() % 2000, '\0');
+    for (char& c : p) c = static_cast<char>(random() & 0xff);
+    payloads.push_back(p);
+  }
+  std::string big(1 << 20, '\0');
+  for (char& c : big) c = static_cast<char>(random() & 0xff);
+  payloads.push_back(big);
+
+  for (const std::string& payload : payloads) {
+    RecorderMessage message(RMT_SEND, 0);
+    message.set(RMA_TICKET, static_cast<int>(random()));
+    // A count of 0 would mean "up to the NUL", so an empty payload is the empty string.
+    message.set(RMA_DATA, payload.empty() ? "" : payload.data(), static_cast<int>(payload.size()));
+    message.set(RMA_LENGTH, static_cast<unsigned>(payload.size()));
+    message.finish();
+    ParsedMessage parsed;
+    std::string error;
+    ASSERT_TRUE(parseRecorderMessage(std::string(message.toString(), message.length()), &parsed, &error)) << error;
+    ASSERT_EQ(parsed.attributes.size(), 3u);
+    ASSERT_EQ(parsed.find("data")->bytes, payload);
+    ASSERT_EQ(parsed.find("length")->integer, static_cast<int64_t>(payload.size()));
+  }
+}
+
+TEST(MessageJson, WorkedExample) {
+  ParsedMessage m;
+  ASSERT_TRUE(parseRecorderMessage(kWorkedExample, &m, nullptr));
+  EXPECT_EQ(talvex::messageToJson(m),
+            "{\"kind\":\"send\",\"attributes\":["
+            "{\"name\":\"timestamp_ns\",\"type\":\"I8\",\"value\":1700000000123456789,\"hex\":\"17979cfe3d85cd15\"},"
+            "{\"name\":\"timestamp\",\"type\":\"I8\",\"value\":1700000000123,\"hex\":\"18bcfe5687b\"},"
+            "{\"name\":\"ticket\",\"type\":\"I4\",\"value\":5,\"hex\":\"5\"},"
+            "{\"name\":\"socket\",\"type\":\"I8\",\"value\":7,\"hex\":\"7\"},"
+            "{\"name\":\"pid\",\"type\":\"I4\",\"value\":4242,\"hex\":\"1092\"},"
+            "{\"name\":\"data\",\"type\":\"AS\",\"text\":\"PING 1\\r\\n\",\"base64\":\"UElORyAxDQo=\"},"
+            "{\"name\":\"length\",\"type\":\"U4\",\"value\":8,\"hex\":\"8\"}]}");
+}
+
+TEST(MessageJson, BinaryPayloadHasNoTextButBase64) {
+  ParsedMessage m;
+  ASSERT_TRUE(parseRecorderMessage("<receive data_AS=\"\\x00\\xff\"/>\n", &m, nullptr));
+  EXPECT_EQ(talvex::messageToJson(m),
+            "{\"kind\":\"receive\",\"attributes\":[{\"name\":\"data\",\"type\":\"AS\",\"text\":null,\"base64\":\"AP8=\"}]}");
+  EXPECT_EQ(talvex::malformedToJson("<x", "why \"so\""), "{\"error\":\"why \\\"so\\\"\",\"raw_base64\":\"PHg=\"}");
+  EXPECT_EQ(talvex::base64Encode(""), "");
+  EXPECT_EQ(talvex::base64Encode("a"), "YQ==");
+  EXPECT_EQ(talvex::base64Encode("ab"), "YWI=");
+  EXPECT_EQ(talvex::base64Encode("abc"), "YWJj");
+}

@@ -1,0 +1,244 @@
+#include "recorder/recorder_message.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+std::string finished(RecorderMessage& message) {
+  message.finish();
+  return std::string(message.toString(), message.length());
+}
+
+// The single attribute an encoding produces, without the kind around it.
+template <class... Values>
+std::string attribute(RecorderMessageAttribute name, Values... values) {
+  RecorderMessage message(RMT_DEBUG, 0);
+  message.set(name, values...);
+  const std::string text = message.toString();
+  return text.substr(std::string("<debug").size());
+}
+
+std::string asData(const std::string& bytes) { return attribute(RMA_DATA, bytes.data(), static_cast<int>(bytes.size())); }
+
+// The escape rules written out independently of the encoder.
+std::string referenceEscape(unsigned char b) {
+  char out[8];
+  if (b == 9 || b == 10 || b == 0x22 || b == 0x26 || b == 0x3c) {
+    snprintf(out, sizeof out, "&#x%02x;", b);
+  } else if (b == 0x5c) {
+    snprintf(out, sizeof out, "\\\\");
+  } else if (b < 0x20 || b > 0x7e) {
+    snprintf(out, sizeof out, "\\x%02x", b);
+  } else {
+    snprintf(out, sizeof out, "%c", b);
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST(RecorderMessage, WorkedExampleIsByteForByte) {
+  RecorderMessage message(RMT_SEND, 12);
+  message.set(RMA_TIMESTAMP_NS, static_cast<int64_t>(1700000000123456789LL));
+  message.set(RMA_TIMESTAMP, static_cast<int64_t>(1700000000123LL));
+  message.setInt(RMA_TICKET, 5);
+  message.setInt64(RMA_SOCKET, 7);
+  message.set(RMA_PID, 4242);
+  message.set(RMA_DATA, "PING 1\r\n", 8);
+  message.set(RMA_LENGTH, 8u);
+  message.set(RMA_RETURN, 8);
+  message.set(RMA_ERROR, 0);
+  const std::string text = finished(message);
+  const std::string expected =
+      "<send timestamp_ns_I8=\"17979cfe3d85cd15\" timestamp_I8=\"18bcfe5687b\" ticket_I4=\"5\" socket_I8=\"7\" "
+      "pid_I4=\"1092\" data_AS=\"PING 1\\x0d&#x0a;\" length_U4=\"8\"/>\n";
+  EXPECT_EQ(text, expected);
+  EXPECT_EQ(text.size(), 153u);
+  EXPECT_EQ(message.length(), 153u);
+}
+
+TEST(RecorderMessage, ExitWithoutAttributesIsEightBytes) {
+  RecorderMessage message(RMT_EXIT, 0);
+  EXPECT_EQ(finished(message), "<exit/>\n");
+}
+
+TEST(RecorderMessage, EveryKindName) {
+  const char* names[] = {"process", "addrinfo", "connect", "send",  "receive",    "copyfile",
+                         "close",   "accept",   "exit",    "debug", "notrecorded"};
+  for (int k = RMT_PROCESS; k <= RMT_NOTRECORDED; ++k) {
+    RecorderMessage message(static_cast<RecorderMessageKind>(k), 0);
+    EXPECT_EQ(finished(message), std::string("<") + names[k] + "/>\n");
+  }
+}
+
+TEST(RecorderMessage, EveryAttributeName) {
+  const char* names[] = {"commandline", "workingdir", "data",     "duration",   "family",      "from",
+                         "ip",          "length",     "name",     "pid",        "port",        "return",
+                         "socket",      "ticket",     "timestamp", "to",        "error",       "info",
+                         "duration_ns", "timestamp_ns", "localport", "sockserror", "loopback", "archi"};
+  for (int a = RMA_COMMANDLINE; a <= RMA_ARCHI; ++a) {
+    EXPECT_EQ(attribute(static_cast<RecorderMessageAttribute>(a), "v", 1), std::string(" ") + names[a] + "_AS=\"v\"");
+  }
+}
+
+TEST(RecorderMessage, IntegersInHexadecimalAtFullWidth) {
+  EXPECT_EQ(attribute(RMA_PID, 0), " pid_I4=\"0\"");
+  EXPECT_EQ(attribute(RMA_PID, -1), " pid_I4=\"ffffffff\"");
+  EXPECT_EQ(attribute(RMA_PID, 8080), " pid_I4=\"1f90\"");
+  EXPECT_EQ(attribute(RMA_SOCKET, static_cast<int64_t>(-1)), " socket_I8=\"ffffffffffffffff\"");
+  EXPECT_EQ(attribute(RMA_SOCKET, static_cast<int64_t>(0)), " socket_I8=\"0\"");
+  EXPECT_EQ(attribute(RMA_LENGTH, 4294967295u), " length_U4=\"ffffffff\"");
+  EXPECT_EQ(attribute(RMA_LENGTH, 0u), " length_U4=\"0\"");
+  EXPECT_EQ(attribute(RMA_TIMESTAMP, static_cast<int64_t>(INT64_MIN)), " timestamp_I8=\"8000000000000000\"");
+}
+
+TEST(RecorderMessage, ReturnIsKeptAndErrorWrittenOnlyAfterMinusOne) {
+  RecorderMessage before(RMT_CLOSE, 0);
+  before.set(RMA_ERROR, 111);
+  before.set(RMA_RETURN, -1);
+  EXPECT_EQ(finished(before), "<close/>\n");
+
+  RecorderMessage failed(RMT_CLOSE, 0);
+  failed.set(RMA_RETURN, -1);
+  failed.set(RMA_ERROR, 111);
+  EXPECT_EQ(finished(failed), "<close error_I4=\"6f\"/>\n");
+
+  RecorderMessage succeeded(RMT_CLOSE, 0);
+  succeeded.set(RMA_RETURN, 0);
+  succeeded.set(RMA_ERROR, 111);
+  EXPECT_EQ(finished(succeeded), "<close/>\n");
+
+  RecorderMessage wide(RMT_CLOSE, 0);
+  wide.setInt64(RMA_RETURN, -1);
+  wide.setInt64(RMA_ERROR, 111);
+  EXPECT_EQ(finished(wide), "<close error_I8=\"6f\"/>\n");
+
+  // The unsigned setter knows no special attribute.
+  RecorderMessage unsignedSetter(RMT_CLOSE, 0);
+  unsignedSetter.setSizeT(RMA_RETURN, 3u);
+  EXPECT_EQ(finished(unsignedSetter), "<close return_U4=\"3\"/>\n");
+}
+
+TEST(RecorderMessage, ByteEscapes) {
+  EXPECT_EQ(asData("\""), " data_AS=\"&#x22;\"");
+  EXPECT_EQ(asData("\\"), " data_AS=\"\\\\\"");
+  EXPECT_EQ(asData("\xe9"), " data_AS=\"\\xe9\"");
+  EXPECT_EQ(asData(">'"), " data_AS=\">'\"");
+  EXPECT_EQ(asData("\t\n&<"), " data_AS=\"&#x09;&#x0a;&#x26;&#x3c;\"");
+  EXPECT_EQ(asData("\r"), " data_AS=\"\\x0d\"");
+  EXPECT_EQ(asData(std::string("a\0b", 3)), " data_AS=\"a\\x00b\"");
+  EXPECT_EQ(asData("\x7f\x80\xff\x1f"), " data_AS=\"\\x7f\\x80\\xff\\x1f\"");
+  EXPECT_EQ(asData(" ~"), " data_AS=\" ~\"");
+}
+
+TEST(RecorderMessage, EveryByteValueHasItsEscape) {
+  for (int b = 0; b < 256; ++b) {
+    const std::string encoded = asData(std::string(1, static_cast<char>(b)));
+    EXPECT_EQ(encoded, " data_AS=\"" + referenceEscape(static_cast<unsigned char>(b)) + "\"") << b;
+  }
+}
+
+TEST(RecorderMessage, StringSetterEdgeCases) {
+  EXPECT_EQ(attribute(RMA_NAME, "host", 0), " name_AS=\"host\"");  // 0: up to the NUL
+  EXPECT_EQ(attribute(RMA_NAME, "", 0), " name_AS=\"\"");
+  EXPECT_EQ(attribute(RMA_NAME, "host", -1), "");
+  EXPECT_EQ(attribute(RMA_NAME, static_cast<const char*>(nullptr), 4), "");
+  EXPECT_EQ(attribute(RMA_NAME, "hostname", 4), " name_AS=\"host\"");
+}
+
+TEST(RecorderMessage, WideStrings) {
+  EXPECT_EQ(attribute(RMA_NAME, L"A\x20ac", 0), " name_UN=\"A\\uac\"");
+  EXPECT_EQ(attribute(RMA_NAME, L"\"\xe9", 0), " name_UN=\"&#x22;\\xe9\"");
+  EXPECT_EQ(attribute(RMA_NAME, L"", 0), " name_UN=\"\"");
+  EXPECT_EQ(attribute(RMA_NAME, L"abc", 2), " name_UN=\"ab\"");
+  EXPECT_EQ(attribute(RMA_NAME, L"abc", -1), "");
+  EXPECT_EQ(attribute(RMA_NAME, static_cast<const wchar_t*>(nullptr), 0), "");
+  const wchar_t negative[] = {static_cast<wchar_t>(-1), 0};
+  EXPECT_EQ(attribute(RMA_NAME, negative, 0), " name_UN=\"\\xff\"");
+}
+
+TEST(RecorderMessage, GatherListUpToTheLimit) {
+  char a[] = "abcd", c[] = "wxyz";
+  iovec list[3] = {{a, 4}, {nullptr, 0}, {c, 4}};
+  RecorderMessage message(RMT_SEND, 0);
+  message.setiovect(RMA_DATA, list, 3, 6);
+  EXPECT_EQ(finished(message), "<send data_AS=\"abcdwx\"/>\n");
+
+  RecorderMessage all(RMT_SEND, 0);
+  all.setiovect(RMA_DATA, list, 3, 8);
+  EXPECT_EQ(finished(all), "<send data_AS=\"abcdwxyz\"/>\n");
+
+  RecorderMessage none(RMT_SEND, 0);
+  none.setiovect(RMA_DATA, list, 0, 8);
+  EXPECT_EQ(finished(none), "<send data_AS=\"\"/>\n");
+
+  RecorderMessage null(RMT_SEND, 0);
+  null.setiovect(RMA_DATA, nullptr, 3, 8);
+  EXPECT_EQ(finished(null), "<send/>\n");
+
+  // An entry with no storage is skipped, not read.
+  iovec broken[2] = {{nullptr, 5}, {a, 2}};
+  RecorderMessage skipped(RMT_SEND, 0);
+  skipped.setiovect(RMA_DATA, broken, 2, 7);
+  EXPECT_EQ(finished(skipped), "<send data_AS=\"ab\"/>\n");
+}
+
+TEST(RecorderMessage, LongPayloadGrowsInSteps) {
+  const std::string payload(20000, 'p');
+  RecorderMessage message(RMT_SEND, 0);
+  message.set(RMA_DATA, payload.data(), static_cast<int>(payload.size()));
+  EXPECT_EQ(finished(message), "<send data_AS=\"" + payload + "\"/>\n");
+}
+
+TEST(RecorderMessage, SeveralMegabytesEncodeWhole) {
+  std::string payload(6 * 1024 * 1024, '\0');
+  for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>(i * 7);
+  RecorderMessage message(RMT_SEND, 0);
+  message.set(RMA_DATA, payload.data(), static_cast<int>(payload.size()));
+  message.finish();
+  EXPECT_TRUE(message.complete());
+  // Every byte's escape, in order, between the quotes.
+  std::string expected;
+  for (const char ch : payload) expected += referenceEscape(static_cast<unsigned char>(ch));
+  const std::string text(message.toString(), message.length());
+  EXPECT_EQ(text, "<send data_AS=\"" + expected + "\"/>\n");
+}
+
+TEST(PrintBuffer, StartsAt8192AndGrowsByMultiples) {
+  PrintBuffer buffer;
+  EXPECT_EQ(buffer.capacity(), 8192u);
+  EXPECT_STREQ(buffer.toString(), "");
+  const std::string chunk(8183, 'a');  // 8183 + 9 reaches the capacity
+  buffer.append(chunk.data(), static_cast<unsigned>(chunk.size()));
+  EXPECT_EQ(buffer.capacity(), 16384u);
+  PrintBuffer fits;
+  fits.append(chunk.data(), 8182);
+  EXPECT_EQ(fits.capacity(), 8192u);
+  fits.expand(100);
+  EXPECT_EQ(fits.capacity(), 16384u);
+  EXPECT_EQ(fits.length(), 8182u);
+}
+
+TEST(PrintBuffer, NumberForms) {
+  PrintBuffer buffer;
+  buffer.append(static_cast<uint16_t>(0xab));
+  buffer.append(" ", 1);
+  buffer.append(static_cast<uint8_t>(5));
+  buffer.append(" ", 1);
+  buffer.append(static_cast<uint32_t>(0));
+  buffer.append(" ", 1);
+  buffer.append(static_cast<int64_t>(0x123456789abcdefLL));
+  EXPECT_STREQ(buffer.toString(), "00ab 05 0 123456789abcdef");
+}
+
+TEST(PrintBuffer, AppendIgnoresNullAndEmpty) {
+  PrintBuffer buffer;
+  buffer.append(nullptr, 3);
+  buffer.append("", 0);
+  EXPECT_EQ(buffer.length(), 0u);
+  buffer.appendEscaped('"');
+  buffer.appendUnicode(L"\x20ac", 0);
+  EXPECT_STREQ(buffer.toString(), "&#x22;\\uac");
+}

@@ -1,0 +1,180 @@
+#include "recorder_message_parser.h"
+
+namespace talvex {
+
+namespace {
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;  // the encoder writes lower case only
+}
+
+class Parser {
+ public:
+  Parser(const std::string& text, std::string* error) : text_(text), error_(error) {}
+
+  bool parse(ParsedMessage* message) {
+    if (!expect('<')) return false;
+    const size_t start = at_;
+    while (at_ < text_.size() && text_[at_] >= 'a' && text_[at_] <= 'z') ++at_;
+    if (at_ == start) return fail("missing message kind");
+    message->kind = text_.substr(start, at_ - start);
+    while (at_ < text_.size() && text_[at_] == ' ') {
+      ++at_;
+      MessageAttribute attribute;
+      if (!parseAttribute(&attribute)) return false;
+      message->attributes.push_back(std::move(attribute));
+    }
+    if (!expect('/') || !expect('>')) return false;
+    if (at_ < text_.size() && text_[at_] == '\n') ++at_;
+    if (at_ != text_.size()) return fail("unexpected bytes after the end of the message");
+    return true;
+  }
+
+ private:
+  bool fail(const std::string& why) {
+    if (error_) *error_ = why + " at byte " + std::to_string(at_);
+    return false;
+  }
+
+  bool expect(char c) {
+    if (at_ >= text_.size()) return fail(std::string("message ends where '") + c + "' was expected");
+    if (text_[at_] != c) return fail(std::string("expected '") + c + "'");
+    ++at_;
+    return true;
+  }
+
+  bool parseAttribute(MessageAttribute* attribute) {
+    const size_t start = at_;
+    while (at_ < text_.size() && ((text_[at_] >= 'a' && text_[at_] <= 'z') || text_[at_] == '_')) ++at_;
+    // Names are lower case with '_'; the upper-case tag stops the scan just after the last '_'.
+    const std::string head = text_.substr(start, at_ - start);
+    if (head.size() < 2 || head.back() != '_') return fail("attribute without a name and type tag");
+    attribute->name = head.substr(0, head.size() - 1);
+    if (at_ + 2 > text_.size()) return fail("attribute " + attribute->name + " is cut short");
+    const std::string tag = text_.substr(at_, 2);
+    if (tag == "I4") {
+      attribute->type = ValueType::I4;
+    } else if (tag == "U4") {
+      attribute->type = ValueType::U4;
+    } else if (tag == "I8") {
+      attribute->type = ValueType::I8;
+    } else if (tag == "AS") {
+      attribute->type = ValueType::AS;
+    } else if (tag == "UN") {
+      attribute->type = ValueType::UN;
+    } else {
+      return fail("unknown type tag '" + tag + "' of attribute " + attribute->name);
+    }
+    at_ += 2;
+    if (!expect('=') || !expect('"')) return false;
+    const size_t valueStart = at_;
+    const bool isText = attribute->type == ValueType::AS || attribute->type == ValueType::UN;
+    if (isText ? !parseText(attribute) : !parseInteger(attribute)) return false;
+    attribute->raw = text_.substr(valueStart, at_ - valueStart);
+    return expect('"');
+  }
+
+  bool parseInteger(MessageAttribute* attribute) {
+    const size_t maxDigits = attribute->type == ValueType::I8 ? 16 : 8;
+    uint64_t bits = 0;
+    size_t digits = 0;
+    while (at_ < text_.size() && text_[at_] != '"') {
+      const int v = hexValue(text_[at_]);
+      if (v < 0) return fail("not a lower-case hexadecimal digit in " + attribute->name);
+      bits = (bits << 4) | static_cast<uint64_t>(v);
+      ++digits;
+      ++at_;
+    }
+    if (digits == 0) return fail("empty number in " + attribute->name);
+    if (digits > maxDigits) return fail("too many digits in " + attribute->name);
+    switch (attribute->type) {
+      case ValueType::I4: attribute->integer = static_cast<int32_t>(static_cast<uint32_t>(bits)); break;
+      case ValueType::U4: attribute->integer = static_cast<int64_t>(static_cast<uint32_t>(bits)); break;
+      default: attribute->integer = static_cast<int64_t>(bits); break;
+    }
+    return true;
+  }
+
+  bool parseEscapedHex(size_t length, int* value) {
+    if (at_ + length > text_.size()) return fail("escape cut short");
+    int v = 0;
+    for (size_t i = 0; i < length; ++i) {
+      const int d = hexValue(text_[at_ + i]);
+      if (d < 0) return fail("bad hexadecimal digit in escape");
+      v = v * 16 + d;
+    }
+    at_ += length;
+    *value = v;
+    return true;
+  }
+
+  bool parseText(MessageAttribute* attribute) {
+    std::string& out = attribute->bytes;
+    while (at_ < text_.size() && text_[at_] != '"') {
+      const unsigned char c = static_cast<unsigned char>(text_[at_]);
+      int value = 0;
+      if (c == '&') {
+        if (text_.compare(at_, 3, "&#x") != 0) return fail("'&' that does not start an escape");
+        at_ += 3;
+        if (!parseEscapedHex(2, &value) || !expect(';')) return false;
+        out.push_back(static_cast<char>(value));
+      } else if (c == '\\') {
+        ++at_;
+        if (at_ >= text_.size()) return fail("escape cut short");
+        const char kind = text_[at_++];
+        if (kind == '\\') {
+          out.push_back('\\');
+        } else if (kind == 'x' || (kind == 'u' && attribute->type == ValueType::UN)) {
+          if (!parseEscapedHex(2, &value)) return false;
+          out.push_back(static_cast<char>(value));
+        } else {
+          --at_;
+          return fail(std::string("unknown escape '\\") + kind + "'");
+        }
+      } else if (c < 0x20 || c > 0x7e || c == '<') {
+        return fail("unescaped byte " + std::to_string(c) + " in " + attribute->name);
+      } else {
+        out.push_back(static_cast<char>(c));
+        ++at_;
+      }
+    }
+    if (at_ >= text_.size()) return fail("value of " + attribute->name + " is not closed");
+    return true;
+  }
+
+  const std::string& text_;
+  std::string* error_;
+  size_t at_ = 0;
+};
+
+}  // namespace
+
+const char* valueTypeTag(ValueType type) {
+  switch (type) {
+    case ValueType::I4: return "I4";
+    case ValueType::U4: return "U4";
+    case ValueType::I8: return "I8";
+    case ValueType::AS: return "AS";
+    case ValueType::UN: return "UN";
+  }
+  return "??";
+}
+
+const MessageAttribute* ParsedMessage::find(const std::string& name) const {
+  for (const auto& attribute : attributes) {
+    if (attribute.name == name) return &attribute;
+  }
+  return nullptr;
+}
+
+bool parseRecorderMessage(const std::string& text, ParsedMessage* message, std::string* error) {
+  ParsedMessage parsed;
+  Parser parser(text, error);
+  if (!parser.parse(&parsed)) return false;
+  *message = std::move(parsed);
+  return true;
+}
+
+}  // namespace talvex

@@ -1,0 +1,154 @@
+// talvex-recorder: the recorder endpoint. Listens for the agent's connections and writes every
+// message, in arrival order, raw or as JSON Lines.
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include <atomic>
+#include <string>
+
+#include "listen_address.h"
+#include "message_json.h"
+#include "recorder_endpoint.h"
+#include "recorder_message_parser.h"
+
+namespace {
+
+const char* const kUsage =
+    "usage: talvex-recorder [options]\n"
+    "\n"
+    "Receives the messages of a preloaded Talvex socket agent, one per connection, and writes\n"
+    "them in arrival order.\n"
+    "\n"
+    "  --listen ADDR:PORT   where to listen (default 127.0.0.1:1092; IPv6 as [::1]:PORT;\n"
+    "                       port 0 lets the system choose)\n"
+    "  --output FILE        write messages to FILE instead of standard output\n"
+    "  --format raw|jsonl   raw: each message exactly as received (default);\n"
+    "                       jsonl: one JSON object per message, attributes decoded\n"
+    "  --port-file FILE     write the port actually listened on to FILE\n"
+    "  --count N            stop after N messages\n"
+    "  --help               this text\n"
+    "\n"
+    "Stops on SIGINT or SIGTERM after writing everything received.\n"
+    "\n"
+    "Example:\n"
+    "  talvex-recorder --format jsonl --output calls.jsonl &\n"
+    "  LD_PRELOAD=/path/to/libtalvex_socket_agent.so ./program\n";
+
+struct Options {
+  std::string listen = "127.0.0.1:1092";
+  std::string output;
+  std::string format = "raw";
+  std::string portFile;
+  long count = 0;
+};
+
+int usageError(const std::string& message) {
+  fprintf(stderr, "talvex-recorder: %s\n\n%s", message.c_str(), kUsage);
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    auto value = [&](std::string* into) {
+      if (i + 1 >= argc) return false;
+      *into = argv[++i];
+      return true;
+    };
+    std::string countText;
+    if (arg == "--help" || arg == "-h") {
+      fputs(kUsage, stdout);
+      return 0;
+    } else if (arg == "--listen") {
+      if (!value(&options.listen)) return usageError("--listen needs ADDR:PORT");
+    } else if (arg == "--output") {
+      if (!value(&options.output)) return usageError("--output needs a file");
+    } else if (arg == "--format") {
+      if (!value(&options.format) || (options.format != "raw" && options.format != "jsonl")) {
+        return usageError("--format is raw or jsonl");
+      }
+    } else if (arg == "--port-file") {
+      if (!value(&options.portFile)) return usageError("--port-file needs a file");
+    } else if (arg == "--count") {
+      char* end = nullptr;
+      if (!value(&countText) || (options.count = strtol(countText.c_str(), &end, 10)) <= 0 || *end != '\0') {
+        return usageError("--count needs a positive number");
+      }
+    } else {
+      return usageError("unknown option " + arg);
+    }
+  }
+
+  talvex::ListenAddress where;
+  std::string error;
+  if (!talvex::parseListenAddress(options.listen, &where, &error)) return usageError(error);
+
+  FILE* out = stdout;
+  if (!options.output.empty()) {
+    out = fopen(options.output.c_str(), "wb");
+    if (out == nullptr) {
+      fprintf(stderr, "talvex-recorder: cannot write %s: %s\n", options.output.c_str(), strerror(errno));
+      return 1;
+    }
+  }
+
+  // Signals are taken by the main thread alone, so the endpoint thread is never interrupted.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  sigaddset(&stopSignals, SIGHUP);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+
+  std::atomic<long> received{0};
+  std::atomic<long> malformed{0};
+  const bool json = options.format == "jsonl";
+  talvex::RecorderEndpoint endpoint;
+  endpoint.setHandler([&](const std::string& message) {
+    if (json) {
+      talvex::ParsedMessage parsed;
+      std::string why;
+      const std::string line = talvex::parseRecorderMessage(message, &parsed, &why)
+                                   ? talvex::messageToJson(parsed)
+                                   : (++malformed, talvex::malformedToJson(message, why));
+      fwrite(line.data(), 1, line.size(), out);
+      fputc('\n', out);
+    } else {
+      talvex::ParsedMessage parsed;
+      if (!talvex::parseRecorderMessage(message, &parsed, nullptr)) ++malformed;
+      fwrite(message.data(), 1, message.size(), out);
+    }
+    fflush(out);
+    ++received;
+  });
+  if (!endpoint.start(where.host, where.port, &error)) {
+    fprintf(stderr, "talvex-recorder: cannot listen on %s: %s\n", options.listen.c_str(), error.c_str());
+    return 1;
+  }
+  if (!options.portFile.empty()) {
+    FILE* portOut = fopen(options.portFile.c_str(), "w");
+    if (portOut != nullptr) {
+      fprintf(portOut, "%d\n", endpoint.port());
+      fclose(portOut);
+    }
+  }
+  fprintf(stderr, "talvex-recorder: listening on %s port %d\n", where.host.c_str(), endpoint.port());
+
+  const timespec tick = {0, 100 * 1000 * 1000};
+  for (;;) {
+    if (options.count > 0 && received.load() >= options.count) break;
+    if (sigtimedwait(&stopSignals, nullptr, &tick) > 0) break;
+  }
+  endpoint.stop(std::chrono::milliseconds(1000));
+  if (out != stdout) fclose(out);
+  fprintf(stderr, "talvex-recorder: %ld messages received, %ld malformed\n", received.load(), malformed.load());
+  return 0;
+}
