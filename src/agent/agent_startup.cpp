@@ -35,6 +35,7 @@ namespace {
 
 const char* const kDoubleLogSocksVariable = "TALVEX_SOCKET_AGENT_DOUBLE_LOG_SOCKS";
 int socksServerAddressInitialized = 0;
+int socketPointersStarting = 0;
 
 template <class Function>
 void resolveIfMissing(Function& pointer, const char* name) {
@@ -55,8 +56,9 @@ void locateAgentFile() {
 }  // namespace
 
 void GlobalInit() {
-  if (globalInitDone) return;
-  globalInitDone = 1;
+  // One atomic test-and-set: threads whose first calls meet here must not both pass. Whoever
+  // comes second returns at once and goes on with what is already set up.
+  if (__atomic_exchange_n(&globalInitDone, 1, __ATOMIC_ACQ_REL) != 0) return;
   installCrashHandlerOnRequest();
   resolveIfMissing(socket_ptr, "socket");
   resolveIfMissing(connect_ptr, "connect");
@@ -87,6 +89,9 @@ void GlobalInit() {
 
 void initializeSocketPointers() {
   if (socketInitialized) return;
+  // Handlers may ask for this from several threads while the first run is still under way; one
+  // run at a time, or the process would get two interfaces and two process messages.
+  if (__atomic_exchange_n(&socketPointersStarting, 1, __ATOMIC_ACQ_REL) != 0) return;
   GlobalInit();
   x_disp(DMK_INFO, "initialize library 32");
   currentProcessId = getpid();
@@ -96,6 +101,7 @@ void initializeSocketPointers() {
   startRecorderChannel();
   initializeRealFunctionPointers();
   initializeSocksParam();
+  __atomic_store_n(&socketPointersStarting, 0, __ATOMIC_RELEASE);
 }
 
 void cleanSocketPointers() { socketInitialized = 0; }

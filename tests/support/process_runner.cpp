@@ -158,7 +158,7 @@ int listenOnLoopback(int* port) {
   memset(&address, 0, sizeof address);
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 64) != 0) {
+  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 1024) != 0) {
     close(fd);
     return -1;
   }
@@ -168,36 +168,49 @@ int listenOnLoopback(int* port) {
   return fd;
 }
 
+// One thread for every client: a test may open hundreds of connections, and a thread each
+// would not fit a 32-bit address space.
 void echoLoop(int listener, int wake) {
-  std::vector<std::thread> workers;
+  std::vector<int> clients;
   for (;;) {
-    pollfd fds[2] = {{listener, POLLIN, 0}, {wake, POLLIN, 0}};
-    if (poll(fds, 2, -1) < 0 && errno != EINTR) break;
+    std::vector<pollfd> fds = {{listener, POLLIN, 0}, {wake, POLLIN, 0}};
+    for (int c : clients) fds.push_back({c, POLLIN, 0});
+    if (poll(fds.data(), fds.size(), -1) < 0 && errno != EINTR) break;
     if (fds[1].revents) break;
-    if (!fds[0].revents) continue;
-    const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (client < 0) continue;
-    workers.emplace_back([client] {
-      char chunk[65536];
-      ssize_t n;
-      while ((n = read(client, chunk, sizeof chunk)) > 0) {
-        ssize_t sent = 0;
-        while (sent < n) {
-          const ssize_t w = write(client, chunk + sent, static_cast<size_t>(n - sent));
-          if (w <= 0) break;
-          sent += w;
-        }
+    std::vector<int> open;
+    for (size_t i = 2; i < fds.size(); ++i) {
+      const int c = fds[i].fd;
+      if (fds[i].revents == 0) {
+        open.push_back(c);
+        continue;
       }
-      close(client);
-    });
+      char chunk[65536];
+      const ssize_t n = read(c, chunk, sizeof chunk);
+      bool alive = n > 0;
+      for (ssize_t sent = 0; alive && sent < n;) {
+        const ssize_t w = write(c, chunk + sent, static_cast<size_t>(n - sent));
+        if (w <= 0) alive = false;
+        sent += w;
+      }
+      if (alive) {
+        open.push_back(c);
+      } else {
+        close(c);
+      }
+    }
+    clients.swap(open);
+    if (fds[0].revents) {
+      for (int client; (client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) clients.push_back(client);
+    }
   }
-  for (auto& w : workers) w.join();
+  for (int c : clients) close(c);
 }
 
 }  // namespace
 
 EchoServer::EchoServer() {
   listener_ = listenOnLoopback(&port_);
+  fcntl(listener_, F_SETFL, fcntl(listener_, F_GETFL, 0) | O_NONBLOCK);
   if (pipe2(wake_, O_CLOEXEC) != 0) return;
   thread_ = new std::thread(echoLoop, listener_, wake_[0]);
 }
