@@ -21,7 +21,7 @@ demo: build
 	@./scripts/demo.sh $(BUILD_DIR)
 
 bench: build
-	@cmake --build $(BUILD_DIR) --target bench -j $(JOBS)
+	@cmake --build $(BUILD_DIR) --target bench
 
 clean:
 	rm -rf $(BUILD_DIR)

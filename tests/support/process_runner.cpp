@@ -101,6 +101,74 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const Environment
   return result;
 }
 
+BackgroundProcess::BackgroundProcess(const std::vector<std::string>& argv, const Environment& environment) {
+  std::vector<std::string> pairs;
+  for (const auto& entry : environment) pairs.push_back(entry.first + "=" + entry.second);
+  std::vector<char*> envp, args;
+  for (auto& p : pairs) envp.push_back(const_cast<char*>(p.c_str()));
+  envp.push_back(nullptr);
+  for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  const std::string out = outputs_.file("out"), err = outputs_.file("err");
+  pid_ = fork();
+  if (pid_ == 0) {
+    const int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(o, 1);
+    dup2(e, 2);
+    execve(args[0], args.data(), envp.data());
+    _exit(127);
+  }
+}
+
+BackgroundProcess::~BackgroundProcess() {
+  if (pid_ > 0 && !reaped_) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+}
+
+void BackgroundProcess::signal(int number) {
+  if (pid_ > 0 && !reaped_) kill(pid_, number);
+}
+
+ProcessResult BackgroundProcess::wait(std::chrono::seconds timeout) {
+  ProcessResult result;
+  result.pid = pid_;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  int status = 0;
+  while (!reaped_) {
+    const pid_t done = waitpid(pid_, &status, WNOHANG);
+    if (done == pid_) {
+      reaped_ = true;
+      break;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) {
+      result.timedOut = true;
+      kill(pid_, SIGKILL);
+      waitpid(pid_, &status, 0);
+      reaped_ = true;
+      break;
+    }
+    usleep(10000);
+  }
+  if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+  result.out = readFile(outputs_.file("out"));
+  result.err = readFile(outputs_.file("err"));
+  return result;
+}
+
+int waitForPortFile(const std::string& path, std::chrono::seconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (std::chrono::steady_clock::now() < deadline) {
+    const std::string text = readFile(path);
+    if (!text.empty() && text.back() == '\n') return atoi(text.c_str());
+    usleep(10000);
+  }
+  return -1;
+}
+
 std::vector<std::string> splitLines(const std::string& text) {
   std::vector<std::string> lines;
   std::istringstream stream(text);

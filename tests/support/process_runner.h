@@ -29,12 +29,6 @@ Environment agentEnvironment(const Environment& extra = {});
 ProcessResult runProcess(const std::vector<std::string>& argv, const Environment& environment,
                          std::chrono::seconds timeout = std::chrono::seconds(60));
 
-// Lines of `text` that contain `needle`.
-std::vector<std::string> linesContaining(const std::string& text, const std::string& needle);
-std::vector<std::string> splitLines(const std::string& text);
-std::string readFile(const std::string& path);
-std::vector<std::string> listDirectory(const std::string& path);
-
 // A fresh directory under the system's temporary directory, removed with its contents.
 class TempDir {
  public:
@@ -46,6 +40,34 @@ class TempDir {
  private:
   std::string path_;
 };
+
+// A process left running while the test works with it; its output goes to files.
+class BackgroundProcess {
+ public:
+  BackgroundProcess(const std::vector<std::string>& argv, const Environment& environment);
+  ~BackgroundProcess();  // kills it if still running
+  BackgroundProcess(const BackgroundProcess&) = delete;
+  BackgroundProcess& operator=(const BackgroundProcess&) = delete;
+
+  int pid() const { return pid_; }
+  void signal(int number);
+  // Waits for the end, killing it after `timeout`; the result holds what it printed.
+  ProcessResult wait(std::chrono::seconds timeout = std::chrono::seconds(30));
+
+ private:
+  TempDir outputs_;
+  int pid_ = -1;
+  bool reaped_ = false;
+};
+
+// Waits for `path` to hold a number followed by a newline, as tools write a port file.
+int waitForPortFile(const std::string& path, std::chrono::seconds timeout = std::chrono::seconds(10));
+
+// Lines of `text` that contain `needle`.
+std::vector<std::string> linesContaining(const std::string& text, const std::string& needle);
+std::vector<std::string> splitLines(const std::string& text);
+std::string readFile(const std::string& path);
+std::vector<std::string> listDirectory(const std::string& path);
 
 // A loopback TCP server that echoes every byte back, on a port the system chose.
 class EchoServer {

@@ -1,0 +1,176 @@
+// talvex-recorder as a user runs it: a separate process, stopped by a signal.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "process_runner.h"
+#include "recorder_message_parser.h"
+#include "test_paths.h"
+
+using namespace talvex_test;
+
+namespace {
+
+bool sendRaw(int port, const std::string& bytes) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address;
+  memset(&address, 0, sizeof address);
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bool ok = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  size_t sent = 0;
+  while (ok && sent < bytes.size()) {
+    const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, 0);
+    ok = n > 0;
+    sent += ok ? static_cast<size_t>(n) : 0;
+  }
+  close(fd);
+  return ok;
+}
+
+class TalvexRecorder : public ::testing::Test {
+ protected:
+  void start(std::vector<std::string> options) {
+    std::vector<std::string> argv = {kRecorderPath, "--listen", "127.0.0.1:0", "--port-file", tmp.file("port")};
+    argv.insert(argv.end(), options.begin(), options.end());
+    recorder.reset(new BackgroundProcess(argv, cleanEnvironment()));
+    port = waitForPortFile(tmp.file("port"));
+    ASSERT_GT(port, 0);
+  }
+
+  ProcessResult stop(int signalNumber = SIGTERM) {
+    recorder->signal(signalNumber);
+    return recorder->wait();
+  }
+
+  TempDir tmp;
+  std::unique_ptr<BackgroundProcess> recorder;
+  int port = 0;
+};
+
+}  // namespace
+
+TEST_F(TalvexRecorder, RecordsAPreloadedProgramAsJsonLines) {
+  start({"--format", "jsonl", "--output", tmp.file("out.jsonl")});
+  const ProcessResult probe =
+      runProcess({kProbePath, "channel", "select", "end"},
+                 agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(port)}}));
+  ASSERT_EQ(probe.exitCode, 0) << probe.err;
+  usleep(200000);
+  const ProcessResult r = stop();
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.err, "talvex-recorder: listening on 127.0.0.1 port " + std::to_string(port) +
+                       "\ntalvex-recorder: 3 messages received, 0 malformed\n");
+  const auto lines = splitLines(readFile(tmp.file("out.jsonl")));
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0].rfind("{\"kind\":\"process\",\"attributes\":[{\"name\":\"timestamp\",\"type\":\"I4\",\"value\":0,"
+                           "\"hex\":\"0\"},{\"name\":\"ticket\",\"type\":\"I4\",\"value\":1,\"hex\":\"1\"},",
+                           0),
+            0u)
+      << lines[0];
+  EXPECT_NE(lines[0].find("{\"name\":\"archi\",\"type\":\"AS\",\"text\":\"LINUX\",\"base64\":\"TElOVVg=\"}]}"),
+            std::string::npos);
+  EXPECT_NE(lines[1].find("{\"name\":\"name\",\"type\":\"AS\",\"text\":\"select\",\"base64\":\"c2VsZWN0\"}"),
+            std::string::npos)
+      << lines[1];
+  EXPECT_EQ(lines[2], "{\"kind\":\"exit\",\"attributes\":[]}");
+}
+
+TEST_F(TalvexRecorder, RawOutputIsTheExactBytes) {
+  start({"--output", tmp.file("out.raw")});
+  const std::string a = "<exit/>\n", b = "<send data_AS=\"\\x00&#x0a;\" length_U4=\"2\"/>\n";
+  ASSERT_TRUE(sendRaw(port, a));
+  ASSERT_TRUE(sendRaw(port, b));
+  usleep(200000);
+  const ProcessResult r = stop(SIGINT);
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_EQ(readFile(tmp.file("out.raw")), a + b);
+}
+
+TEST_F(TalvexRecorder, SurvivesMalformedTruncatedAndSilentPeers) {
+  start({"--format", "jsonl", "--output", tmp.file("out.jsonl")});
+  ASSERT_TRUE(sendRaw(port, "garbage"));
+  ASSERT_TRUE(sendRaw(port, "<send data_AS=\"abc"));
+  ASSERT_TRUE(sendRaw(port, ""));
+  ASSERT_TRUE(sendRaw(port, std::string(100000, '\xff')));
+  ASSERT_TRUE(sendRaw(port, "<exit/>\n"));
+  usleep(200000);
+  const ProcessResult r = stop();
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_NE(r.err.find("5 messages received, 4 malformed"), std::string::npos) << r.err;
+  const auto lines = splitLines(readFile(tmp.file("out.jsonl")));
+  ASSERT_EQ(lines.size(), 5u);
+  EXPECT_EQ(lines[0], "{\"error\":\"expected '<' at byte 0\",\"raw_base64\":\"Z2FyYmFnZQ==\"}");
+  EXPECT_EQ(lines[1].rfind("{\"error\":\"value of data is not closed at byte 18\"", 0), 0u);
+  EXPECT_EQ(lines[2], "{\"error\":\"message ends where '<' was expected at byte 0\",\"raw_base64\":\"\"}");
+  EXPECT_EQ(lines[4], "{\"kind\":\"exit\",\"attributes\":[]}");
+}
+
+TEST_F(TalvexRecorder, ManyShortConnectionsAllArriveAndCountStops) {
+  start({"--count", "2000", "--output", tmp.file("out.raw")});
+  std::string expected;
+  for (int i = 0; i < 2000; ++i) {
+    const std::string message = "<notrecorded ticket_I4=\"" + std::to_string(i) + "\"/>\n";
+    expected += message;
+    ASSERT_TRUE(sendRaw(port, message));
+  }
+  const ProcessResult r = recorder->wait();
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_FALSE(r.timedOut);
+  EXPECT_EQ(readFile(tmp.file("out.raw")), expected);
+}
+
+TEST_F(TalvexRecorder, KeepsWhatAPeerStillSendingHadSentAtStop) {
+  start({"--output", tmp.file("out.raw")});
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address;
+  memset(&address, 0, sizeof address);
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(send(fd, "<exit", 5, 0), 5);
+  usleep(200000);
+  const ProcessResult r = stop();
+  close(fd);
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_EQ(readFile(tmp.file("out.raw")), "<exit");
+}
+
+TEST(TalvexRecorderUsage, HelpAndErrors) {
+  ProcessResult r = runProcess({kRecorderPath, "--help"}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_EQ(r.out.rfind("usage: talvex-recorder [options]\n", 0), 0u);
+  r = runProcess({kRecorderPath, "--bogus"}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 2);
+  EXPECT_EQ(r.err.rfind("talvex-recorder: unknown option --bogus\n", 0), 0u);
+  r = runProcess({kRecorderPath, "--listen", "nowhere"}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 2);
+  EXPECT_EQ(r.err.rfind("talvex-recorder: expected ADDR:PORT, got nowhere\n", 0), 0u);
+  r = runProcess({kRecorderPath, "--format", "xml"}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 2);
+  r = runProcess({kRecorderPath, "--count", "-3"}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 2);
+  r = runProcess({kRecorderPath, "--listen", "not.an.address:5"}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_NE(r.err.find("cannot listen on not.an.address:5"), std::string::npos) << r.err;
+  TempDir tmp;
+  r = runProcess({kRecorderPath, "--output", tmp.file("no/such/dir/out")}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_NE(r.err.find("cannot write"), std::string::npos);
+}
+
+TEST(TalvexRecorderUsage, PortInUseIsReported) {
+  EchoServer busy;
+  const ProcessResult r =
+      runProcess({kRecorderPath, "--listen", "127.0.0.1:" + std::to_string(busy.port())}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_NE(r.err.find("Address already in use"), std::string::npos) << r.err;
+}
