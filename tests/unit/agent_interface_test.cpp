@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <string>
@@ -217,6 +218,34 @@ TEST_F(Channel, EmitEndOfProcessSendsOnlyAnExit) {
   EXPECT_EQ(AgentInterface::emitEndOfProcess("127.0.0.1", port.c_str(), 12345), 0);
   ASSERT_EQ(endpoint.waitForMessages(1, 5s), 1u);
   EXPECT_EQ(endpoint.messages()[0], "<exit/>\n");
+}
+
+namespace {
+// Runs in a child: with no descriptor left, the channel's socket() fails with EMFILE. Exits 0
+// when the failure was logged with its code and errno came back unchanged.
+void sendWithoutDescriptors() {
+  LogCapture log("1");
+  AgentInterface channel("127.0.0.1", "1", nullptr);
+  rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlim_t usual = limit.rlim_cur;
+  limit.rlim_cur = 0;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  RecorderMessage message(RMT_EXIT, 1);
+  errno = 5;
+  channel.sendAMessage(message);
+  const bool kept = errno == 5;
+  limit.rlim_cur = usual;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  const auto lines = log.lines();
+  const bool logged = lines.size() == 2 &&
+                      lines[1] == "[ERROR]socket() returned INVALID_SOCKET, WSAGetLastError=24 ????? : unknown code";
+  _exit(kept && logged ? 0 : 1);
+}
+}  // namespace
+
+TEST(ChannelDeathTest, SocketFailureIsLoggedWithItsCode) {
+  EXPECT_EXIT(sendWithoutDescriptors(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(ChannelDeathTest, EmitEndOfProcessWithoutWorkingDirectoryExits255) {
