@@ -13,6 +13,7 @@
 #include "interpose/dlsym_bootstrap.h"
 #include "interpose/real_functions.h"
 #include "recorder/recorder_channel_startup.h"
+#include "socks/local_addresses.h"
 #include "socks/socks_config.h"
 
 __asm__(".symver dladdr,dladdr@GLIBC_2.0");

@@ -1,22 +1,409 @@
-#include "hooks/handlers.h"
-#include "interpose/real_functions.h"
+// send, sendto, write, sendmsg, recv, recvfrom, read and recvmsg: the bytes of every recorded
+// call go to the recorder.
+#include <limits.h>
+#include <string.h>
+#include <sys/uio.h>
 
-// Until the registry and the recorder channel are built, these handlers only pass the call on.
-ssize_t Mysend(int socket, const void* buffer, size_t length, int flags) {
-  return True_send(socket, buffer, length, flags);
+#include "agent/agent_startup.h"
+#include "agent/recording_decision.h"
+#include "diag/debug_log.h"
+#include "diag/name_tables.h"
+#include "hooks/handler_support.h"
+#include "hooks/handlers.h"
+#include "hooks/socket_registry.h"
+#include "interpose/real_functions.h"
+#include "recorder/address_attributes.h"
+#include "recorder/agent_interface.h"
+#include "recorder/recorder_message.h"
+#include "socks/socks_routing.h"
+
+namespace {
+
+const unsigned kUdp = 17;
+
+void sendToRecorder(RecorderMessage& message) {
+  AgentInterface* channel = getAgentInterface();
+  if (channel != nullptr) channel->sendAMessage(message);
 }
+
+void logNotRecorded(SOCKETINFO* record, const char* name, int cpt, unsigned fd, int reason) {
+  si_disp(record, DMK_INFO, "[%d]%s on %lx not logged (%s)", cpt, name, static_cast<unsigned long>(fd),
+          ImageShouldBeLogged[reason]);
+}
+
+// A byte count as the string setter takes it; counts past what it can hold give no data.
+int asCount(size_t count) { return count > static_cast<size_t>(INT_MAX) ? -1 : static_cast<int>(count); }
+
+// The head of every send message: when, which call, which socket, which process.
+void sendHead(RecorderMessage& message, const CallStart& start, int socket) {
+  if (start.stampNs != -1) message.set(RMA_TIMESTAMP_NS, start.stampNs);
+  message.set(RMA_TIMESTAMP, start.stamp);
+  message.setInt(RMA_TICKET, start.ticket);
+  message.setInt64(RMA_SOCKET, socket);
+  message.set(RMA_PID, currentProcessId);
+}
+
+// The head of every receive message, stamped when the data arrived.
+void receiveHead(RecorderMessage& message, int ticket, int socket) {
+  const int64_t stamp = getTimeStamp();
+  const int64_t stampNs = getTimeStampNs();
+  if (stampNs != -1) message.set(RMA_TIMESTAMP_NS, stampNs);
+  message.set(RMA_PID, currentProcessId);
+  message.set(RMA_TIMESTAMP, stamp);
+  message.setInt(RMA_TICKET, ticket);
+  message.setInt64(RMA_SOCKET, socket);
+}
+
+// The bytes a receive got. A result of 0 takes the buffer up to its first zero byte, as the
+// string setter reads a count of 0, but never past the caller's own length.
+void setReceivedData(RecorderMessage& message, const void* buffer, size_t length, ssize_t result) {
+  const char* bytes = static_cast<const char*>(buffer);
+  if (result == 0) {
+    message.set(RMA_DATA, bytes, printableLength(buffer, length));
+  } else {
+    message.set(RMA_DATA, bytes, static_cast<int>(result));
+  }
+}
+
+// An empty poll of a non-blocking socket is not an event.
+bool isEmptyPoll(int error, ssize_t result) { return error == EAGAIN && result < 1; }
+
+// The vectors of a message header, when they can be read: a header the C library refused, or
+// one with more vectors than it accepts, is left alone.
+bool readableVectors(const msghdr* message, int error) {
+  return message != nullptr && error != EFAULT && message->msg_iovlen <= IOV_MAX &&
+         (message->msg_iov != nullptr || message->msg_iovlen == 0);
+}
+
+}  // namespace
+
+ssize_t Mysend(int socket, const void* buffer, size_t length, int flags) {
+  const CallStart start = beginCall();
+  const unsigned fd = static_cast<unsigned>(socket);
+  SOCKETINFO* record = getSocketInfo(fd);
+  waitConnectionDone(record, start.cpt);
+  si_disp(record, DMK_CALL, "[%d]send \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
+  const ssize_t result = True_send(socket, buffer, length, flags);
+  const int error = readErrorCode();
+  if (result == -1) {
+    si_disp(record, DMK_WARNING, "[%d]send (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X",
+            start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
+            static_cast<int>(length), flags, static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+  } else {
+    si_disp(record, DMK_RET, "[%d]send (OK):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X \"%.*s\"", start.cpt,
+            static_cast<unsigned long>(fd), static_cast<int>(length), flags,
+            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)), printableLength(buffer, length),
+            static_cast<const char*>(buffer));
+  }
+  const int reason = shouldBeLogged(record);
+  if (reason == SBL_SHOULDBELOGGED) {
+    // The bytes asked for are recorded, not those the system took: "return" says how many it did.
+    RecorderMessage message(RMT_SEND, start.cpt);
+    sendHead(message, start, socket);
+    if (length != 0 && error != EFAULT) message.set(RMA_DATA, static_cast<const char*>(buffer), asCount(length));
+    message.set(RMA_LENGTH, static_cast<unsigned>(length));
+    message.set(RMA_RETURN, static_cast<int>(result));
+    message.set(RMA_ERROR, error);
+    sendToRecorder(message);
+  } else {
+    logNotRecorded(record, "send", start.cpt, fd, reason);
+  }
+  restoreErrorCode(error);
+  return result;
+}
+
 ssize_t Mysendto(int socket, const void* buffer, size_t length, int flags, const sockaddr* address,
                  socklen_t addressLength) {
-  return True_sendto(socket, buffer, length, flags, address, addressLength);
+  const CallStart start = beginCall();
+  const unsigned fd = static_cast<unsigned>(socket);
+  SOCKETINFO* record = getSocketInfo(fd);
+  waitConnectionDone(record, start.cpt);
+  si_disp(record, DMK_CALL, "[%d]sendto \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
+  // The caller's address goes to the C library as it is: a substitute for a null one would turn a
+  // connected datagram send into an error.
+  const ssize_t result = True_sendto(socket, buffer, length, flags, address, addressLength);
+  const int error = readErrorCode();
+  if (result == -1) {
+    si_disp(record, DMK_WARNING, "[%d]sendto (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X",
+            start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
+            static_cast<int>(length), flags, static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+  } else {
+    si_disp(record, DMK_RET, "[%d]sendto (OK):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X", start.cpt,
+            static_cast<unsigned long>(fd), static_cast<int>(length), flags,
+            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+  }
+  const int reason = shouldBeLogged(record);
+  if (reason == SBL_SHOULDBELOGGED) {
+    RecorderMessage message(RMT_SEND, start.cpt);
+    sendHead(message, start, socket);
+    if (length != 0 && error != EFAULT) message.set(RMA_DATA, static_cast<const char*>(buffer), asCount(length));
+    message.set(RMA_LENGTH, static_cast<unsigned>(length));
+    message.set(RMA_RETURN, static_cast<int>(result));
+    if (getProtocol(record) == kUdp) message.set(RMA_INFO, "POSSIBLE_UDP", 0);
+    if (addressLength > 15) {
+      // A null address reads as sixteen zero bytes, as if the caller had passed an empty one.
+      sockaddr_storage destination;
+      memset(&destination, 0, sizeof destination);
+      if (address != nullptr && error != EFAULT) {
+        memcpy(&destination, address, addressLength < sizeof destination ? addressLength : sizeof destination);
+      }
+      fillMsgWithName(&message, reinterpret_cast<sockaddr*>(&destination));
+    }
+    message.set(RMA_ERROR, error);
+    sendToRecorder(message);
+  } else {
+    logNotRecorded(record, "sendto", start.cpt, fd, reason);
+  }
+  restoreErrorCode(error);
+  return result;
 }
-ssize_t Mysendmsg(int socket, const msghdr* message, int flags) { return True_sendmsg(socket, message, flags); }
-ssize_t Mywrite(int descriptor, const void* buffer, size_t count) { return True_write(descriptor, buffer, count); }
+
+ssize_t Mywrite(int descriptor, const void* buffer, size_t count) {
+  // Files, pipes and terminals cost one lookup and nothing else.
+  const unsigned fd = static_cast<unsigned>(descriptor);
+  SOCKETINFO* record = getSocketInfo(fd);
+  if (record == nullptr) return True_write(descriptor, buffer, count);
+  const CallStart start = beginCall();
+  waitConnectionDone(record, start.cpt);
+  si_disp(record, DMK_CALL, "[%d]write \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
+  const ssize_t result = True_write(descriptor, buffer, count);
+  const int error = readErrorCode();
+  if (result == -1) {
+    si_disp(record, DMK_WARNING, "[%d]write (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t count = %d,\t buf = 0x%08X",
+            start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
+            static_cast<int>(count), static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+  } else {
+    si_disp(record, DMK_RET, "[%d]write (OK):\tsocket : %lx\t count = %d,\t buf = 0x%08X \"%.*s\"", start.cpt,
+            static_cast<unsigned long>(fd), static_cast<int>(count),
+            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)), printableLength(buffer, count),
+            static_cast<const char*>(buffer));
+  }
+  const int reason = shouldBeLogged(record);
+  if (reason == SBL_SHOULDBELOGGED) {
+    RecorderMessage message(RMT_SEND, start.cpt);
+    sendHead(message, start, descriptor);
+    if (count != 0 && error != EFAULT) message.set(RMA_DATA, static_cast<const char*>(buffer), asCount(count));
+    message.set(RMA_LENGTH, static_cast<unsigned>(count));
+    message.set(RMA_RETURN, static_cast<int>(result));
+    message.set(RMA_ERROR, error);
+    sendToRecorder(message);
+  } else {
+    logNotRecorded(record, "write", start.cpt, fd, reason);
+  }
+  restoreErrorCode(error);
+  return result;
+}
+
+ssize_t Mysendmsg(int socket, const msghdr* header, int flags) {
+  const unsigned fd = static_cast<unsigned>(socket);
+  SOCKETINFO* record = getSocketInfo(fd);
+  if (record == nullptr) return True_sendmsg(socket, header, flags);
+  const CallStart start = beginCall();
+  waitConnectionDone(record, start.cpt);
+  si_disp(record, DMK_CALL, "[%d]sendmsg \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
+  const ssize_t result = True_sendmsg(socket, header, flags);
+  const int error = readErrorCode();
+  if (result == -1) {
+    si_disp(record, DMK_WARNING, "[%d]sendmsg (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t buf = 0x%08X", start.cpt,
+            error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
+            static_cast<unsigned>(reinterpret_cast<uintptr_t>(header)));
+  } else {
+    si_disp(record, DMK_RET, "[%d]sendmsg (OK):\tsocket : %lx\t \t buf = 0x%08X ", start.cpt,
+            static_cast<unsigned long>(fd), static_cast<unsigned>(reinterpret_cast<uintptr_t>(header)));
+  }
+  const int reason = shouldBeLogged(record);
+  if (reason == SBL_SHOULDBELOGGED) {
+    const bool readable = readableVectors(header, error);
+    unsigned total = 0;
+    if (readable) {
+      for (size_t i = 0; i < header->msg_iovlen; ++i) total += static_cast<unsigned>(header->msg_iov[i].iov_len);
+    }
+    RecorderMessage message(RMT_SEND, start.cpt);
+    sendHead(message, start, socket);
+    if (readable) {
+      message.setiovect(RMA_DATA, header->msg_iov, static_cast<int>(header->msg_iovlen), total);
+    } else {
+      message.set(RMA_DATA, "", 0);
+    }
+    message.set(RMA_LENGTH, static_cast<int>(total));
+    message.set(RMA_RETURN, static_cast<int>(result));
+    message.set(RMA_ERROR, error);
+    sendToRecorder(message);
+  } else {
+    logNotRecorded(record, "sendmsg", start.cpt, fd, reason);
+  }
+  restoreErrorCode(error);
+  return result;
+}
+
 ssize_t Myrecv(int socket, void* buffer, size_t length, int flags) {
-  return True_recv(socket, buffer, length, flags);
+  const CallStart start = beginCall();
+  const unsigned fd = static_cast<unsigned>(socket);
+  SOCKETINFO* record = getSocketInfo(fd);
+  waitConnectionDone(record, start.cpt);
+  si_disp(record, DMK_CALL, "[%d]recv \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
+  const ssize_t result = True_recv(socket, buffer, length, flags);
+  const int error = readErrorCode();
+  if (result == -1) {
+    si_disp(record, DMK_WARNING, "[%d]recv (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X",
+            start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
+            static_cast<int>(length), flags, static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+  } else {
+    si_disp(record, DMK_RET, "[%d]recv (OK) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X", start.cpt,
+            static_cast<unsigned long>(fd), static_cast<int>(length), flags,
+            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+  }
+  const int reason = shouldBeLogged(record);
+  if (reason == SBL_SHOULDBELOGGED) {
+    if (!isEmptyPoll(error, result)) {
+      // Stamped and ticketed when the data arrived, not when the call began.
+      RecorderMessage message(RMT_RECEIVE, start.cpt);
+      receiveHead(message, static_cast<int>(getTicket()), socket);
+      setReceivedData(message, buffer, length, result);
+      message.set(RMA_LENGTH, static_cast<int>(result));
+      message.set(RMA_RETURN, static_cast<int>(result));
+      message.set(RMA_ERROR, error);
+      sendToRecorder(message);
+    }
+  } else {
+    logNotRecorded(record, "recv", start.cpt, fd, reason);
+  }
+  restoreErrorCode(error);
+  return result;
 }
-ssize_t Myrecvfrom(int socket, void* buffer, size_t length, int flags, sockaddr* address,
-                   socklen_t* addressLength) {
-  return True_recvfrom(socket, buffer, length, flags, address, addressLength);
+
+ssize_t Myrecvfrom(int socket, void* buffer, size_t length, int flags, sockaddr* address, socklen_t* addressLength) {
+  const int callerErrno = errno;
+  const int cpt = static_cast<int>(getGlobalCpt());
+  const unsigned fd = static_cast<unsigned>(socket);
+  SOCKETINFO* record = getSocketInfo(fd);
+  waitConnectionDone(record, cpt);
+  si_disp(record, DMK_CALL, "[%d]recvfrom \tsocket : %lx", cpt, static_cast<unsigned long>(fd));
+  // The source is always wanted. Without a caller's buffer the agent's own takes it; with one,
+  // the caller's arguments go to the C library unchanged, so that it truncates and reports
+  // lengths for the caller exactly as it would without the agent.
+  sockaddr_storage source;
+  memset(&source, 0, sizeof source);
+  socklen_t sourceLength = sizeof source;
+  const bool own = address == nullptr;
+  const socklen_t callerCapacity = !own && addressLength != nullptr ? *addressLength : 0;
+  errno = callerErrno;
+  const ssize_t result = own ? True_recvfrom(socket, buffer, length, flags, reinterpret_cast<sockaddr*>(&source),
+                                             &sourceLength)
+                             : True_recvfrom(socket, buffer, length, flags, address, addressLength);
+  const int error = readErrorCode();
+  if (!own && result >= 0 && addressLength != nullptr) {
+    const socklen_t got = *addressLength < callerCapacity ? *addressLength : callerCapacity;
+    memcpy(&source, address, got < sizeof source ? got : sizeof source);
+  }
+  const sockaddr* logAddress = own ? reinterpret_cast<sockaddr*>(&source) : address;
+  const int logLength = static_cast<int>(own ? sourceLength : addressLength != nullptr ? *addressLength : 0);
+  if (result == -1) {
+    si_disp(record, DMK_WARNING,
+            "[%d]recvfrom (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X\t from = "
+            "0x%08X\t fromlen %d",
+            cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
+            static_cast<int>(length), flags, static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)),
+            static_cast<unsigned>(reinterpret_cast<uintptr_t>(logAddress)), logLength);
+  } else {
+    si_disp(record, DMK_RET,
+            "[%d]recvfrom (OK) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X\t from = 0x%08X\t fromlen %d",
+            cpt, static_cast<unsigned long>(fd), static_cast<int>(length), flags,
+            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)),
+            static_cast<unsigned>(reinterpret_cast<uintptr_t>(logAddress)), logLength);
+  }
+  const int reason = shouldBeLogged(record);
+  if (reason == SBL_SHOULDBELOGGED) {
+    if (!isEmptyPoll(error, result)) {
+      RecorderMessage message(RMT_RECEIVE, cpt);
+      receiveHead(message, static_cast<int>(getTicket()), socket);
+      setReceivedData(message, buffer, length, result);
+      message.set(RMA_LENGTH, static_cast<int>(result));
+      message.set(RMA_RETURN, static_cast<int>(result));
+      if (getProtocol(record) == kUdp) message.set(RMA_INFO, "POSSIBLE_UDP", 0);
+      fillMsgWithName(&message, reinterpret_cast<sockaddr*>(&source));
+      message.set(RMA_ERROR, error);
+      sendToRecorder(message);
+    }
+  } else {
+    logNotRecorded(record, "recvfrom", cpt, fd, reason);
+  }
+  restoreErrorCode(error);
+  return result;
 }
-ssize_t Myrecvmsg(int socket, msghdr* message, int flags) { return True_recvmsg(socket, message, flags); }
-ssize_t Myread(int descriptor, void* buffer, size_t count) { return True_read(descriptor, buffer, count); }
+
+ssize_t Myread(int descriptor, void* buffer, size_t count) {
+  const unsigned fd = static_cast<unsigned>(descriptor);
+  SOCKETINFO* record = getSocketInfo(fd);
+  if (record == nullptr) return True_read(descriptor, buffer, count);
+  const CallStart start = beginCall();
+  waitConnectionDone(record, start.cpt);
+  si_disp(record, DMK_CALL, "[%d]read \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
+  const ssize_t result = True_read(descriptor, buffer, count);
+  const int error = readErrorCode();
+  if (result == -1) {
+    si_disp(record, DMK_WARNING, "[%d]read (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t len = %d,\t buf = 0x%08X",
+            start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
+            static_cast<int>(count), static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+  } else {
+    si_disp(record, DMK_RET, "[%d]read (OK) :\tsocket : %lx\t len = %d,\t buf = 0x%08X", start.cpt,
+            static_cast<unsigned long>(fd), static_cast<int>(count),
+            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+  }
+  const int reason = shouldBeLogged(record);
+  if (reason == SBL_SHOULDBELOGGED) {
+    if (!isEmptyPoll(error, result)) {
+      // read keeps the ticket of its start, unlike recv: recorders have always ordered it so.
+      RecorderMessage message(RMT_RECEIVE, start.cpt);
+      receiveHead(message, start.ticket, descriptor);
+      setReceivedData(message, buffer, count, result);
+      message.set(RMA_LENGTH, static_cast<int>(result));
+      message.set(RMA_RETURN, static_cast<int>(result));
+      message.set(RMA_ERROR, error);
+      sendToRecorder(message);
+    }
+  } else {
+    logNotRecorded(record, "read", start.cpt, fd, reason);
+  }
+  restoreErrorCode(error);
+  return result;
+}
+
+ssize_t Myrecvmsg(int socket, msghdr* header, int flags) {
+  const unsigned fd = static_cast<unsigned>(socket);
+  SOCKETINFO* record = getSocketInfo(fd);
+  if (record == nullptr) return True_recvmsg(socket, header, flags);
+  const CallStart start = beginCall();
+  waitConnectionDone(record, start.cpt);
+  si_disp(record, DMK_CALL, "[%d]recvmsg \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
+  const ssize_t result = True_recvmsg(socket, header, flags);
+  const int error = readErrorCode();
+  if (result == -1) {
+    si_disp(record, DMK_WARNING, "[%d]recvmsg (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t buf = 0x%08X", start.cpt,
+            error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
+            static_cast<unsigned>(reinterpret_cast<uintptr_t>(header)));
+  } else {
+    si_disp(record, DMK_RET, "[%d]recvmsg (OK) :\tsocket : %lx\t buf = 0x%08X", start.cpt,
+            static_cast<unsigned long>(fd), static_cast<unsigned>(reinterpret_cast<uintptr_t>(header)));
+  }
+  const int reason = shouldBeLogged(record);
+  if (reason == SBL_SHOULDBELOGGED) {
+    if (!isEmptyPoll(error, result)) {
+      RecorderMessage message(RMT_RECEIVE, start.cpt);
+      receiveHead(message, start.ticket, socket);
+      // The bytes received, spread over the vectors in order; a failed call received none.
+      if (readableVectors(header, error)) {
+        message.setiovect(RMA_DATA, header->msg_iov, static_cast<int>(header->msg_iovlen),
+                          result > 0 ? static_cast<unsigned>(result) : 0u);
+      }
+      message.set(RMA_LENGTH, static_cast<int>(result));
+      message.set(RMA_RETURN, static_cast<int>(result));
+      message.set(RMA_ERROR, error);
+      sendToRecorder(message);
+    }
+  } else {
+    logNotRecorded(record, "recvmsg", start.cpt, fd, reason);
+  }
+  restoreErrorCode(error);
+  return result;
+}

@@ -9,6 +9,8 @@
 #include <sys/types.h>
 #include <time.h>
 
+#include "interpose/export_visibility.h"
+
 int Mysocket(int domain, int type, int protocol);
 int Mybind(int socket, const sockaddr* address, socklen_t length);
 int Mylisten(int socket, int backlog);
@@ -25,6 +27,15 @@ ssize_t Myrecv(int socket, void* buffer, size_t length, int flags);
 ssize_t Myrecvfrom(int socket, void* buffer, size_t length, int flags, sockaddr* address, socklen_t* addressLength);
 ssize_t Myrecvmsg(int socket, msghdr* message, int flags);
 ssize_t Myread(int descriptor, void* buffer, size_t count);
+
+// Reached by nothing in the agent: exported under their own names for other modules of the host,
+// while the C library's gethostbyname and the rest go unobserved.
+extern "C" {
+TALVEX_EXPORT hostent* Mygethostbyname(const char* name);
+TALVEX_EXPORT int Mygethostname(char* name, size_t length);
+TALVEX_EXPORT servent* Mygetservbyport(int port, const char* protocol);
+TALVEX_EXPORT servent* Mygetservbyname(const char* name, const char* protocol);
+}
 
 int Mygetaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** result);
 int Mygetsockname(int socket, sockaddr* address, socklen_t* length);

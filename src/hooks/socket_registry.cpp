@@ -1,5 +1,159 @@
 #include "hooks/socket_registry.h"
 
+#include <netinet/in.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "diag/debug_log.h"
+#include "hooks/critical_section.h"
+#include "interpose/real_functions.h"
+#include "recorder/address_attributes.h"
+#include "socks/socks_config.h"
+
+SOCKETINFO* allSocketInfo = nullptr;
+SOCKETINFO* releasedSocketInfo = nullptr;
+int criticalSectionSocketInfoInitialized = 0;
+
+namespace {
+
+// Zero-filled mutexes are usable as they stand, so a lookup racing the first initialisation
+// finds working locks.
+pthread_mutex_t criticalSectionSocketInfoList;
+pthread_mutex_t criticalSectionSocketInfoData;
+pthread_mutex_t criticalSectionLists;
+
+const unsigned kLocalFamily = 1;
+const int kStoredAddressSize = 128;
+
+// Records are never freed while the agent runs, so a walker that reads the head under the list
+// lock can follow the links without it: at worst it misses a record pushed meanwhile.
+SOCKETINFO* head() {
+  StartCriticalSectionBase(&criticalSectionSocketInfoList);
+  SOCKETINFO* first = allSocketInfo;
+  EndCriticalSectionBase(&criticalSectionSocketInfoList);
+  return first;
+}
+
+SOCKETINFO* nextOf(SOCKETINFO* record) { return __atomic_load_n(&record->next, __ATOMIC_ACQUIRE); }
+
+SOCKETINFO* find(unsigned socket) {
+  for (SOCKETINFO* r = head(); r != nullptr; r = nextOf(r)) {
+    if (r->socket == socket) return r;
+  }
+  return nullptr;
+}
+
+bool hasFlag(SOCKETINFO* record, uint8_t flag) {
+  return (__atomic_load_n(&record->flags, __ATOMIC_ACQUIRE) & flag) != 0;
+}
+void setFlag(SOCKETINFO* record, uint8_t flag) { __atomic_fetch_or(&record->flags, flag, __ATOMIC_ACQ_REL); }
+// Clears the flag and says whether it was set.
+int takeFlag(SOCKETINFO* record, uint8_t flag) {
+  return (__atomic_fetch_and(&record->flags, static_cast<uint8_t>(~flag), __ATOMIC_ACQ_REL) & flag) != 0 ? 1 : 0;
+}
+
+void freeRecords(SOCKETINFO** list) {
+  for (SOCKETINFO* r = *list; r != nullptr;) {
+    SOCKETINFO* following = r->next;
+    FreeCriticalSectionBase(&r->connectionLock);
+    free(r);
+    r = following;
+  }
+  *list = nullptr;
+}
+
+}  // namespace
+
+void preInitializeMemo() {
+  if (__atomic_load_n(&criticalSectionSocketInfoInitialized, __ATOMIC_ACQUIRE)) return;
+  StartCriticalSectionBase(&criticalSectionSocketInfoList);
+  if (!criticalSectionSocketInfoInitialized) {
+    allSocketInfo = nullptr;
+    releasedSocketInfo = nullptr;
+    __atomic_store_n(&criticalSectionSocketInfoInitialized, 1, __ATOMIC_RELEASE);
+  }
+  EndCriticalSectionBase(&criticalSectionSocketInfoList);
+}
+
+void cleanSocketInfo() {
+  if (!criticalSectionSocketInfoInitialized) return;
+  StartCriticalSectionBase(&criticalSectionSocketInfoList);
+  freeRecords(&releasedSocketInfo);
+  freeRecords(&allSocketInfo);
+  criticalSectionSocketInfoInitialized = 0;
+  EndCriticalSectionBase(&criticalSectionSocketInfoList);
+}
+
+void InitializeLists() { AllocCriticalSectionBase(&criticalSectionLists); }
+void FinalizeLists() { FreeCriticalSectionBase(&criticalSectionLists); }
+
+SOCKETINFO* createSocketInfo(unsigned socket, unsigned family, unsigned type, int nonBlocking, unsigned protocol) {
+  if (socket == 0) return nullptr;
+  preInitializeMemo();
+  SOCKETINFO* record = find(socket);
+  if (record == nullptr) {
+    // A descriptor the kernel handed out again without the agent seeing its close keeps its
+    // record above; otherwise reuse a released record before allocating.
+    StartCriticalSectionBase(&criticalSectionSocketInfoList);
+    record = releasedSocketInfo;
+    if (record != nullptr) {
+      releasedSocketInfo = record->next;
+      record->socket = 0;
+      record->next = nullptr;
+    }
+    EndCriticalSectionBase(&criticalSectionSocketInfoList);
+    if (record == nullptr) {
+      record = static_cast<SOCKETINFO*>(calloc(1, sizeof(SOCKETINFO)));
+      if (record == nullptr) {
+        x_disp(DMK_ERROR, "malloc error in createMemoOpenedSocket");
+        return nullptr;
+      }
+      AllocCriticalSectionBase(&record->connectionLock);
+    }
+    record->socket = socket;
+    StartCriticalSectionBase(&criticalSectionSocketInfoList);
+    record->next = allSocketInfo;
+    __atomic_store_n(&allSocketInfo, record, __ATOMIC_RELEASE);
+    EndCriticalSectionBase(&criticalSectionSocketInfoList);
+  }
+  StartCriticalSectionBase(&criticalSectionSocketInfoData);
+  record->type = type;
+  if (nonBlocking & 1) {
+    setFlag(record, SIF_NONBLOCKING);
+  } else {
+    takeFlag(record, SIF_NONBLOCKING);
+  }
+  record->family = family;
+  record->addrLen = 0;
+  record->protocol = protocol;
+  EndCriticalSectionBase(&criticalSectionSocketInfoData);
+  return record;
+}
+
+SOCKETINFO* getSocketInfo(unsigned socket) {
+  if (socket == 0 || !__atomic_load_n(&criticalSectionSocketInfoInitialized, __ATOMIC_ACQUIRE)) return nullptr;
+  return find(socket);
+}
+
+int freeSocketInfo(unsigned socket) {
+  if (socket == 0 || !criticalSectionSocketInfoInitialized) return 0;
+  int found = 0;
+  StartCriticalSectionBase(&criticalSectionSocketInfoList);
+  for (SOCKETINFO** link = &allSocketInfo; *link != nullptr; link = &(*link)->next) {
+    SOCKETINFO* record = *link;
+    if (record->socket != socket) continue;
+    __atomic_store_n(link, record->next, __ATOMIC_RELEASE);
+    record->socket = 0;
+    record->next = releasedSocketInfo;
+    releasedSocketInfo = record;
+    found = 1;
+    break;
+  }
+  EndCriticalSectionBase(&criticalSectionSocketInfoList);
+  return found;
+}
+
 int getSocket(SOCKETINFO* record) { return record != nullptr ? static_cast<int>(record->socket) : -1; }
 unsigned getProtocol(SOCKETINFO* record) { return record != nullptr ? record->protocol : 0; }
 unsigned getFamily(SOCKETINFO* record) { return record != nullptr ? record->family : 0; }
@@ -8,6 +162,159 @@ void setFamily(SOCKETINFO* record, unsigned family) {
   if (record != nullptr) record->family = family;
 }
 
-int isSocketRerouted(SOCKETINFO* record) {
-  return record != nullptr && (record->flags & SIF_REROUTED) != 0 ? 1 : 0;
+int createMemoOpenedSocket(SOCKETINFO* record) {
+  if (record == nullptr) return 0;
+  setFlag(record, SIF_OPENED);
+  return 1;
+}
+
+int createMemoAcceptedSocket(SOCKETINFO* record) {
+  if (record == nullptr) return 0;
+  setFlag(record, SIF_ACCEPTED);
+  return 1;
+}
+
+int freeMemoOpenedSocket(SOCKETINFO* record) { return record != nullptr ? takeFlag(record, SIF_OPENED) : 0; }
+int freeMemoAcceptedSocket(SOCKETINFO* record) { return record != nullptr ? takeFlag(record, SIF_ACCEPTED) : 0; }
+
+SOCKETINFO* freeOpenedSocket(SOCKETINFO* record) {
+  if (record != nullptr) takeFlag(record, SIF_OPENED);
+  return record;
+}
+
+SOCKETINFO* freeAcceptedSocket(SOCKETINFO* record) {
+  if (record != nullptr) takeFlag(record, SIF_ACCEPTED);
+  return record;
+}
+
+int isOpenedSocket(SOCKETINFO* record) { return record != nullptr && hasFlag(record, SIF_OPENED) ? 1 : 0; }
+int isAcceptedSocket(SOCKETINFO* record) { return record != nullptr && hasFlag(record, SIF_ACCEPTED) ? 1 : 0; }
+int isSocketRerouted(SOCKETINFO* record) { return record != nullptr && hasFlag(record, SIF_REROUTED) ? 1 : 0; }
+int isNonBlockingSocket(SOCKETINFO* record) {
+  return record != nullptr && hasFlag(record, SIF_NONBLOCKING) ? 1 : 0;
+}
+
+int removeSockaddrElem(SOCKETINFO* record) { return record != nullptr ? takeFlag(record, SIF_REROUTED) : 0; }
+
+pthread_mutex_t* createMemoLockedSocket(SOCKETINFO* record) {
+  if (record == nullptr || !socksModeActive) return nullptr;
+  setFlag(record, SIF_LOCKED);
+  return &record->connectionLock;
+}
+
+pthread_mutex_t* freeMemoLockedSocket(SOCKETINFO* record) {
+  if (record == nullptr || !socksModeActive) return nullptr;
+  takeFlag(record, SIF_LOCKED);
+  return &record->connectionLock;
+}
+
+pthread_mutex_t* isLockedSocket(SOCKETINFO* record) {
+  if (record == nullptr || !socksModeActive || !criticalSectionSocketInfoInitialized) return nullptr;
+  return hasFlag(record, SIF_LOCKED) ? &record->connectionLock : nullptr;
+}
+
+int createSockaddrElem(SOCKETINFO* record, const sockaddr* address, int length) {
+  if (record == nullptr) return -1;
+  // The store holds 128 bytes, room for any socket address: a longer claimed length is cut there.
+  if (length > kStoredAddressSize) length = kStoredAddressSize;
+  if (length < 0 || address == nullptr) length = 0;
+  StartCriticalSectionBase(&criticalSectionSocketInfoData);
+  memcpy(record->addr, address, static_cast<size_t>(length));
+  setFlag(record, SIF_REROUTED);
+  record->addrLen = length;
+  EndCriticalSectionBase(&criticalSectionSocketInfoData);
+  return 1;
+}
+
+int getSockaddrValues(SOCKETINFO* record, sockaddr* address, socklen_t* lengthInOut, int* error) {
+  if (record == nullptr) return 0;
+  int found = 0;
+  StartCriticalSectionBase(&criticalSectionSocketInfoData);
+  if (hasFlag(record, SIF_REROUTED)) {
+    found = 1;
+    if (record->addrLen == 0 || static_cast<socklen_t>(record->addrLen) > *lengthInOut) {
+      *error = 14;
+    } else {
+      *lengthInOut = static_cast<socklen_t>(record->addrLen);
+      memcpy(address, record->addr, static_cast<size_t>(record->addrLen));
+      *error = 0;
+    }
+  }
+  EndCriticalSectionBase(&criticalSectionSocketInfoData);
+  return found;
+}
+
+void vsi_disp(SOCKETINFO* record, int kind, const char* format, va_list arguments) {
+  if (record == nullptr || record->family == kLocalFamily || !isDebugLevelEnable(kind)) return;
+  vx_disp(kind, format, arguments);
+}
+
+void si_disp(SOCKETINFO* record, int kind, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  vsi_disp(record, kind, format, arguments);
+  va_end(arguments);
+}
+
+void s_disp(unsigned socket, int kind, const char* format, ...) {
+  if (!isDebugLevelEnable(kind) || socket == 0 || !criticalSectionSocketInfoInitialized) return;
+  SOCKETINFO* record = find(socket);
+  if (record == nullptr || record->family == kLocalFamily) return;
+  va_list arguments;
+  va_start(arguments, format);
+  vx_disp(kind, format, arguments);
+  va_end(arguments);
+}
+
+namespace {
+void displayIf(uint8_t flag) {
+  for (SOCKETINFO* r = head(); r != nullptr; r = nextOf(r)) {
+    if (flag == 0 || hasFlag(r, flag)) x_disp(DMK_INFO, "%lx", static_cast<unsigned long>(r->socket));
+  }
+}
+}  // namespace
+
+void displayAllSocketInfo(const char* title) {
+  x_disp(DMK_INFO, "======= all socket info : %s ==============", title);
+  displayIf(0);
+  x_disp(DMK_INFO, "==========================================================");
+}
+
+void displayAllOpenedSocket() { displayIf(SIF_OPENED); }
+void displayAllAcceptedSocket() { displayIf(SIF_ACCEPTED); }
+void displayAllLockedSocket() { displayIf(SIF_LOCKED); }
+
+void displayOpenedSocket(SOCKETINFO* record) {
+  if (record == nullptr) {
+    x_disp(DMK_INFO, "(null)");
+  } else {
+    x_disp(DMK_INFO, "%lx", static_cast<unsigned long>(record->socket));
+  }
+}
+
+void displaySockaddrElem(SOCKETINFO* record) {
+  if (record == nullptr) return;
+  char text[48] = "<unknown>";
+  int port = 0;
+  if (record->family == AF_INET) {
+    sockaddr_in v4;
+    memcpy(&v4, record->addr, sizeof v4);
+    const char* dotted = True_inet_ntoa(v4.sin_addr);
+    snprintf(text, sizeof text, "%s", dotted != nullptr ? dotted : "");
+    port = True_ntohs(v4.sin_port);
+  } else if (record->family == AF_INET6) {
+    sockaddr_in6 v6;
+    memcpy(&v6, record->addr, sizeof v6);
+    formatIpv6Groups(v6.sin6_addr.s6_addr, text, sizeof text);
+    port = True_ntohs(v6.sin6_port);
+  }
+  x_disp(DMK_INFO, "=> socket : %lx \tip : %s(%d)", static_cast<unsigned long>(record->socket), text, port);
+}
+
+void displaySockaddrList() {
+  x_disp(DMK_INFO, "--------------- sockaddr list --------------------");
+  for (SOCKETINFO* r = head(); r != nullptr; r = nextOf(r)) {
+    if (hasFlag(r, SIF_REROUTED)) displaySockaddrElem(r);
+  }
+  x_disp(DMK_INFO, "--------------------------------------------------");
 }

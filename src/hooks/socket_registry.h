@@ -1,8 +1,11 @@
-// The agent's memory of the sockets the host created: family, type, protocol and state bits.
+// The agent's memory of the sockets the host created: family, type, protocol, state bits, the
+// per-socket connection lock and, for a rerouted connection, the destination the host asked for.
 #pragma once
 
 #include <pthread.h>
+#include <stdarg.h>
 #include <stdint.h>
+#include <sys/socket.h>
 
 enum SocketInfoFlag : uint8_t {
   SIF_OPENED = 1u << 0,
@@ -24,8 +27,51 @@ struct SOCKETINFO {
   unsigned char addr[128];
 };
 
+extern SOCKETINFO* allSocketInfo;
+extern SOCKETINFO* releasedSocketInfo;
+extern int criticalSectionSocketInfoInitialized;
+
+void preInitializeMemo();
+void cleanSocketInfo();
+void InitializeLists();
+void FinalizeLists();
+
+SOCKETINFO* createSocketInfo(unsigned socket, unsigned family, unsigned type, int nonBlocking, unsigned protocol);
+SOCKETINFO* getSocketInfo(unsigned socket);
+int freeSocketInfo(unsigned socket);
 int getSocket(SOCKETINFO* record);
 unsigned getProtocol(SOCKETINFO* record);
 unsigned getFamily(SOCKETINFO* record);
 void setFamily(SOCKETINFO* record, unsigned family);
+
+int createMemoOpenedSocket(SOCKETINFO* record);
+int createMemoAcceptedSocket(SOCKETINFO* record);
+int freeMemoOpenedSocket(SOCKETINFO* record);
+int freeMemoAcceptedSocket(SOCKETINFO* record);
+SOCKETINFO* freeOpenedSocket(SOCKETINFO* record);
+SOCKETINFO* freeAcceptedSocket(SOCKETINFO* record);
+int isOpenedSocket(SOCKETINFO* record);
+int isAcceptedSocket(SOCKETINFO* record);
 int isSocketRerouted(SOCKETINFO* record);
+int isNonBlockingSocket(SOCKETINFO* record);
+int removeSockaddrElem(SOCKETINFO* record);
+pthread_mutex_t* createMemoLockedSocket(SOCKETINFO* record);
+pthread_mutex_t* freeMemoLockedSocket(SOCKETINFO* record);
+pthread_mutex_t* isLockedSocket(SOCKETINFO* record);
+
+int createSockaddrElem(SOCKETINFO* record, const sockaddr* address, int length);
+int getSockaddrValues(SOCKETINFO* record, sockaddr* address, socklen_t* lengthInOut, int* error);
+
+// Log lines about one socket; local (family 1) sockets never write any.
+void s_disp(unsigned socket, int kind, const char* format, ...) __attribute__((format(printf, 3, 4)));
+void si_disp(SOCKETINFO* record, int kind, const char* format, ...) __attribute__((format(printf, 3, 4)));
+void vsi_disp(SOCKETINFO* record, int kind, const char* format, va_list arguments)
+    __attribute__((format(printf, 3, 0)));
+
+void displayAllSocketInfo(const char* title);
+void displayAllOpenedSocket();
+void displayAllAcceptedSocket();
+void displayAllLockedSocket();
+void displayOpenedSocket(SOCKETINFO* record);
+void displaySockaddrList();
+void displaySockaddrElem(SOCKETINFO* record);

@@ -19,6 +19,3 @@ void initializeSocksParam() {}
 
 void InitializeSocks() { AllocCriticalSectionBase(&criticalSectionSocks); }
 void FinalizeSocks() { FreeCriticalSectionBase(&criticalSectionSocks); }
-
-// The machine's own addresses only matter to rerouting, which is not built yet.
-void resolveLocalAdresses() {}

@@ -18,4 +18,3 @@ extern pthread_mutex_t criticalSectionSocks;
 void initializeSocksParam();
 void InitializeSocks();
 void FinalizeSocks();
-void resolveLocalAdresses();

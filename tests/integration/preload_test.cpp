@@ -131,8 +131,9 @@ TEST(Preload, StartUpRunsOnceUnderConcurrentFirstCalls) {
       ASSERT_EQ(linesContaining(log, "debug level : 2").size(), 1u) << log;
       ASSERT_EQ(linesContaining(log, "[INFO ]===> WSAStartup : starting to resolve local addresses").size(), 1u) << log;
       ASSERT_EQ(linesContaining(log, "[INFO ]===> WSAStartup : local addresses solved").size(), 1u) << log;
-      // The recording start-up ran before the file existed, so none of its lines may appear.
-      ASSERT_EQ(linesContaining(log, "@@@@ ip").size(), 0u) << log;
+      // The recording start-up runs once too: in the starting thread before the file exists, or
+      // in a thread whose handler needed it first, after.
+      ASSERT_LE(linesContaining(log, "@@@@ ip").size(), 1u) << log;
     }
   }
 }

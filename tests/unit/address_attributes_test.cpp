@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "interpose/real_functions.h"
 #include "log_capture.h"
 #include "recorder/recorder_message.h"
 
@@ -62,6 +63,8 @@ TEST(AddressAttributes, OtherFamiliesGiveTheFamilyAlone) {
 }
 
 TEST(AddressAttributes, NullAddressIsLoggedAndAddsNothing) {
+  // The real conversion functions are known, so the address attributes need no start-up.
+  initializeRealFunctionPointers();
   talvex_test::LogCapture log("1");
   EXPECT_EQ(attributesOf(nullptr), "");
   const auto lines = log.lines();

@@ -1,0 +1,31 @@
+// Which connects go through the SOCKS server, the per-socket lock that makes senders wait for a
+// SOCKS exchange, and the memo of ports the host itself has bound.
+#pragma once
+
+#include <sys/socket.h>
+
+struct SOCKETINFO;
+
+enum SocksStatus {
+  SOCKS_UNREACHABLE = -1,
+  SOCKS_NOT_REROUTED = 0,
+  SOCKS_REROUTED = 1,
+  SOCKS_LOCAL_LOOP = 2,
+  SOCKS_FAILED = 3,
+  SOCKS_TARGET_REFUSED = 4,
+};
+
+int SocksConnect(SOCKETINFO* record, const sockaddr* destination, int length, int* socksError);
+int checkSocksStatus(int socket, int status, bool* toReconnect, int* loopback, int* error);
+bool isBindedLocalHost(int socket, const sockaddr* destination, int length);
+bool isStreamSocket(int socket, int family);
+unsigned short getLocalPort(int socket, unsigned short family);
+
+void createBindedPortMemo(int socket, unsigned short port);
+void freeBindedPortMemo(int socket);
+void displayBindedPortMemo();
+void physicalFreeBindedPortMemo();
+
+void lock_connection(SOCKETINFO* record, int callNumber);
+void unlock_connection(SOCKETINFO* record, int callNumber);
+void waitConnectionDone(SOCKETINFO* record, int callNumber);
