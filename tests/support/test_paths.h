@@ -5,3 +5,5 @@ constexpr const char* kAgentPath = TALVEX_AGENT_PATH;
 constexpr const char* kProbePath = TALVEX_PROBE_PATH;
 constexpr const char* kRecorderCoreStandinPath = TALVEX_RECORDER_CORE_STANDIN_PATH;
 constexpr const char* kRecorderPath = TALVEX_RECORDER_PATH;
+constexpr const char* kRecordingProbePath = TALVEX_RECORDING_PROBE_PATH;
+constexpr const char* kResolverStandinPath = TALVEX_RESOLVER_STANDIN_PATH;

@@ -1,0 +1,379 @@
+/* A 32-bit program whose scenarios each exercise one recorded behaviour, printing every result
+ * and errno so that tests can compare runs with and without the agent. */
+#define _GNU_SOURCE
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <pthread.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+static void report(const char* what, long result) {
+  printf("%s result=%ld errno=%d\n", what, result, result < 0 ? errno : 0);
+}
+
+static struct sockaddr_in loopback(int port) {
+  struct sockaddr_in a;
+  memset(&a, 0, sizeof a);
+  a.sin_family = AF_INET;
+  a.sin_port = htons((uint16_t)port);
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return a;
+}
+
+static int connected(int port) {
+  int s = socket(AF_INET, SOCK_STREAM, 0);
+  struct sockaddr_in a = loopback(port);
+  if (connect(s, (struct sockaddr*)&a, sizeof a) != 0) {
+    perror("connect");
+    exit(3);
+  }
+  printf("socket %d\n", s);
+  return s;
+}
+
+static int listening(struct sockaddr_in* bound) {
+  int l = socket(AF_INET, SOCK_STREAM, 0);
+  *bound = loopback(0);
+  bind(l, (struct sockaddr*)bound, sizeof *bound);
+  listen(l, 16);
+  socklen_t length = sizeof *bound;
+  getsockname(l, (struct sockaddr*)bound, &length);
+  return l;
+}
+
+/* Reads exactly n bytes, however the stream splits them. */
+static int readFully(int s, char* buffer, size_t n) {
+  size_t got = 0;
+  while (got < n) {
+    ssize_t r = recv(s, buffer + got, n - got, 0);
+    if (r <= 0) return -1;
+    got += (size_t)r;
+  }
+  return 0;
+}
+
+static int scenarioNonBlockingConnect(int port) {
+  int s = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+  printf("socket %d\n", s);
+  struct sockaddr_in a = loopback(port);
+  report("connect", connect(s, (struct sockaddr*)&a, sizeof a));
+  struct pollfd p = {s, POLLOUT, 0};
+  poll(&p, 1, 5000);
+  report("close", close(s));
+  return 0;
+}
+
+static int scenarioUdp(int port) {
+  int s = socket(AF_INET, SOCK_DGRAM, 0);
+  printf("socket %d\n", s);
+  struct sockaddr_in a = loopback(port);
+  report("connect", connect(s, (struct sockaddr*)&a, sizeof a));
+  report("send", send(s, "x", 1, 0));
+  report("close", close(s));
+  return 0;
+}
+
+static int scenarioAcceptTwice(void) {
+  struct sockaddr_in bound;
+  int l = listening(&bound);
+  int c1 = socket(AF_INET, SOCK_STREAM, 0), c2 = socket(AF_INET, SOCK_STREAM, 0);
+  connect(c1, (struct sockaddr*)&bound, sizeof bound);
+  connect(c2, (struct sockaddr*)&bound, sizeof bound);
+  printf("listener %d clients %d %d\n", l, c1, c2);
+  int a1 = accept(l, NULL, NULL);
+  struct sockaddr_in peer;
+  socklen_t peerLength = sizeof peer;
+  int a2 = accept(l, (struct sockaddr*)&peer, &peerLength);
+  printf("accepted %d %d peerlen=%d\n", a1 >= 0, a2 >= 0, (int)peerLength);
+  report("send-accepted", send(a1, "hi", 2, 0));
+  char buffer[4];
+  report("recv-client", recv(c1, buffer, 2, MSG_WAITALL));
+  report("close-accepted", close(a1));
+  report("close-accepted2", close(a2));
+  report("close-client1", close(c1));
+  report("close-client2", close(c2));
+  report("close-listener", close(l));
+  return 0;
+}
+
+static int scenarioSendZero(int port) {
+  int s = connected(port);
+  report("send", send(s, "ignored", 0, 0));
+  report("close", close(s));
+  return 0;
+}
+
+static int scenarioRecvEagain(int port) {
+  int s = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+  printf("socket %d\n", s);
+  struct sockaddr_in a = loopback(port);
+  connect(s, (struct sockaddr*)&a, sizeof a);
+  struct pollfd p = {s, POLLOUT, 0};
+  poll(&p, 1, 5000);
+  char buffer[8];
+  report("recv", recv(s, buffer, sizeof buffer, 0));
+  report("read", read(s, buffer, sizeof buffer));
+  report("close", close(s));
+  return 0;
+}
+
+static int scenarioRecvZero(int port) {
+  int s = connected(port);
+  shutdown(s, SHUT_WR);
+  char buffer[16];
+  memset(buffer, 0, sizeof buffer);
+  report("recv", recv(s, buffer, sizeof buffer, 0));
+  report("close", close(s));
+  return 0;
+}
+
+static int scenarioVectors(int port) {
+  int s = connected(port);
+  struct iovec out[3] = {{(void*)"ab", 2}, {(void*)"", 0}, {(void*)"cdefg", 5}};
+  struct msghdr message;
+  memset(&message, 0, sizeof message);
+  message.msg_iov = out;
+  message.msg_iovlen = 3;
+  report("sendmsg", sendmsg(s, &message, 0));
+  char first[3], second[4];
+  struct iovec in[2] = {{first, sizeof first}, {second, sizeof second}};
+  message.msg_iov = in;
+  message.msg_iovlen = 2;
+  report("recvmsg", recvmsg(s, &message, MSG_WAITALL));
+  printf("received %.3s|%.4s\n", first, second);
+  report("close", close(s));
+  return 0;
+}
+
+/* Every byte value, over and over, to `size` bytes; the echo comes back whole. */
+static int scenarioBytes(int port, long size) {
+  int s = connected(port);
+  char* data = malloc((size_t)size);
+  char* back = malloc((size_t)size);
+  for (long i = 0; i < size; ++i) data[i] = (char)(i % 256);
+  report("send", send(s, data, (size_t)size, 0));
+  report("echo", readFully(s, back, (size_t)size));
+  printf("same %d\n", memcmp(data, back, (size_t)size) == 0);
+  report("close", close(s));
+  return 0;
+}
+
+static int scenarioUnix(const char* path) {
+  int l = socket(AF_UNIX, SOCK_STREAM, 0);
+  struct sockaddr_un a;
+  memset(&a, 0, sizeof a);
+  a.sun_family = AF_UNIX;
+  snprintf(a.sun_path, sizeof a.sun_path, "%s", path);
+  unlink(path);
+  report("bind", bind(l, (struct sockaddr*)&a, sizeof a));
+  report("listen", listen(l, 4));
+  int c = socket(AF_UNIX, SOCK_STREAM, 0);
+  report("connect", connect(c, (struct sockaddr*)&a, sizeof a));
+  int s = accept(l, NULL, NULL);
+  report("send", send(c, "local", 5, 0));
+  char buffer[8];
+  report("recv", recv(s, buffer, 5, MSG_WAITALL));
+  report("write", write(c, "again", 5));
+  report("read", read(s, buffer, 5));
+  report("close", close(s));
+  report("close", close(c));
+  report("close", close(l));
+  unlink(path);
+  return 0;
+}
+
+static int scenarioResolve(const char* node, const char* service) {
+  struct addrinfo hints;
+  memset(&hints, 0, sizeof hints);
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE;
+  struct addrinfo* result = NULL;
+  const char* n = strcmp(node, "NULL") == 0 ? NULL : node;
+  const char* sv = strcmp(service, "NULL") == 0 ? NULL : service;
+  int status = getaddrinfo(n, sv, &hints, &result);
+  int count = 0;
+  for (struct addrinfo* e = result; e != NULL; e = e->ai_next) ++count;
+  printf("getaddrinfo status=%d entries=%d\n", status, count);
+  if (result != NULL) freeaddrinfo(result);
+  return 0;
+}
+
+static int scenarioSelectReady(int port) {
+  int s = connected(port);
+  send(s, "x", 1, 0);
+  fd_set readable;
+  FD_ZERO(&readable);
+  FD_SET(s, &readable);
+  struct timeval wait = {5, 0};
+  errno = 0;
+  int result = select(s + 1, &readable, NULL, NULL, &wait);
+  printf("select result=%d errno=%d set=%d\n", result, errno, FD_ISSET(s, &readable) ? 1 : 0);
+  report("close", close(s));
+  return 0;
+}
+
+static int scenarioSetsockopt26(void) {
+  int s = socket(AF_INET, SOCK_STREAM, 0);
+  report("dup2", dup2(s, 26));
+  int one = 1;
+  report("setsockopt", setsockopt(26, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one));
+  report("close", close(26));
+  report("close", close(s));
+  return 0;
+}
+
+static int scenarioBindSelf(void) {
+  struct sockaddr_in bound;
+  int l = listening(&bound);
+  int c = socket(AF_INET, SOCK_STREAM, 0);
+  printf("listener %d client %d port %d\n", l, c, ntohs(bound.sin_port));
+  report("connect", connect(c, (struct sockaddr*)&bound, sizeof bound));
+  report("close", close(c));
+  report("close", close(l));
+  return 0;
+}
+
+static int scenarioCloseTwice(void) {
+  int s = socket(AF_INET, SOCK_STREAM, 0);
+  printf("socket %d\n", s);
+  report("close", close(s));
+  report("close", close(s));
+  return 0;
+}
+
+/* The framed request/response protocol of the conversation: a 4-byte big-endian length, then
+ * the body; the server answers each body reversed. */
+struct Client {
+  int port;
+  int pairs;
+  int index;
+  const char* dir;
+};
+
+static void appendFile(const char* dir, const char* kind, int socket, const char* bytes, size_t n) {
+  char path[512];
+  snprintf(path, sizeof path, "%s/%s-%d", dir, kind, socket);
+  FILE* f = fopen(path, "ab");
+  fwrite(bytes, 1, n, f);
+  fclose(f);
+}
+
+static void* runClient(void* argument) {
+  struct Client* client = argument;
+  int s = socket(AF_INET, SOCK_STREAM, 0);
+  struct sockaddr_in a = loopback(client->port);
+  if (connect(s, (struct sockaddr*)&a, sizeof a) != 0) return (void*)1;
+  char request[400], response[400];
+  for (int i = 0; i < client->pairs; ++i) {
+    int n = snprintf(request + 4, 64, "req t=%d i=%d ", client->index, i);
+    int extra = (i * 37 + client->index) % 300;
+    for (int k = 0; k < extra; ++k) request[4 + n + k] = (char)((i + k * 7) & 0xff);
+    uint32_t body = (uint32_t)(n + extra);
+    uint32_t header = htonl(body);
+    memcpy(request, &header, 4);
+    if (send(s, request, 4 + body, 0) != (ssize_t)(4 + body)) return (void*)2;
+    appendFile(client->dir, "sent", s, request, 4 + body);
+    if (readFully(s, response, 4) != 0) return (void*)3;
+    uint32_t length;
+    memcpy(&length, response, 4);
+    length = ntohl(length);
+    if (length != body || readFully(s, response + 4, length) != 0) return (void*)4;
+    appendFile(client->dir, "recv", s, response, 4 + length);
+    for (uint32_t k = 0; k < length; ++k) {
+      if (response[4 + k] != request[4 + length - 1 - k]) return (void*)5;
+    }
+  }
+  close(s);
+  return NULL;
+}
+
+static int scenarioConversation(int port, int threads, int pairs, const char* dir) {
+  pthread_t ids[16];
+  struct Client clients[16];
+  if (threads < 1 || threads > 16) return 2;
+  for (int t = 0; t < threads; ++t) {
+    clients[t] = (struct Client){port, pairs, t, dir};
+    pthread_create(&ids[t], NULL, runClient, &clients[t]);
+  }
+  int failures = 0;
+  for (int t = 0; t < threads; ++t) {
+    void* status = NULL;
+    pthread_join(ids[t], &status);
+    failures += status != NULL;
+  }
+  printf("conversation failures=%d\n", failures);
+  return failures == 0 ? 0 : 1;
+}
+
+static void* serveOne(void* argument) {
+  int s = (int)(intptr_t)argument;
+  char buffer[400];
+  for (;;) {
+    uint32_t length;
+    if (readFully(s, (char*)&length, 4) != 0) break;
+    uint32_t n = ntohl(length);
+    if (n > sizeof buffer - 4 || readFully(s, buffer + 4, n) != 0) break;
+    memcpy(buffer, &length, 4);
+    for (uint32_t k = 0; k < n / 2; ++k) {
+      char c = buffer[4 + k];
+      buffer[4 + k] = buffer[4 + n - 1 - k];
+      buffer[4 + n - 1 - k] = c;
+    }
+    if (send(s, buffer, 4 + n, 0) != (ssize_t)(4 + n)) break;
+  }
+  close(s);
+  return NULL;
+}
+
+static int scenarioServe(const char* portFile, int count) {
+  struct sockaddr_in bound;
+  int l = listening(&bound);
+  FILE* f = fopen(portFile, "w");
+  fprintf(f, "%d\n", ntohs(bound.sin_port));
+  fclose(f);
+  pthread_t ids[64];
+  if (count < 1 || count > 64) return 2;
+  for (int i = 0; i < count; ++i) {
+    int s = accept(l, NULL, NULL);
+    pthread_create(&ids[i], NULL, serveOne, (void*)(intptr_t)s);
+  }
+  for (int i = 0; i < count; ++i) pthread_join(ids[i], NULL);
+  close(l);
+  return 0;
+}
+
+int main(int argc, char** argv) {
+  setvbuf(stdout, NULL, _IONBF, 0);
+  const char* s = argc >= 2 ? argv[1] : "";
+  if (strcmp(s, "nonblock-connect") == 0 && argc >= 3) return scenarioNonBlockingConnect(atoi(argv[2]));
+  if (strcmp(s, "udp") == 0 && argc >= 3) return scenarioUdp(atoi(argv[2]));
+  if (strcmp(s, "accept-twice") == 0) return scenarioAcceptTwice();
+  if (strcmp(s, "send-zero") == 0 && argc >= 3) return scenarioSendZero(atoi(argv[2]));
+  if (strcmp(s, "recv-eagain") == 0 && argc >= 3) return scenarioRecvEagain(atoi(argv[2]));
+  if (strcmp(s, "recv-zero") == 0 && argc >= 3) return scenarioRecvZero(atoi(argv[2]));
+  if (strcmp(s, "vectors") == 0 && argc >= 3) return scenarioVectors(atoi(argv[2]));
+  if (strcmp(s, "bytes") == 0 && argc >= 4) return scenarioBytes(atoi(argv[2]), atol(argv[3]));
+  if (strcmp(s, "unix") == 0 && argc >= 3) return scenarioUnix(argv[2]);
+  if (strcmp(s, "resolve") == 0 && argc >= 4) return scenarioResolve(argv[2], argv[3]);
+  if (strcmp(s, "select-ready") == 0 && argc >= 3) return scenarioSelectReady(atoi(argv[2]));
+  if (strcmp(s, "setsockopt26") == 0) return scenarioSetsockopt26();
+  if (strcmp(s, "bind-self") == 0) return scenarioBindSelf();
+  if (strcmp(s, "close-twice") == 0) return scenarioCloseTwice();
+  if (strcmp(s, "conversation") == 0 && argc >= 6)
+    return scenarioConversation(atoi(argv[2]), atoi(argv[3]), atoi(argv[4]), argv[5]);
+  if (strcmp(s, "serve") == 0 && argc >= 4) return scenarioServe(argv[2], atoi(argv[3]));
+  fprintf(stderr, "usage: recording_probe SCENARIO ARGS (see the source for the scenarios)\n");
+  return 2;
+}
