@@ -26,22 +26,27 @@ pthread_mutex_t criticalSectionLists;
 const unsigned kLocalFamily = 1;
 const int kStoredAddressSize = 128;
 
-// Records are never freed while the agent runs, so a walker that reads the head under the list
-// lock can follow the links without it: at worst it misses a record pushed meanwhile.
-SOCKETINFO* head() {
+// Lookups walk the list under its lock. Records are never freed, so a walk without the lock would
+// never touch freed memory, but a record released meanwhile moves to the released list and would
+// lead the walker there, past live records it then misses: a send on one socket would go
+// unrecorded because another thread closed another socket.
+SOCKETINFO* find(unsigned socket) {
   StartCriticalSectionBase(&criticalSectionSocketInfoList);
-  SOCKETINFO* first = allSocketInfo;
+  SOCKETINFO* found = allSocketInfo;
+  while (found != nullptr && found->socket != socket) found = found->next;
   EndCriticalSectionBase(&criticalSectionSocketInfoList);
-  return first;
+  return found;
 }
 
-SOCKETINFO* nextOf(SOCKETINFO* record) { return __atomic_load_n(&record->next, __ATOMIC_ACQUIRE); }
-
-SOCKETINFO* find(unsigned socket) {
-  for (SOCKETINFO* r = head(); r != nullptr; r = nextOf(r)) {
-    if (r->socket == socket) return r;
+// The descriptors of the live records whose `flag` is set (any record for 0), newest first.
+int liveDescriptors(uint8_t flag, unsigned* out, int capacity) {
+  int count = 0;
+  StartCriticalSectionBase(&criticalSectionSocketInfoList);
+  for (SOCKETINFO* r = allSocketInfo; r != nullptr && count < capacity; r = r->next) {
+    if (flag == 0 || (r->flags & flag) != 0) out[count++] = r->socket;
   }
-  return nullptr;
+  EndCriticalSectionBase(&criticalSectionSocketInfoList);
+  return count;
 }
 
 bool hasFlag(SOCKETINFO* record, uint8_t flag) {
@@ -111,10 +116,10 @@ SOCKETINFO* createSocketInfo(unsigned socket, unsigned family, unsigned type, in
       }
       AllocCriticalSectionBase(&record->connectionLock);
     }
-    record->socket = socket;
     StartCriticalSectionBase(&criticalSectionSocketInfoList);
+    record->socket = socket;
     record->next = allSocketInfo;
-    __atomic_store_n(&allSocketInfo, record, __ATOMIC_RELEASE);
+    allSocketInfo = record;
     EndCriticalSectionBase(&criticalSectionSocketInfoList);
   }
   StartCriticalSectionBase(&criticalSectionSocketInfoData);
@@ -143,7 +148,7 @@ int freeSocketInfo(unsigned socket) {
   for (SOCKETINFO** link = &allSocketInfo; *link != nullptr; link = &(*link)->next) {
     SOCKETINFO* record = *link;
     if (record->socket != socket) continue;
-    __atomic_store_n(link, record->next, __ATOMIC_RELEASE);
+    *link = record->next;
     record->socket = 0;
     record->next = releasedSocketInfo;
     releasedSocketInfo = record;
@@ -267,10 +272,11 @@ void s_disp(unsigned socket, int kind, const char* format, ...) {
 }
 
 namespace {
+// Collected under the list lock, logged after it: the log's lock is never taken inside it.
 void displayIf(uint8_t flag) {
-  for (SOCKETINFO* r = head(); r != nullptr; r = nextOf(r)) {
-    if (flag == 0 || hasFlag(r, flag)) x_disp(DMK_INFO, "%lx", static_cast<unsigned long>(r->socket));
-  }
+  unsigned descriptors[1024];
+  const int count = liveDescriptors(flag, descriptors, 1024);
+  for (int i = 0; i < count; ++i) x_disp(DMK_INFO, "%lx", static_cast<unsigned long>(descriptors[i]));
 }
 }  // namespace
 
@@ -313,8 +319,8 @@ void displaySockaddrElem(SOCKETINFO* record) {
 
 void displaySockaddrList() {
   x_disp(DMK_INFO, "--------------- sockaddr list --------------------");
-  for (SOCKETINFO* r = head(); r != nullptr; r = nextOf(r)) {
-    if (hasFlag(r, SIF_REROUTED)) displaySockaddrElem(r);
-  }
+  unsigned descriptors[1024];
+  const int count = liveDescriptors(SIF_REROUTED, descriptors, 1024);
+  for (int i = 0; i < count; ++i) displaySockaddrElem(find(descriptors[i]));
   x_disp(DMK_INFO, "--------------------------------------------------");
 }
