@@ -296,6 +296,45 @@ TEST(CallRecording, WritesToFilesCostNothing) {
   EXPECT_EQ(r.ofKind("receive").size(), 4u);
 }
 
+TEST(CallRecording, LogLinesStopAtTheCallersByteCount) {
+  EchoServer echo;
+  const Recording r = recordRun({kRecordingProbePath, "unterminated", std::to_string(echo.port())});
+  ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
+  const std::string s = hexOf(socketFromOutput(r.run.out));
+  const std::regex sendLine("\\[RET  \\]\\[\\d+\\]send \\(OK\\):\tsocket : " + s +
+                            "\t len = 5,\t flags = 0,\t buf = 0x[0-9A-F]{8} \"hello\"");
+  const std::regex writeLine("\\[RET  \\]\\[\\d+\\]write \\(OK\\):\tsocket : " + s +
+                             "\t count = 3,\t buf = 0x[0-9A-F]{8} \"hel\"");
+  const auto lines = splitLines(r.log);
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [&](const std::string& l) { return std::regex_match(l, sendLine); }),
+            1)
+      << r.log;
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [&](const std::string& l) { return std::regex_match(l, writeLine); }),
+            1)
+      << r.log;
+  const auto sends = r.ofKind("send");
+  ASSERT_EQ(sends.size(), 2u);
+  EXPECT_EQ(sends[0]->find("data")->bytes, "hello");
+  EXPECT_EQ(sends[1]->find("data")->bytes, "hel");
+}
+
+TEST(CallRecording, QueriesAreLoggedNotRecorded) {
+  EchoServer echo;
+  const Recording r = recordRun({kRecordingProbePath, "queries", std::to_string(echo.port())});
+  ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
+  EXPECT_NE(r.run.out.find("peer port matches 1"), std::string::npos);
+  EXPECT_NE(r.run.out.find("getsockopt-bad result=-1 errno=92"), std::string::npos);
+  EXPECT_NE(r.run.out.find("getpeername-null result=-1 errno=14"), std::string::npos);
+  const std::string s = hexOf(socketFromOutput(r.run.out));
+  EXPECT_EQ(linesContaining(r.log, "[CALL ]getpeername socket : " + s).size(), 2u) << r.log;
+  EXPECT_EQ(linesContaining(r.log, "[RET  ]getpeername").size(), 2u);
+  EXPECT_EQ(linesContaining(r.log, "[CALL ]getsockname socket : " + s).size(), 1u);
+  EXPECT_EQ(linesContaining(r.log, "[RET  ]getsockname OK ").size(), 1u);
+  EXPECT_EQ(linesContaining(r.log, "[RET  ]getsockopt OK ").size(), 1u);
+  EXPECT_EQ(linesContaining(r.log, "[ERROR]getsockopt ERROR ").size(), 1u);
+  EXPECT_EQ(r.kinds(), (Names{"connect", "close"}));
+}
+
 // Results and errno of every scenario equal those of the same program without the agent.
 class SameResults : public ::testing::TestWithParam<std::vector<std::string>> {};
 
@@ -321,7 +360,8 @@ INSTANTIATE_TEST_SUITE_P(
                       std::vector<std::string>{"vectors", "PORT"}, std::vector<std::string>{"bytes", "PORT", "70000"},
                       std::vector<std::string>{"unix", "PATH"}, std::vector<std::string>{"resolve", "localhost", "80"},
                       std::vector<std::string>{"select-ready", "PORT"}, std::vector<std::string>{"setsockopt26"},
-                      std::vector<std::string>{"bind-self"}, std::vector<std::string>{"close-twice"}),
+                      std::vector<std::string>{"bind-self"}, std::vector<std::string>{"close-twice"},
+                      std::vector<std::string>{"unterminated", "PORT"}, std::vector<std::string>{"queries", "PORT"}),
     [](const ::testing::TestParamInfo<std::vector<std::string>>& info) {
       std::string name = info.param[0];
       std::replace(name.begin(), name.end(), '-', '_');

@@ -354,6 +354,37 @@ static int scenarioServe(const char* portFile, int count) {
   return 0;
 }
 
+/* A buffer with no zero byte anywhere near: log lines must stop at the count given. */
+static int scenarioUnterminated(int port) {
+  int s = connected(port);
+  char buffer[64];
+  memset(buffer, 'X', sizeof buffer);
+  memcpy(buffer, "hello", 5);
+  report("send", send(s, buffer, 5, 0));
+  report("write", write(s, buffer, 3));
+  char back[8];
+  report("echo", readFully(s, back, 8));
+  report("close", close(s));
+  return 0;
+}
+
+static int scenarioQueries(int port) {
+  int s = connected(port);
+  struct sockaddr_in a;
+  socklen_t length = sizeof a;
+  report("getpeername", getpeername(s, (struct sockaddr*)&a, &length));
+  printf("peer port matches %d\n", ntohs(a.sin_port) == port);
+  length = sizeof a;
+  report("getsockname", getsockname(s, (struct sockaddr*)&a, &length));
+  int value = 0;
+  socklen_t valueLength = sizeof value;
+  report("getsockopt", getsockopt(s, SOL_SOCKET, SO_TYPE, &value, &valueLength));
+  report("getsockopt-bad", getsockopt(s, SOL_SOCKET, 12345, &value, &valueLength));
+  report("getpeername-null", getpeername(s, NULL, &length));
+  report("close", close(s));
+  return 0;
+}
+
 int main(int argc, char** argv) {
   setvbuf(stdout, NULL, _IONBF, 0);
   const char* s = argc >= 2 ? argv[1] : "";
@@ -371,6 +402,8 @@ int main(int argc, char** argv) {
   if (strcmp(s, "setsockopt26") == 0) return scenarioSetsockopt26();
   if (strcmp(s, "bind-self") == 0) return scenarioBindSelf();
   if (strcmp(s, "close-twice") == 0) return scenarioCloseTwice();
+  if (strcmp(s, "unterminated") == 0 && argc >= 3) return scenarioUnterminated(atoi(argv[2]));
+  if (strcmp(s, "queries") == 0 && argc >= 3) return scenarioQueries(atoi(argv[2]));
   if (strcmp(s, "conversation") == 0 && argc >= 6)
     return scenarioConversation(atoi(argv[2]), atoi(argv[3]), atoi(argv[4]), argv[5]);
   if (strcmp(s, "serve") == 0 && argc >= 4) return scenarioServe(argv[2], atoi(argv[3]));
