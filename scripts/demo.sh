@@ -1,35 +1,37 @@
 #!/usr/bin/env bash
-# Shows the agent at work inside a real 32-bit program: it is preloaded into the probe, which
-# makes a real loopback conversation, and the agent's diagnostic log is printed.
+# Records a real conversation: a 32-bit client and server of ours talk over loopback with the
+# agent preloaded into both, and talvex-recorder receives what the agent sends.
 set -euo pipefail
 build=${1:-build}
-agent="$build/libtalvex_socket_agent.so"
-probe="$build/tests/socket_probe"
-logs=$(mktemp -d)
-trap 'rm -rf "$logs"; kill "$server" 2>/dev/null || true' EXIT
+agent="$PWD/$build/libtalvex_socket_agent.so"
+probe="$PWD/$build/tests/recording_probe"
+recorder="$PWD/$build/talvex-recorder"
+work=$(mktemp -d)
+cleanup() {
+  kill "$recorder_pid" "$server_pid" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
 
-# A loopback echo server for the probe to talk to, on a port the system picks.
-port_file="$logs/port"
-python3 - "$port_file" <<'PY' &
-import socket, sys
-s = socket.socket(); s.bind(("127.0.0.1", 0)); s.listen(8)
-open(sys.argv[1], "w").write(str(s.getsockname()[1]))
-while True:
-    c, _ = s.accept()
-    while (d := c.recv(65536)):
-        c.sendall(d)
-    c.close()
-PY
-server=$!
-for _ in $(seq 50); do [ -s "$port_file" ] && break; sleep 0.1; done
-port=$(cat "$port_file")
+"$recorder" --listen 127.0.0.1:0 --port-file "$work/recorder-port" --output "$work/recording.raw" 2>"$work/recorder.err" &
+recorder_pid=$!
+for _ in $(seq 100); do [ -s "$work/recorder-port" ] && break; sleep 0.05; done
+recorder_port=$(cat "$work/recorder-port")
 
-echo "== the probe, with the agent preloaded (LD_PRELOAD=$agent) =="
-LD_PRELOAD="$agent" TALVEX_SOCKET_AGENT_DEBUG_LVL=127 TALVEX_SOCKET_AGENT_DEBUG_DIR="$logs/log" \
-  "$probe" calls "$port" 1 "$logs/data.txt"
+export LD_PRELOAD="$agent" TALVEX_SOCKET_AGENT_PORT_NUMBER="$recorder_port"
+"$probe" serve "$work/server-port" 2 &
+server_pid=$!
+for _ in $(seq 100); do [ -s "$work/server-port" ] && break; sleep 0.05; done
+mkdir -p "$work/client"
+"$probe" conversation "$(cat "$work/server-port")" 2 3 "$work/client"
+wait "$server_pid"
+unset LD_PRELOAD
+
+sleep 0.3
+kill -TERM "$recorder_pid"
+wait "$recorder_pid" || true
 echo
-echo "== the agent's diagnostic log =="
-cat "$logs"/log/*.txt
+echo "== what talvex-recorder received (one line per message, bytes escaped) =="
+cut -c1-200 "$work/recording.raw"
 echo
-echo "Recording to a recorder endpoint is not built yet: the agent starts, resolves the C library's"
-echo "functions and passes every call through unchanged."
+cat "$work/recorder.err"

@@ -1,6 +1,7 @@
 #include "agent/agent_startup.h"
 
 #include <dlfcn.h>
+#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -37,6 +38,8 @@ namespace {
 const char* const kDoubleLogSocksVariable = "TALVEX_SOCKET_AGENT_DOUBLE_LOG_SOCKS";
 int socksServerAddressInitialized = 0;
 int socketPointersStarting = 0;
+pthread_t startupThread;
+int startupThreadKnown = 0;
 
 template <class Function>
 void resolveIfMissing(Function& pointer, const char* name) {
@@ -60,6 +63,8 @@ void GlobalInit() {
   // One atomic test-and-set: threads whose first calls meet here must not both pass. Whoever
   // comes second returns at once and goes on with what is already set up.
   if (__atomic_exchange_n(&globalInitDone, 1, __ATOMIC_ACQ_REL) != 0) return;
+  startupThread = pthread_self();
+  __atomic_store_n(&startupThreadKnown, 1, __ATOMIC_RELEASE);
   installCrashHandlerOnRequest();
   resolveIfMissing(socket_ptr, "socket");
   resolveIfMissing(connect_ptr, "connect");
@@ -81,7 +86,7 @@ void GlobalInit() {
   initializeCriticalSections();
   getDebugLvl();
   set_default_debug_display("sock");
-  globalInit = 1;
+  __atomic_store_n(&globalInit, 1, __ATOMIC_RELEASE);
   initializeSocksParam();
   InitializeSocks();
   initializeDebugServer();
@@ -106,6 +111,11 @@ void initializeSocketPointers() {
 }
 
 void cleanSocketPointers() { socketInitialized = 0; }
+
+bool startupRunningElsewhere() {
+  return __atomic_load_n(&startupThreadKnown, __ATOMIC_ACQUIRE) && !__atomic_load_n(&globalInit, __ATOMIC_ACQUIRE) &&
+         !pthread_equal(pthread_self(), startupThread);
+}
 
 void initializeStartup() {
   StartCriticalSectionBase(&criticalSectionSocks);

@@ -20,6 +20,8 @@ extern char agentPath[1028];
 extern char* agentFileName;
 
 void GlobalInit();
+// True while start-up is under way in a thread other than the caller's.
+bool startupRunningElsewhere();
 void initializeSocketPointers();
 void cleanSocketPointers();
 void initializeStartup();

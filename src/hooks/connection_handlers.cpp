@@ -22,11 +22,6 @@ namespace {
 const int kTcp = 6;
 const int kUdp = 17;
 
-void sendToRecorder(RecorderMessage& message) {
-  AgentInterface* channel = getAgentInterface();
-  if (channel != nullptr) channel->sendAMessage(message);
-}
-
 // The common head of connect, accept and close messages.
 void setTimeAndIdentity(RecorderMessage& message, const CallStart& start, bool stampNsFirst) {
   if (stampNsFirst && start.stampNs != -1) message.set(RMA_TIMESTAMP_NS, start.stampNs);
@@ -36,11 +31,14 @@ void setTimeAndIdentity(RecorderMessage& message, const CallStart& start, bool s
 }
 
 // A copy of the caller's address, at most the storage size, zero-filled beyond what was given:
-// the agent reads only this copy, however short or long the caller said the address was.
+// the agent reads only this copy, however short or long the caller said the address was. One too
+// short to hold its family has none.
 sockaddr_storage copyAddress(const sockaddr* address, socklen_t length) {
   sockaddr_storage copy;
   memset(&copy, 0, sizeof copy);
-  if (address != nullptr) memcpy(&copy, address, length < sizeof copy ? length : sizeof copy);
+  if (address != nullptr && length >= sizeof(sa_family_t)) {
+    memcpy(&copy, address, length < sizeof copy ? length : sizeof copy);
+  }
   return copy;
 }
 

@@ -21,11 +21,6 @@ namespace {
 
 const unsigned kUdp = 17;
 
-void sendToRecorder(RecorderMessage& message) {
-  AgentInterface* channel = getAgentInterface();
-  if (channel != nullptr) channel->sendAMessage(message);
-}
-
 void logNotRecorded(SOCKETINFO* record, const char* name, int cpt, unsigned fd, int reason) {
   si_disp(record, DMK_INFO, "[%d]%s on %lx not logged (%s)", cpt, name, static_cast<unsigned long>(fd),
           ImageShouldBeLogged[reason]);

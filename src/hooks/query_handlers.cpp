@@ -17,11 +17,6 @@ namespace {
 
 const char* orNull(const char* text) { return text != nullptr ? text : "(null)"; }
 
-void sendToRecorder(RecorderMessage& message) {
-  AgentInterface* channel = getAgentInterface();
-  if (channel != nullptr) channel->sendAMessage(message);
-}
-
 void resolutionHead(RecorderMessage& message, const CallStart& start) {
   if (start.stampNs != -1) message.set(RMA_TIMESTAMP_NS, start.stampNs);
   message.set(RMA_TIMESTAMP, start.stamp);

@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "agent/agent_startup.h"
@@ -132,7 +133,17 @@ int AgentInterface::emitEndOfProcess(const char* address, const char* port, int6
   return 0;
 }
 
-AgentInterface* getAgentInterface() { return agentInterface; }
+AgentInterface* getAgentInterface() { return __atomic_load_n(&agentInterface, __ATOMIC_ACQUIRE); }
+
+void sendToRecorder(RecorderMessage& message) {
+  AgentInterface* channel = getAgentInterface();
+  const timespec pause = {0, 1000 * 1000};
+  for (int waited = 0; channel == nullptr && waited < 5000 && startupRunningElsewhere(); ++waited) {
+    nanosleep(&pause, nullptr);
+    channel = getAgentInterface();
+  }
+  if (channel != nullptr) channel->sendAMessage(message);
+}
 
 AgentInterface* createAgentInterface(const char* address, const char* port, RecorderMessage* message) {
   void* memory = malloc(sizeof(AgentInterface));
@@ -150,14 +161,12 @@ void sendNotice(RecorderMessageAttribute attribute, const char* text) {
   const int64_t stamp = getTimeStamp();
   const int ticket = static_cast<int>(getTicket());
   const int cpt = static_cast<int>(getGlobalCpt());
-  AgentInterface* channel = getAgentInterface();
-  if (channel == nullptr) return;
   RecorderMessage message(RMT_NOTRECORDED, cpt);
   if (stampNs != -1) message.set(RMA_TIMESTAMP_NS, stampNs);
   message.set(RMA_TIMESTAMP, stamp);
   message.set(RMA_TICKET, ticket);
   message.set(attribute, text != nullptr ? text : "???", 0);
-  channel->sendAMessage(message);
+  sendToRecorder(message);
 }
 
 }  // namespace

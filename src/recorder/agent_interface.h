@@ -41,6 +41,11 @@ class AgentInterface {
 extern AgentInterface* agentInterface;
 AgentInterface* getAgentInterface();
 
+// Hands a finished call's message to the process's interface. While another thread is still
+// starting the agent the interface may not exist yet; the message then waits for it (a few
+// seconds at most) instead of being lost.
+void sendToRecorder(RecorderMessage& message);
+
 // Tells the recorder that a call reached the agent but is not recorded.
 void sendNotHookedInfo(const char* name);
 TALVEX_EXPORT void sendNotHookedBadArchi(const char* info);

@@ -50,5 +50,5 @@ void startRecorderChannel() {
   x_disp(DMK_INFO, "@@@@ ip : %s\t @@@@ port : %s", address ? address : "(null)", port ? port : "(null)");
   // A previous interface (start-up run again) is left alive: another thread may be using it.
   AgentInterface* created = createAgentInterface(address, port, processMessage);
-  if (created != nullptr) agentInterface = created;
+  if (created != nullptr) __atomic_store_n(&agentInterface, created, __ATOMIC_RELEASE);
 }

@@ -335,6 +335,23 @@ TEST(CallRecording, QueriesAreLoggedNotRecorded) {
   EXPECT_EQ(r.kinds(), (Names{"connect", "close"}));
 }
 
+TEST(CallRecording, OddAddressLengthsAreRecordedSafely) {
+  EchoServer echo;
+  const Recording r = recordRun({kRecordingProbePath, "long-address", std::to_string(echo.port())});
+  ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
+  EXPECT_NE(r.run.out.find("connect-200 result=-1 errno=22"), std::string::npos) << r.run.out;
+  EXPECT_NE(r.run.out.find("connect-null result=-1 errno=14"), std::string::npos) << r.run.out;
+  EXPECT_NE(r.run.out.find("connect result=0 errno=0"), std::string::npos) << r.run.out;
+  // The failed connects with a readable IPv4 head are recorded with their error; a 1-byte
+  // address and a null one have no family to record.
+  const auto connects = r.ofKind("connect");
+  ASSERT_EQ(connects.size(), 3u) << r.log;
+  EXPECT_EQ(valueOf(*connects[0], "error"), "16");
+  EXPECT_EQ(valueOf(*connects[1], "error"), "16");
+  EXPECT_EQ(valueOf(*connects[2], "port"), hexOf(echo.port()));
+  EXPECT_EQ(valueOf(*connects[2], "error"), "<absent>");
+}
+
 // Results and errno of every scenario equal those of the same program without the agent.
 class SameResults : public ::testing::TestWithParam<std::vector<std::string>> {};
 
@@ -361,7 +378,8 @@ INSTANTIATE_TEST_SUITE_P(
                       std::vector<std::string>{"unix", "PATH"}, std::vector<std::string>{"resolve", "localhost", "80"},
                       std::vector<std::string>{"select-ready", "PORT"}, std::vector<std::string>{"setsockopt26"},
                       std::vector<std::string>{"bind-self"}, std::vector<std::string>{"close-twice"},
-                      std::vector<std::string>{"unterminated", "PORT"}, std::vector<std::string>{"queries", "PORT"}),
+                      std::vector<std::string>{"unterminated", "PORT"}, std::vector<std::string>{"queries", "PORT"},
+                      std::vector<std::string>{"long-address", "PORT"}),
     [](const ::testing::TestParamInfo<std::vector<std::string>>& info) {
       std::string name = info.param[0];
       std::replace(name.begin(), name.end(), '-', '_');

@@ -385,6 +385,24 @@ static int scenarioQueries(int port) {
   return 0;
 }
 
+/* Addresses longer than any socket address: the C library refuses them, the agent must not
+ * overflow anything of its own on the way. */
+static int scenarioLongAddress(int port) {
+  unsigned char big[4096];
+  memset(big, 0x41, sizeof big);
+  struct sockaddr_in a = loopback(port);
+  memcpy(big, &a, sizeof a);
+  int s = socket(AF_INET, SOCK_STREAM, 0);
+  printf("socket %d\n", s);
+  report("connect-200", connect(s, (struct sockaddr*)big, 200));
+  report("connect-4096", connect(s, (struct sockaddr*)big, sizeof big));
+  report("connect-1", connect(s, (struct sockaddr*)big, 1));
+  report("connect-null", connect(s, NULL, 16));
+  report("connect", connect(s, (struct sockaddr*)big, 16));
+  report("close", close(s));
+  return 0;
+}
+
 int main(int argc, char** argv) {
   setvbuf(stdout, NULL, _IONBF, 0);
   const char* s = argc >= 2 ? argv[1] : "";
@@ -404,6 +422,7 @@ int main(int argc, char** argv) {
   if (strcmp(s, "close-twice") == 0) return scenarioCloseTwice();
   if (strcmp(s, "unterminated") == 0 && argc >= 3) return scenarioUnterminated(atoi(argv[2]));
   if (strcmp(s, "queries") == 0 && argc >= 3) return scenarioQueries(atoi(argv[2]));
+  if (strcmp(s, "long-address") == 0 && argc >= 3) return scenarioLongAddress(atoi(argv[2]));
   if (strcmp(s, "conversation") == 0 && argc >= 6)
     return scenarioConversation(atoi(argv[2]), atoi(argv[3]), atoi(argv[4]), argv[5]);
   if (strcmp(s, "serve") == 0 && argc >= 4) return scenarioServe(argv[2], atoi(argv[3]));
