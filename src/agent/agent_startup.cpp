@@ -1,5 +1,6 @@
 #include "agent/agent_startup.h"
 
+#include <arpa/inet.h>
 #include <dlfcn.h>
 #include <pthread.h>
 #include <stdlib.h>
@@ -129,13 +130,15 @@ void initializeStartup() {
         serverIPV4.sin_family = AF_INET;
         serverIPV4.sin_port = True_htons(static_cast<uint16_t>(socksPort4Val));
         serverIPV4.sin_addr.s_addr = True_inet_addr(socksIpv4Val);
+        in_addr parsed;
+        serverIPV4Usable = inet_aton(socksIpv4Val, &parsed) != 0;
         x_disp(DMK_INFO, "===> IPV4 socks : %s(%d)", socksIpv4Val, socksPort4Val);
       } else {
         x_disp(DMK_INFO, "===> IPV4 val is NULL...");
       }
       if (socksIpv6Val != nullptr) {
         serverIPV6.sin6_family = AF_INET6;
-        True_inet_pton(AF_INET6, socksIpv6Val, &serverIPV6.sin6_addr);
+        serverIPV6Usable = True_inet_pton(AF_INET6, socksIpv6Val, &serverIPV6.sin6_addr) == 1;
         serverIPV6.sin6_port = True_htons(static_cast<uint16_t>(socksPort6Val));
         x_disp(DMK_INFO, "===> IPV6 socks : %s(%d)", socksIpv6Val, socksPort6Val);
       } else {

@@ -14,6 +14,13 @@ extern int connectMaxTimeout;
 extern sockaddr_in serverIPV4;
 extern sockaddr_in6 serverIPV6;
 extern pthread_mutex_t criticalSectionSocks;
+// Whether the configured server texts are addresses at all.
+extern bool serverIPV4Usable;
+extern bool serverIPV6Usable;
+
+// The time-out in seconds the agent actually waits: the configured one, or 10 when that is not a
+// positive number, at most an hour.
+int effectiveSocksTimeout();
 
 void initializeSocksParam();
 void InitializeSocks();

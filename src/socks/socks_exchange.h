@@ -6,5 +6,5 @@
 struct SOCKETINFO;
 
 // Runs the exchange for an IPv4 or IPv6 stream socket when SOCKS mode is on; returns a
-// SocksStatus and fills the SOCKS error.
+// SocksStatus and fills the SOCKS error. On success the record keeps the host's destination.
 int runSocksExchange(SOCKETINFO* record, const sockaddr* destination, int length, int* socksError);

@@ -403,6 +403,80 @@ static int scenarioLongAddress(int port) {
   return 0;
 }
 
+/* Connects to a destination (rerouted when SOCKS is on), talks, and asks who the peer is. */
+static int scenarioSocksEcho(int family, int port) {
+  struct sockaddr_storage destination;
+  memset(&destination, 0, sizeof destination);
+  socklen_t length;
+  if (family == AF_INET6) {
+    struct sockaddr_in6* v6 = (struct sockaddr_in6*)&destination;
+    v6->sin6_family = AF_INET6;
+    v6->sin6_port = htons((uint16_t)port);
+    v6->sin6_addr = in6addr_loopback;
+    length = sizeof *v6;
+  } else {
+    *(struct sockaddr_in*)&destination = loopback(port);
+    length = sizeof(struct sockaddr_in);
+  }
+  int s = socket(family, SOCK_STREAM, 0);
+  printf("socket %d\n", s);
+  report("connect", connect(s, (struct sockaddr*)&destination, length));
+  report("send", send(s, "ping", 4, 0));
+  char buffer[8] = {0};
+  ssize_t got = recv(s, buffer, 4, MSG_WAITALL);
+  report("recv", got);
+  printf("recv data=%.4s\n", got > 0 ? buffer : "");
+  struct sockaddr_storage peer;
+  socklen_t peerLength = sizeof peer;
+  memset(&peer, 0, sizeof peer);
+  report("getpeername", getpeername(s, (struct sockaddr*)&peer, &peerLength));
+  printf("peer is destination %d length %d\n", peerLength == length && memcmp(&peer, &destination, length) == 0,
+         (int)peerLength);
+  socklen_t tiny = 4;
+  report("getpeername-4", getpeername(s, (struct sockaddr*)&peer, &tiny));
+  printf("tiny length %d\n", (int)tiny);
+  report("close", close(s));
+  return 0;
+}
+
+/* A non-blocking socket stays non-blocking through a rerouted connect. */
+static int scenarioSocksNonBlocking(int port) {
+  int s = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+  printf("nonblocking before %d\n", (fcntl(s, F_GETFL) & O_NONBLOCK) != 0);
+  struct sockaddr_in a = loopback(port);
+  report("connect", connect(s, (struct sockaddr*)&a, sizeof a));
+  printf("nonblocking after %d\n", (fcntl(s, F_GETFL) & O_NONBLOCK) != 0);
+  report("close", close(s));
+  return 0;
+}
+
+static int concurrentSocket;
+static int concurrentPort;
+
+static void* connectInThread(void* unused) {
+  (void)unused;
+  struct sockaddr_in a = loopback(concurrentPort);
+  long result = connect(concurrentSocket, (struct sockaddr*)&a, sizeof a);
+  return (void*)result;
+}
+
+/* A send from a second thread while the first is still in the SOCKS exchange on that socket. */
+static int scenarioSocksConcurrentSend(int port) {
+  concurrentSocket = socket(AF_INET, SOCK_STREAM, 0);
+  concurrentPort = port;
+  pthread_t connector;
+  pthread_create(&connector, NULL, connectInThread, NULL);
+  usleep(200000);
+  report("send", send(concurrentSocket, "late", 4, 0));
+  void* connected = NULL;
+  pthread_join(connector, &connected);
+  printf("connect result=%ld\n", (long)connected);
+  char buffer[8];
+  report("recv", recv(concurrentSocket, buffer, 4, MSG_WAITALL));
+  report("close", close(concurrentSocket));
+  return 0;
+}
+
 int main(int argc, char** argv) {
   setvbuf(stdout, NULL, _IONBF, 0);
   const char* s = argc >= 2 ? argv[1] : "";
@@ -423,6 +497,10 @@ int main(int argc, char** argv) {
   if (strcmp(s, "unterminated") == 0 && argc >= 3) return scenarioUnterminated(atoi(argv[2]));
   if (strcmp(s, "queries") == 0 && argc >= 3) return scenarioQueries(atoi(argv[2]));
   if (strcmp(s, "long-address") == 0 && argc >= 3) return scenarioLongAddress(atoi(argv[2]));
+  if (strcmp(s, "socks-echo") == 0 && argc >= 3) return scenarioSocksEcho(AF_INET, atoi(argv[2]));
+  if (strcmp(s, "socks-echo6") == 0 && argc >= 3) return scenarioSocksEcho(AF_INET6, atoi(argv[2]));
+  if (strcmp(s, "socks-nonblocking") == 0 && argc >= 3) return scenarioSocksNonBlocking(atoi(argv[2]));
+  if (strcmp(s, "socks-concurrent-send") == 0 && argc >= 3) return scenarioSocksConcurrentSend(atoi(argv[2]));
   if (strcmp(s, "conversation") == 0 && argc >= 6)
     return scenarioConversation(atoi(argv[2]), atoi(argv[3]), atoi(argv[4]), argv[5]);
   if (strcmp(s, "serve") == 0 && argc >= 4) return scenarioServe(argv[2], atoi(argv[3]));
