@@ -77,8 +77,9 @@ void initializeDebugServer() {
   x_disp(DMK_INFO, "connect() done on debug server");
 }
 
+// The agent's own sends never raise SIGPIPE: a peer that went away must not end the host.
 void sendDebugMessage(const char* line) {
   if (debugSocket == -1) return;
   const int savedErrno = errno;
-  if (True_send(debugSocket, line, strlen(line), 0) == -1) errno = savedErrno;
+  if (True_send(debugSocket, line, strlen(line), MSG_NOSIGNAL) == -1) errno = savedErrno;
 }

@@ -107,7 +107,8 @@ void AgentInterface::_sendAMessage(const char* text, unsigned length) {
       recorder.sin_addr.s_addr = True_inet_addr(recorderAddress);
       if (True_connect(fd, reinterpret_cast<sockaddr*>(&recorder), sizeof recorder) != 0) {
         logFailure("connect() returned SOCKET_ERROR, WSAGetLastError=%d %s : %s", errno);
-      } else if (True_send(fd, text, length, 0) == -1) {
+      } else if (True_send(fd, text, length, MSG_NOSIGNAL) == -1) {
+        // MSG_NOSIGNAL: a recorder that closed early must not end the host with SIGPIPE.
         // A short send is not retried: the recorder reads one message per connection, and a
         // second send could not make a torn one whole anyway.
         logFailure("send() returned SOCKET_ERROR, WSAGetLastError=%d %s : %s", errno);

@@ -202,7 +202,7 @@ int socksHandShake(int socket, int* socksError, unsigned short family) {
   x_disp(DMK_INFO, "connect() done on SOCKS server");
   x_disp(DMK_INFO, "==> Sending supported authentification methods");
   const unsigned char greeting[3] = {kVersion, 0x01, kNoAuthentication};
-  if (True_send(socket, greeting, sizeof greeting, 0) == -1) {
+  if (True_send(socket, greeting, sizeof greeting, MSG_NOSIGNAL) == -1) {
     const int code = errno;
     logSocketError("failed to send client greeting (SOCKET ERROR : %d %s : %s)", code);
     *socksError = code;
@@ -333,7 +333,7 @@ int socksRequest(int socket, const sockaddr* destination, int* socksError, int64
   hexBytes(request + 1, static_cast<int>(requestLength) - 1, ",0x%02X", image + strlen(image),
            sizeof image - strlen(image));
   x_disp(DMK_INFO, "Client request : [%s]", image);
-  if (True_send(socket, request, requestLength, 0) == -1) {
+  if (True_send(socket, request, requestLength, MSG_NOSIGNAL) == -1) {
     const int code = errno;
     logSocketError("failed to send client request (SOCKET ERROR : %d %s : %s)", code);
     return failRequest(socksError, code);

@@ -41,7 +41,7 @@ TEST(AgentBinary, ExportsExactlyItsInterface) {
                                     "agentInterfaceUnplugged", "shouldBeLogged", "isOptionalSocketHook",
                                     "isOptionalSocketHook2",   "getCurrentTimePtr", "startupCalled",
                                     "startupCalledByMe",       "ExePath",
-                                    "end", "Mygethostbyname", "Mygethostname", "Mygetservbyport", "Mygetservbyname",
+                                    "end", "active_handler", "restore_handler", "DisplaySymbol", "Mygethostbyname", "Mygethostname", "Mygetservbyport", "Mygetservbyname",
                                     "_Z21sendNotHookedBadArchiPKc",
                                     "_ZN14AgentInterface16emitEndOfProcessEPKcS1_x"};
   for (const char* name : kSocketExports) {

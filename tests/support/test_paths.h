@@ -7,3 +7,4 @@ constexpr const char* kRecorderCoreStandinPath = TALVEX_RECORDER_CORE_STANDIN_PA
 constexpr const char* kRecorderPath = TALVEX_RECORDER_PATH;
 constexpr const char* kRecordingProbePath = TALVEX_RECORDING_PROBE_PATH;
 constexpr const char* kResolverStandinPath = TALVEX_RESOLVER_STANDIN_PATH;
+constexpr const char* kCrashProbePath = TALVEX_CRASH_PROBE_PATH;

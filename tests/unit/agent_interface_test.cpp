@@ -303,3 +303,4 @@ TEST(RecorderChannelStartup, ProcessMessageAndUnpluggedBanner) {
                                            "\" archi_AS=\"LINUX\"/>\n");
   EXPECT_EQ(endpoint.messages()[1], "<exit/>\n");
 }
+
