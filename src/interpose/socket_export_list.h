@@ -1,5 +1,5 @@
 // The twenty-one socket and I/O functions the agent stands in for, with the C library's exact
-// signatures: X(result, name, parameters, arguments, exception specification).
+// signatures: X(result, name, parameters, arguments, exception specifier).
 #pragma once
 
 #include <sys/cdefs.h>
