@@ -1,37 +1,23 @@
 #!/usr/bin/env bash
-# Records a real conversation: a 32-bit client and server of ours talk over loopback with the
-# agent preloaded into both, and talvex-recorder receives what the agent sends.
+# Records a real conversation with the bundled tools: a 32-bit server of ours answers on loopback,
+# and talvex-record runs a 32-bit client against it with the agent preloaded, then prints the
+# transcript and writes the messages and a capture file.
 set -euo pipefail
 build=${1:-build}
-agent="$PWD/$build/libtalvex_socket_agent.so"
 probe="$PWD/$build/tests/recording_probe"
-recorder="$PWD/$build/talvex-recorder"
-work=$(mktemp -d)
-cleanup() {
-  kill "$recorder_pid" "$server_pid" 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
+out="$PWD/$build/demo"
+mkdir -p "$out"
+rm -f "$out/server-port"
 
-"$recorder" --listen 127.0.0.1:0 --port-file "$work/recorder-port" --output "$work/recording.raw" 2>"$work/recorder.err" &
-recorder_pid=$!
-for _ in $(seq 100); do [ -s "$work/recorder-port" ] && break; sleep 0.05; done
-recorder_port=$(cat "$work/recorder-port")
+"$probe" http-serve "$out/server-port" 2 &
+server=$!
+trap 'kill "$server" 2>/dev/null || true' EXIT
+for _ in $(seq 100); do [ -s "$out/server-port" ] && break; sleep 0.05; done
 
-export LD_PRELOAD="$agent" TALVEX_SOCKET_AGENT_PORT_NUMBER="$recorder_port"
-"$probe" serve "$work/server-port" 2 &
-server_pid=$!
-for _ in $(seq 100); do [ -s "$work/server-port" ] && break; sleep 0.05; done
-mkdir -p "$work/client"
-"$probe" conversation "$(cat "$work/server-port")" 2 3 "$work/client"
-wait "$server_pid"
-unset LD_PRELOAD
-
-sleep 0.3
-kill -TERM "$recorder_pid"
-wait "$recorder_pid" || true
+echo "\$ talvex-record --raw $out/demo.raw --jsonl $out/demo.jsonl --pcap $out/demo.pcap -- recording_probe http-get PORT /hello /status"
+"$PWD/$build/talvex-record" --raw "$out/demo.raw" --jsonl "$out/demo.jsonl" --pcap "$out/demo.pcap" \
+  -- "$probe" http-get "$(cat "$out/server-port")" /hello /status
+wait "$server"
 echo
-echo "== what talvex-recorder received (one line per message, bytes escaped) =="
-cut -c1-200 "$work/recording.raw"
-echo
-cat "$work/recorder.err"
+echo "Messages: $out/demo.raw (raw) and $out/demo.jsonl (JSON Lines)"
+echo "Capture:  $out/demo.pcap   (tshark -r $out/demo.pcap -q -z follow,tcp,ascii,0)"

@@ -4,7 +4,7 @@
 # 32-bit GoogleTest and C library development files.
 set -euo pipefail
 
-packages=(cmake make g++ g++-multilib libc6-dev-i386 libgtest-dev:i386 microsocks binutils)
+packages=(cmake make g++ g++-multilib libc6-dev-i386 libgtest-dev:i386 libpcap-dev microsocks tshark binutils)
 
 missing=()
 for p in "${packages[@]}"; do

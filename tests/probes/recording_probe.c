@@ -477,6 +477,61 @@ static int scenarioSocksConcurrentSend(int port) {
   return 0;
 }
 
+/* A tiny text protocol for readable recordings: one request per connection, answered with a
+ * fixed page, like an HTTP/1.0 server. */
+static void* answerOne(void* argument) {
+  int s = (int)(intptr_t)argument;
+  char request[512];
+  size_t got = 0;
+  while (got < sizeof request - 1) {
+    ssize_t r = recv(s, request + got, sizeof request - 1 - got, 0);
+    if (r <= 0) break;
+    got += (size_t)r;
+    request[got] = '\0';
+    if (strstr(request, "\r\n\r\n") != NULL) break;
+  }
+  const char* body = "Hello, world!\n";
+  char response[256];
+  int n = snprintf(response, sizeof response, "HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\nContent-Length: %d\r\n\r\n%s",
+                   (int)strlen(body), body);
+  send(s, response, (size_t)n, 0);
+  close(s);
+  return NULL;
+}
+
+static int scenarioHttpServe(const char* portFile, int count) {
+  struct sockaddr_in bound;
+  int l = listening(&bound);
+  FILE* f = fopen(portFile, "w");
+  fprintf(f, "%d\n", ntohs(bound.sin_port));
+  fclose(f);
+  for (int i = 0; i < count; ++i) {
+    int s = accept(l, NULL, NULL);
+    answerOne((void*)(intptr_t)s);
+  }
+  close(l);
+  return 0;
+}
+
+static int scenarioHttpGet(int port, int argc, char** paths) {
+  for (int i = 0; i < argc; ++i) {
+    int s = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in a = loopback(port);
+    if (connect(s, (struct sockaddr*)&a, sizeof a) != 0) return 3;
+    char request[256];
+    int n = snprintf(request, sizeof request, "GET %s HTTP/1.0\r\nHost: demo\r\n\r\n", paths[i]);
+    send(s, request, (size_t)n, 0);
+    char response[512];
+    size_t got = 0;
+    ssize_t r;
+    while ((r = recv(s, response + got, sizeof response - 1 - got, 0)) > 0) got += (size_t)r;
+    response[got] = '\0';
+    printf("%s -> %.15s\n", paths[i], response);
+    close(s);
+  }
+  return 0;
+}
+
 int main(int argc, char** argv) {
   setvbuf(stdout, NULL, _IONBF, 0);
   const char* s = argc >= 2 ? argv[1] : "";
@@ -504,6 +559,8 @@ int main(int argc, char** argv) {
   if (strcmp(s, "conversation") == 0 && argc >= 6)
     return scenarioConversation(atoi(argv[2]), atoi(argv[3]), atoi(argv[4]), argv[5]);
   if (strcmp(s, "serve") == 0 && argc >= 4) return scenarioServe(argv[2], atoi(argv[3]));
+  if (strcmp(s, "http-serve") == 0 && argc >= 4) return scenarioHttpServe(argv[2], atoi(argv[3]));
+  if (strcmp(s, "http-get") == 0 && argc >= 4) return scenarioHttpGet(atoi(argv[2]), argc - 3, argv + 3);
   fprintf(stderr, "usage: recording_probe SCENARIO ARGS (see the source for the scenarios)\n");
   return 2;
 }

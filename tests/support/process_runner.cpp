@@ -116,6 +116,8 @@ BackgroundProcess::BackgroundProcess(const std::vector<std::string>& argv, const
     const int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     dup2(o, 1);
     dup2(e, 2);
+    close(o);
+    close(e);
     execve(args[0], args.data(), envp.data());
     _exit(127);
   }

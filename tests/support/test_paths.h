@@ -8,3 +8,5 @@ constexpr const char* kRecorderPath = TALVEX_RECORDER_PATH;
 constexpr const char* kRecordingProbePath = TALVEX_RECORDING_PROBE_PATH;
 constexpr const char* kResolverStandinPath = TALVEX_RESOLVER_STANDIN_PATH;
 constexpr const char* kCrashProbePath = TALVEX_CRASH_PROBE_PATH;
+constexpr const char* kRecordPath = TALVEX_RECORD_PATH;
+constexpr const char* kExpectedTranscriptPath = TALVEX_EXPECTED_TRANSCRIPT_PATH;

@@ -1,0 +1,192 @@
+// talvex-record end to end, through the built binaries.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <regex>
+#include <string>
+
+#include "process_runner.h"
+#include "recorder_message_parser.h"
+#include "test_paths.h"
+
+using namespace talvex_test;
+
+namespace {
+
+ProcessResult record(const std::vector<std::string>& options, const std::vector<std::string>& command,
+                     const Environment& extra = {}) {
+  std::vector<std::string> argv = {kRecordPath};
+  argv.insert(argv.end(), options.begin(), options.end());
+  argv.push_back("--");
+  argv.insert(argv.end(), command.begin(), command.end());
+  return runProcess(argv, cleanEnvironment(extra));
+}
+
+// The bytes of each direction of the first TCP stream, as tshark follows it.
+void followStream(const std::string& capture, std::string* client, std::string* server) {
+  const ProcessResult r = runProcess({"/usr/bin/tshark", "-r", capture, "-q", "-z", "follow,tcp,raw,0"},
+                                     cleanEnvironment({{"HOME", "/tmp"}}));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  bool inData = false;
+  for (const auto& line : splitLines(r.out)) {
+    if (line.rfind("Node 1:", 0) == 0) {
+      inData = true;
+      continue;
+    }
+    if (!inData || line.rfind("=====", 0) == 0) continue;
+    const bool fromServer = !line.empty() && line[0] == '\t';
+    const std::string hex = fromServer ? line.substr(1) : line;
+    std::string bytes;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) bytes.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    (fromServer ? *server : *client) += bytes;
+  }
+}
+
+std::string masked(std::string transcript) {
+  transcript = std::regex_replace(transcript, std::regex(R"(\d\d:\d\d:\d\d\.\d\d\d)"), "HH:MM:SS.mmm");
+  transcript = std::regex_replace(transcript, std::regex(R"(process \d+ in \S+)"), "process PID in DIR");
+  transcript = std::regex_replace(transcript, std::regex(R"(127\.0\.0\.1:\d+)"), "127.0.0.1:PORT");
+  transcript = std::regex_replace(transcript, std::regex(R"(\(\d+ ms\))"), "(N ms)");
+  // Descriptor numbers depend on what the launching environment left open.
+  transcript = std::regex_replace(transcript, std::regex(R"(-- socket \d+:)"), "-- socket N:");
+  return transcript;
+}
+
+}  // namespace
+
+TEST(TalvexRecord, OneConversationInAllFourOutputs) {
+  EchoServer echo;
+  TempDir tmp;
+  const ProcessResult r = record({"--raw", tmp.file("r.raw"), "--jsonl", tmp.file("r.jsonl"), "--transcript",
+                                  tmp.file("r.txt"), "--pcap", tmp.file("r.pcap")},
+                                 {kRecordingProbePath, "vectors", std::to_string(echo.port())});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  const auto raw = splitLines(readFile(tmp.file("r.raw")));
+  std::vector<std::string> kinds;
+  for (const auto& line : raw) {
+    talvex::ParsedMessage m;
+    ASSERT_TRUE(talvex::parseRecorderMessage(line, &m, nullptr)) << line;
+    kinds.push_back(m.kind);
+    // The shipped clock library gives every message nanoseconds.
+    if (m.kind != "close") EXPECT_NE(m.find("timestamp_ns"), nullptr) << line;
+    if (m.kind == "send" || m.kind == "receive") EXPECT_EQ(m.find("data")->bytes, "abcdefg");
+  }
+  EXPECT_EQ(kinds, (std::vector<std::string>{"process", "connect", "send", "receive", "close"}));
+  const auto json = splitLines(readFile(tmp.file("r.jsonl")));
+  EXPECT_EQ(json.size(), raw.size());
+  EXPECT_EQ(linesContaining(readFile(tmp.file("r.jsonl")), "\"base64\":\"YWJjZGVmZw==\"").size(), 2u);
+  const std::string transcript = readFile(tmp.file("r.txt"));
+  EXPECT_NE(transcript.find("> sent 7 bytes\n      abcdefg\n"), std::string::npos) << transcript;
+  EXPECT_NE(transcript.find("< received 7 bytes\n      abcdefg\n"), std::string::npos);
+  EXPECT_NE(transcript.find("summary: 1 sockets, 5 messages, 7 bytes sent, 7 bytes received, 0 failures\n"),
+            std::string::npos);
+  std::string client, server;
+  followStream(tmp.file("r.pcap"), &client, &server);
+  EXPECT_EQ(client, "abcdefg");
+  EXPECT_EQ(server, "abcdefg");
+}
+
+TEST(TalvexRecord, CaptureStreamEqualsTheBytesExchanged) {
+  EchoServer echo;
+  TempDir tmp;
+  const long size = 200000;
+  const ProcessResult r = record({"--pcap", tmp.file("b.pcap"), "--transcript", tmp.file("b.txt")},
+                                 {kRecordingProbePath, "bytes", std::to_string(echo.port()), std::to_string(size)});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  std::string expected(static_cast<size_t>(size), '\0');
+  for (long i = 0; i < size; ++i) expected[static_cast<size_t>(i)] = static_cast<char>(i % 256);
+  std::string client, server;
+  followStream(tmp.file("b.pcap"), &client, &server);
+  EXPECT_TRUE(client == expected) << client.size();
+  EXPECT_TRUE(server == expected) << server.size();
+  // Long binary payloads are abbreviated in the transcript unless --full.
+  EXPECT_NE(readFile(tmp.file("b.txt")).find("more bytes (--full shows them)"), std::string::npos);
+}
+
+TEST(TalvexRecord, TranscriptOfAFixedScenario) {
+  TempDir tmp;
+  BackgroundProcess server({kRecordingProbePath, "http-serve", tmp.file("port"), "2"}, cleanEnvironment());
+  const int port = waitForPortFile(tmp.file("port"));
+  ASSERT_GT(port, 0);
+  const ProcessResult r = record({"--transcript", tmp.file("t.txt")},
+                                 {kRecordingProbePath, "http-get", std::to_string(port), "/hello", "/status"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out, "/hello -> HTTP/1.0 200 OK\n/status -> HTTP/1.0 200 OK\n");
+  EXPECT_EQ(masked(readFile(tmp.file("t.txt"))), readFile(kExpectedTranscriptPath));
+}
+
+TEST(TalvexRecord, ExitStatusIsTheCommands) {
+  const ProcessResult r = record({}, {kProbePath, "no-such-scenario"});
+  EXPECT_EQ(r.exitCode, 2);
+}
+
+TEST(TalvexRecord, CrashedCommandIsReported) {
+  const ProcessResult r = record({}, {kCrashProbePath});
+  EXPECT_EQ(r.exitCode, 128 + SIGSEGV);
+  EXPECT_NE(r.err.find("was killed by signal 11 (Segmentation fault)"), std::string::npos) << r.err;
+  const ProcessResult traced = record({"--traceback"}, {kCrashProbePath});
+  EXPECT_EQ(traced.exitCode, 0);
+  EXPECT_NE(traced.out.find("SigSEV @ 0x10 "), std::string::npos);
+}
+
+TEST(TalvexRecord, RefusesWhatItCannotRecord) {
+  ProcessResult r = record({}, {"/bin/true"});
+  EXPECT_EQ(r.exitCode, 126);
+  EXPECT_EQ(r.err, "talvex-record: /bin/true is a 64-bit program; the agent is 32-bit and cannot be preloaded into it\n");
+  r = record({}, {"talvex-no-such-command"});
+  EXPECT_EQ(r.exitCode, 127);
+  EXPECT_EQ(r.err, "talvex-record: command not found: talvex-no-such-command\n");
+  r = runProcess({kRecordPath}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 2);
+  EXPECT_EQ(r.err.rfind("talvex-record: no command to record\n", 0), 0u);
+  r = runProcess({kRecordPath, "--bogus", "--", "x"}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 2);
+  r = runProcess({kRecordPath, "--help"}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_EQ(r.out.rfind("usage: talvex-record [options] -- COMMAND [ARGS...]\n", 0), 0u);
+}
+
+TEST(TalvexRecord, KeepsTheUsersPreloadBehindTheAgent) {
+  TempDir tmp;
+  const ProcessResult r = record({"--raw", tmp.file("r.raw")}, {kRecordingProbePath, "resolve", "two.test", "NULL"},
+                                 {{"LD_PRELOAD", kResolverStandinPath}});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out, "getaddrinfo status=0 entries=2\n");
+  EXPECT_EQ(linesContaining(readFile(tmp.file("r.raw")), "name_AS=\"two.test\" ip_AS=\"10.0.0.1\"").size(), 2u);
+}
+
+TEST(TalvexRecord, AgentOptions) {
+  EchoServer echo;
+  TempDir tmp;
+  ProcessResult r = record({"--unplug", "--raw", tmp.file("u.raw")}, {kRecordingProbePath, "vectors", std::to_string(echo.port())});
+  ASSERT_EQ(r.exitCode, 0);
+  EXPECT_EQ(readFile(tmp.file("u.raw")), "");
+  EXPECT_NE(r.err.find("summary: 0 sockets, 0 messages"), std::string::npos);
+
+  r = record({"--log-dir", tmp.file("logs"), "--log-level", "error,info"},
+             {kRecordingProbePath, "vectors", std::to_string(echo.port())});
+  ASSERT_EQ(r.exitCode, 0);
+  const auto files = listDirectory(tmp.file("logs"));
+  ASSERT_EQ(files.size(), 1u);
+  EXPECT_NE(readFile(tmp.file("logs/" + files[0])).find("debug level : 3\t"), std::string::npos);
+
+  r = record({"--log-level", "loud"}, {kRecordingProbePath, "vectors", "1"});
+  EXPECT_EQ(r.exitCode, 2);
+}
+
+TEST(TalvexRecord, SocksOption) {
+  const int port = closedLoopbackPort();
+  BackgroundProcess socks({"/usr/bin/microsocks", "-i", "127.0.0.1", "-p", std::to_string(port)}, cleanEnvironment());
+  usleep(200000);
+  EchoServer echo;
+  TempDir tmp;
+  const ProcessResult r = record({"--socks", "127.0.0.1:" + std::to_string(port), "--double-log-socks", "--transcript",
+                                  tmp.file("s.txt")},
+                                 {kRecordingProbePath, "socks-echo", std::to_string(echo.port())});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const std::string transcript = readFile(tmp.file("s.txt"));
+  EXPECT_NE(transcript.find("[via SOCKS, status 0]"), std::string::npos) << transcript;
+  EXPECT_NE(transcript.find("> sent 4 bytes\n      ping\n"), std::string::npos);
+}

@@ -1,0 +1,153 @@
+#include "conversations.h"
+
+#include <algorithm>
+#include <map>
+
+#include "recorder_message_parser.h"
+
+namespace talvex {
+
+namespace {
+
+const int64_t kInProgress = 115;
+
+int64_t integer(const ParsedMessage& m, const char* name, int64_t fallback = 0) {
+  const MessageAttribute* a = m.find(name);
+  return a != nullptr ? a->integer : fallback;
+}
+
+std::string text(const ParsedMessage& m, const char* name) {
+  const MessageAttribute* a = m.find(name);
+  return a != nullptr ? a->bytes : std::string();
+}
+
+int64_t timeOf(const ParsedMessage& m) {
+  if (m.find("timestamp_ns") != nullptr) return integer(m, "timestamp_ns");
+  return integer(m, "timestamp") * 1000000;
+}
+
+int familyNumber(const std::string& name) {
+  if (name == "AF_INET") return 2;
+  if (name == "AF_CCITT" || name == "AF_INET6") return 10;  // the recorder's name for Linux's 10
+  return 0;
+}
+
+// The address a connect left from is not recorded, only its port: a loopback destination was
+// reached from loopback; anything else is shown from a documentation address.
+std::string localAddressFor(const Peer& remote) {
+  if (remote.family == 10) return remote.ip == "0:0:0:0:0:0:0:1" ? remote.ip : "2001:db8:0:0:0:0:0:1";
+  return remote.ip.rfind("127.", 0) == 0 ? "127.0.0.1" : "192.0.2.1";
+}
+
+Peer peerOf(const ParsedMessage& m) {
+  Peer p;
+  p.family = familyNumber(text(m, "family"));
+  p.ip = text(m, "ip");
+  p.port = static_cast<int>(integer(m, "port"));
+  return p;
+}
+
+}  // namespace
+
+Recording buildRecording(const std::vector<std::string>& raw) {
+  Recording recording;
+  std::map<int64_t, std::vector<ParsedMessage>> byPid;
+  std::map<int64_t, std::string> directories;
+  // Messages without a pid (resolutions, notices) belong to the process whose message came last.
+  int64_t lastPid = 0;
+  for (const std::string& line : raw) {
+    ParsedMessage m;
+    if (!parseRecorderMessage(line, &m, nullptr)) {
+      ++recording.malformed;
+      continue;
+    }
+    ++recording.messages;
+    if (m.find("pid") != nullptr) lastPid = integer(m, "pid");
+    if (std::find(recording.pids.begin(), recording.pids.end(), lastPid) == recording.pids.end()) {
+      recording.pids.push_back(lastPid);
+    }
+    if (m.kind == "process") directories[lastPid] = text(m, "workingdir");
+    byPid[lastPid].push_back(std::move(m));
+  }
+  for (int64_t pid : recording.pids) {
+    recording.workingDirectories.push_back(directories[pid]);
+    auto& messages = byPid[pid];
+    std::stable_sort(messages.begin(), messages.end(), [](const ParsedMessage& a, const ParsedMessage& b) {
+      return integer(a, "ticket") < integer(b, "ticket");
+    });
+    std::map<int64_t, size_t> open;  // socket -> index of its open conversation
+    auto start = [&](const ParsedMessage& m, int64_t socket, const std::string& opening) -> Conversation& {
+      Conversation c;
+      c.pid = pid;
+      c.socket = socket;
+      c.opening = opening;
+      c.openTicket = integer(m, "ticket");
+      c.openTimeNs = timeOf(m);
+      recording.conversations.push_back(c);
+      open[socket] = recording.conversations.size() - 1;
+      return recording.conversations.back();
+    };
+    for (const ParsedMessage& m : messages) {
+      const int64_t socket = integer(m, "socket", -1);
+      if (m.kind == "connect") {
+        Conversation& c = start(m, socket, "connect");
+        c.remote = peerOf(m);
+        c.local.family = c.remote.family;
+        c.local.ip = localAddressFor(c.remote);
+        c.local.port = static_cast<int>(integer(m, "localport"));
+        c.durationMs = integer(m, "duration");
+        c.loopback = integer(m, "loopback") != 0;
+        c.hasSocksError = m.find("sockserror") != nullptr;
+        c.socksError = integer(m, "sockserror");
+        if (m.find("error") != nullptr && integer(m, "error") != kInProgress) {
+          c.failed = true;
+          c.error = integer(m, "error");
+          ++recording.failures;
+        }
+      } else if (m.kind == "accept") {
+        Conversation& c = start(m, socket, "accept");
+        c.remote = peerOf(m);
+        c.local.family = c.remote.family;
+        c.local.ip = localAddressFor(c.remote);
+      } else if (m.kind == "send" || m.kind == "receive") {
+        auto found = open.find(socket);
+        Conversation& c = found != open.end() ? recording.conversations[found->second] : start(m, socket, "");
+        Event e;
+        e.kind = m.kind;
+        e.ticket = integer(m, "ticket");
+        e.timeNs = timeOf(m);
+        e.data = text(m, "data");
+        e.length = integer(m, "length");
+        e.failed = m.find("error") != nullptr;
+        e.error = integer(m, "error");
+        // A receive's length is what it got; on an end of stream the agent still records what the
+        // buffer held, which is nothing that was received.
+        if (m.kind == "receive" && !e.failed && e.length <= 0) {
+          e.data.clear();
+          e.endOfStream = true;
+        }
+        if (e.failed) ++recording.failures;
+        if (!e.failed) {
+          (m.kind == "send" ? c.bytesSent : c.bytesReceived) += static_cast<int64_t>(e.data.size());
+          (m.kind == "send" ? recording.bytesSent : recording.bytesReceived) += static_cast<int64_t>(e.data.size());
+        }
+        c.events.push_back(std::move(e));
+      } else if (m.kind == "close") {
+        auto found = open.find(socket);
+        if (found != open.end()) {
+          Conversation& c = recording.conversations[found->second];
+          c.closed = true;
+          c.closeTimeNs = timeOf(m);
+          open.erase(found);
+        }
+      } else if (m.kind == "addrinfo") {
+        recording.resolutions.push_back({pid, text(m, "name"), text(m, "family"), text(m, "ip")});
+      } else if (m.kind == "notrecorded") {
+        recording.notices.push_back(m.find("name") != nullptr ? text(m, "name") : text(m, "info"));
+      }
+    }
+  }
+  return recording;
+}
+
+}  // namespace talvex

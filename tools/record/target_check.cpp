@@ -1,0 +1,76 @@
+#include "target_check.h"
+
+#include <elf.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <fstream>
+
+namespace talvex {
+
+namespace {
+
+std::string findOnPath(const std::string& command) {
+  if (command.find('/') != std::string::npos) return access(command.c_str(), F_OK) == 0 ? command : "";
+  const char* path = getenv("PATH");
+  std::string dirs = path != nullptr ? path : "/usr/bin:/bin";
+  size_t start = 0;
+  while (start <= dirs.size()) {
+    const size_t end = dirs.find(':', start);
+    const std::string dir = dirs.substr(start, end == std::string::npos ? std::string::npos : end - start);
+    const std::string candidate = (dir.empty() ? "." : dir) + "/" + command;
+    if (access(candidate.c_str(), X_OK) == 0) return candidate;
+    if (end == std::string::npos) break;
+    start = end + 1;
+  }
+  return "";
+}
+
+TargetKind inspect(const std::string& path, std::string* why, int depth) {
+  std::ifstream in(path, std::ios::binary);
+  char head[64] = {0};
+  in.read(head, sizeof head);
+  const std::streamsize got = in.gcount();
+  if (got >= 2 && head[0] == '#' && head[1] == '!' && depth == 0) {
+    std::string line(head + 2, static_cast<size_t>(got - 2));
+    line = line.substr(0, line.find('\n'));
+    const size_t begin = line.find_first_not_of(" \t");
+    const std::string interpreter = begin == std::string::npos ? "" : line.substr(begin, line.find_first_of(" \t", begin) - begin);
+    if (interpreter.empty()) {
+      *why = path + " is a script with no interpreter";
+      return TargetKind::Wrong;
+    }
+    const TargetKind kind = inspect(interpreter, why, depth + 1);
+    if (kind != TargetKind::Preloadable) *why = path + " runs under " + *why;
+    return kind;
+  }
+  if (got < static_cast<std::streamsize>(sizeof(Elf32_Ehdr)) || memcmp(head, ELFMAG, SELFMAG) != 0) {
+    *why = path + " is not a program the agent can be preloaded into";
+    return TargetKind::Wrong;
+  }
+  if (head[EI_CLASS] == ELFCLASS64) {
+    *why = path + " is a 64-bit program; the agent is 32-bit and cannot be preloaded into it";
+    return TargetKind::Wrong;
+  }
+  Elf32_Ehdr header;
+  memcpy(&header, head, sizeof header);
+  if (head[EI_CLASS] != ELFCLASS32 || header.e_machine != EM_386) {
+    *why = path + " is not a 32-bit x86 program; the agent cannot be preloaded into it";
+    return TargetKind::Wrong;
+  }
+  return TargetKind::Preloadable;
+}
+
+}  // namespace
+
+TargetKind checkTarget(const std::string& command, std::string* path, std::string* why) {
+  *path = findOnPath(command);
+  if (path->empty()) {
+    *why = "command not found: " + command;
+    return TargetKind::NotFound;
+  }
+  return inspect(*path, why, 0);
+}
+
+}  // namespace talvex

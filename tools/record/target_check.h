@@ -1,0 +1,15 @@
+// Whether a command can have the 32-bit agent preloaded into it.
+#pragma once
+
+#include <string>
+
+namespace talvex {
+
+enum class TargetKind { Preloadable, Wrong, NotFound };
+
+// Finds `command` on PATH (when it names no directory) and looks at what it would run: a 32-bit
+// x86 program, or a script whose interpreter is one. `path` gets the program found; `why` says
+// plainly what is wrong when it cannot be recorded.
+TargetKind checkTarget(const std::string& command, std::string* path, std::string* why);
+
+}  // namespace talvex
