@@ -60,6 +60,59 @@ void setReceivedData(RecorderMessage& message, const void* buffer, size_t length
   }
 }
 
+// The message of a send-like call: its head, the bytes asked for (not those the system took:
+// "return" says how many it did), their count, the outcome. A sendto adds its destination before
+// the error.
+struct SendDestination {
+  bool possibleUdp;
+  const sockaddr* address;
+  socklen_t length;
+};
+
+void recordSend(const CallStart& start, int socket, const void* buffer, size_t length, ssize_t result, int error,
+                const SendDestination* destination = nullptr) {
+  RecorderMessage message(RMT_SEND, start.cpt);
+  sendHead(message, start, socket);
+  if (length != 0 && error != EFAULT) message.set(RMA_DATA, static_cast<const char*>(buffer), asCount(length));
+  message.set(RMA_LENGTH, static_cast<unsigned>(length));
+  message.set(RMA_RETURN, static_cast<int>(result));
+  if (destination != nullptr) {
+    if (destination->possibleUdp) message.set(RMA_INFO, "POSSIBLE_UDP", 0);
+    if (destination->length > 15) {
+      // A null address reads as sixteen zero bytes, as if the caller had passed an empty one.
+      sockaddr_storage copy;
+      memset(&copy, 0, sizeof copy);
+      if (destination->address != nullptr && error != EFAULT) {
+        memcpy(&copy, destination->address, destination->length < sizeof copy ? destination->length : sizeof copy);
+      }
+      fillMsgWithName(&message, reinterpret_cast<sockaddr*>(&copy));
+    }
+  }
+  message.set(RMA_ERROR, error);
+  sendToRecorder(message);
+}
+
+// The message of a receive-like call, stamped now. A recvfrom adds its source before the error.
+struct ReceiveSource {
+  bool possibleUdp;
+  const sockaddr* address;
+};
+
+void recordReceive(int cpt, int ticket, int socket, const void* buffer, size_t length, ssize_t result, int error,
+                   const ReceiveSource* source = nullptr) {
+  RecorderMessage message(RMT_RECEIVE, cpt);
+  receiveHead(message, ticket, socket);
+  setReceivedData(message, buffer, length, result);
+  message.set(RMA_LENGTH, static_cast<int>(result));
+  message.set(RMA_RETURN, static_cast<int>(result));
+  if (source != nullptr) {
+    if (source->possibleUdp) message.set(RMA_INFO, "POSSIBLE_UDP", 0);
+    fillMsgWithName(&message, source->address);
+  }
+  message.set(RMA_ERROR, error);
+  sendToRecorder(message);
+}
+
 // An empty poll of a non-blocking socket is not an event.
 bool isEmptyPoll(int error, ssize_t result) { return error == EAGAIN && result < 1; }
 
@@ -92,14 +145,7 @@ ssize_t Mysend(int socket, const void* buffer, size_t length, int flags) {
   }
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {
-    // The bytes asked for are recorded, not those the system took: "return" says how many it did.
-    RecorderMessage message(RMT_SEND, start.cpt);
-    sendHead(message, start, socket);
-    if (length != 0 && error != EFAULT) message.set(RMA_DATA, static_cast<const char*>(buffer), asCount(length));
-    message.set(RMA_LENGTH, static_cast<unsigned>(length));
-    message.set(RMA_RETURN, static_cast<int>(result));
-    message.set(RMA_ERROR, error);
-    sendToRecorder(message);
+    recordSend(start, socket, buffer, length, result, error);
   } else {
     logNotRecorded(record, "send", start.cpt, fd, reason);
   }
@@ -129,23 +175,8 @@ ssize_t Mysendto(int socket, const void* buffer, size_t length, int flags, const
   }
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {
-    RecorderMessage message(RMT_SEND, start.cpt);
-    sendHead(message, start, socket);
-    if (length != 0 && error != EFAULT) message.set(RMA_DATA, static_cast<const char*>(buffer), asCount(length));
-    message.set(RMA_LENGTH, static_cast<unsigned>(length));
-    message.set(RMA_RETURN, static_cast<int>(result));
-    if (getProtocol(record) == kUdp) message.set(RMA_INFO, "POSSIBLE_UDP", 0);
-    if (addressLength > 15) {
-      // A null address reads as sixteen zero bytes, as if the caller had passed an empty one.
-      sockaddr_storage destination;
-      memset(&destination, 0, sizeof destination);
-      if (address != nullptr && error != EFAULT) {
-        memcpy(&destination, address, addressLength < sizeof destination ? addressLength : sizeof destination);
-      }
-      fillMsgWithName(&message, reinterpret_cast<sockaddr*>(&destination));
-    }
-    message.set(RMA_ERROR, error);
-    sendToRecorder(message);
+    const SendDestination destination = {getProtocol(record) == kUdp, address, addressLength};
+    recordSend(start, socket, buffer, length, result, error, &destination);
   } else {
     logNotRecorded(record, "sendto", start.cpt, fd, reason);
   }
@@ -175,13 +206,7 @@ ssize_t Mywrite(int descriptor, const void* buffer, size_t count) {
   }
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {
-    RecorderMessage message(RMT_SEND, start.cpt);
-    sendHead(message, start, descriptor);
-    if (count != 0 && error != EFAULT) message.set(RMA_DATA, static_cast<const char*>(buffer), asCount(count));
-    message.set(RMA_LENGTH, static_cast<unsigned>(count));
-    message.set(RMA_RETURN, static_cast<int>(result));
-    message.set(RMA_ERROR, error);
-    sendToRecorder(message);
+    recordSend(start, descriptor, buffer, count, result, error);
   } else {
     logNotRecorded(record, "write", start.cpt, fd, reason);
   }
@@ -250,15 +275,9 @@ ssize_t Myrecv(int socket, void* buffer, size_t length, int flags) {
   }
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {
+    // Stamped and ticketed when the data arrived, not when the call began.
     if (!isEmptyPoll(error, result)) {
-      // Stamped and ticketed when the data arrived, not when the call began.
-      RecorderMessage message(RMT_RECEIVE, start.cpt);
-      receiveHead(message, static_cast<int>(getTicket()), socket);
-      setReceivedData(message, buffer, length, result);
-      message.set(RMA_LENGTH, static_cast<int>(result));
-      message.set(RMA_RETURN, static_cast<int>(result));
-      message.set(RMA_ERROR, error);
-      sendToRecorder(message);
+      recordReceive(start.cpt, static_cast<int>(getTicket()), socket, buffer, length, result, error);
     }
   } else {
     logNotRecorded(record, "recv", start.cpt, fd, reason);
@@ -310,15 +329,8 @@ ssize_t Myrecvfrom(int socket, void* buffer, size_t length, int flags, sockaddr*
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {
     if (!isEmptyPoll(error, result)) {
-      RecorderMessage message(RMT_RECEIVE, cpt);
-      receiveHead(message, static_cast<int>(getTicket()), socket);
-      setReceivedData(message, buffer, length, result);
-      message.set(RMA_LENGTH, static_cast<int>(result));
-      message.set(RMA_RETURN, static_cast<int>(result));
-      if (getProtocol(record) == kUdp) message.set(RMA_INFO, "POSSIBLE_UDP", 0);
-      fillMsgWithName(&message, reinterpret_cast<sockaddr*>(&source));
-      message.set(RMA_ERROR, error);
-      sendToRecorder(message);
+      const ReceiveSource from = {getProtocol(record) == kUdp, reinterpret_cast<sockaddr*>(&source)};
+      recordReceive(cpt, static_cast<int>(getTicket()), socket, buffer, length, result, error, &from);
     }
   } else {
     logNotRecorded(record, "recvfrom", cpt, fd, reason);
@@ -347,16 +359,8 @@ ssize_t Myread(int descriptor, void* buffer, size_t count) {
   }
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {
-    if (!isEmptyPoll(error, result)) {
-      // read keeps the ticket of its start, unlike recv: recorders have always ordered it so.
-      RecorderMessage message(RMT_RECEIVE, start.cpt);
-      receiveHead(message, start.ticket, descriptor);
-      setReceivedData(message, buffer, count, result);
-      message.set(RMA_LENGTH, static_cast<int>(result));
-      message.set(RMA_RETURN, static_cast<int>(result));
-      message.set(RMA_ERROR, error);
-      sendToRecorder(message);
-    }
+    // read keeps the ticket of its start, unlike recv: recorders have always ordered it so.
+    if (!isEmptyPoll(error, result)) recordReceive(start.cpt, start.ticket, descriptor, buffer, count, result, error);
   } else {
     logNotRecorded(record, "read", start.cpt, fd, reason);
   }

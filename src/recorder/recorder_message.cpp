@@ -20,7 +20,10 @@ RecorderMessage::~RecorderMessage() {
   free(buffer_);
 }
 
-void RecorderMessage::set(RecorderMessageAttribute attribute, int value) {
+// "return" is only kept; "error" is kept and written only after a return value of -1; anything
+// else is written at once, at the width of the value's type.
+template <class Value>
+void RecorderMessage::setSigned(RecorderMessageAttribute attribute, Value value) {
   if (attribute == RMA_RETURN) {
     return_ = value;
     return;
@@ -32,17 +35,8 @@ void RecorderMessage::set(RecorderMessageAttribute attribute, int value) {
   if (buffer_) buffer_->appendAttr(attribute, value);
 }
 
-void RecorderMessage::set(RecorderMessageAttribute attribute, int64_t value) {
-  if (attribute == RMA_RETURN) {
-    return_ = value;
-    return;
-  }
-  if (attribute == RMA_ERROR) {
-    error_ = value;
-    if (return_ != -1) return;
-  }
-  if (buffer_) buffer_->appendAttr(attribute, value);
-}
+void RecorderMessage::set(RecorderMessageAttribute attribute, int value) { setSigned(attribute, value); }
+void RecorderMessage::set(RecorderMessageAttribute attribute, int64_t value) { setSigned(attribute, value); }
 
 void RecorderMessage::set(RecorderMessageAttribute attribute, unsigned value) {
   if (buffer_) buffer_->appendAttr(attribute, value);

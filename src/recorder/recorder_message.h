@@ -34,6 +34,9 @@ class RecorderMessage {
   int32_t sequence() const { return sequence_; }
 
  private:
+  template <class Value>
+  void setSigned(RecorderMessageAttribute attribute, Value value);
+
   PrintBuffer* buffer_;
   int32_t sequence_;
   int64_t return_;

@@ -28,15 +28,9 @@ Environment socksV4(int port, Environment extra = {}) {
 }
 
 bool accepting(int port) {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a;
-  memset(&a, 0, sizeof a);
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const bool ok = connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-  close(fd);
-  return ok;
+  const int fd = connectToLoopback(port);
+  if (fd >= 0) close(fd);
+  return fd >= 0;
 }
 
 // microsocks on a loopback port of its own, ready to accept.

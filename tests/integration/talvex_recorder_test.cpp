@@ -18,13 +18,8 @@ using namespace talvex_test;
 namespace {
 
 bool sendRaw(int port, const std::string& bytes) {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address;
-  memset(&address, 0, sizeof address);
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bool ok = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  const int fd = connectToLoopback(port);
+  bool ok = fd >= 0;
   size_t sent = 0;
   while (ok && sent < bytes.size()) {
     const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, 0);
@@ -129,13 +124,8 @@ TEST_F(TalvexRecorder, ManyShortConnectionsAllArriveAndCountStops) {
 
 TEST_F(TalvexRecorder, KeepsWhatAPeerStillSendingHadSentAtStop) {
   start({"--output", tmp.file("out.raw")});
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address;
-  memset(&address, 0, sizeof address);
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const int fd = connectToLoopback(port);
+  ASSERT_GE(fd, 0);
   ASSERT_EQ(send(fd, "<exit", 5, 0), 5);
   usleep(200000);
   const ProcessResult r = stop();

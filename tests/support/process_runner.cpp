@@ -23,6 +23,23 @@ extern char** environ;
 
 namespace talvex_test {
 
+namespace {
+
+// argv and an environment in the form execve takes them; the strings live as long as this.
+struct ExecArguments {
+  ExecArguments(const std::vector<std::string>& argv, const Environment& environment) {
+    for (const auto& entry : environment) pairs.push_back(entry.first + "=" + entry.second);
+    for (auto& p : pairs) envp.push_back(const_cast<char*>(p.c_str()));
+    envp.push_back(nullptr);
+    for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+  }
+  std::vector<std::string> pairs;
+  std::vector<char*> envp, args;
+};
+
+}  // namespace
+
 Environment cleanEnvironment(const Environment& extra) {
   Environment environment;
   for (char** entry = environ; *entry != nullptr; ++entry) {
@@ -48,20 +65,14 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const Environment
   ProcessResult result;
   int outPipe[2], errPipe[2];
   if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) return result;
-  std::vector<std::string> pairs;
-  for (const auto& entry : environment) pairs.push_back(entry.first + "=" + entry.second);
-  std::vector<char*> envp, args;
-  for (auto& p : pairs) envp.push_back(const_cast<char*>(p.c_str()));
-  envp.push_back(nullptr);
-  for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
+  const ExecArguments exec(argv, environment);
 
   const pid_t pid = fork();
   if (pid == 0) {
     dup2(outPipe[1], 1);
     dup2(errPipe[1], 2);
-    execve(args[0], args.data(), envp.data());
-    dprintf(2, "exec %s: %s\n", args[0], strerror(errno));
+    execve(exec.args[0], exec.args.data(), exec.envp.data());
+    dprintf(2, "exec %s: %s\n", exec.args[0], strerror(errno));
     _exit(127);
   }
   result.pid = pid;
@@ -102,13 +113,7 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const Environment
 }
 
 BackgroundProcess::BackgroundProcess(const std::vector<std::string>& argv, const Environment& environment) {
-  std::vector<std::string> pairs;
-  for (const auto& entry : environment) pairs.push_back(entry.first + "=" + entry.second);
-  std::vector<char*> envp, args;
-  for (auto& p : pairs) envp.push_back(const_cast<char*>(p.c_str()));
-  envp.push_back(nullptr);
-  for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
+  const ExecArguments exec(argv, environment);
   const std::string out = outputs_.file("out"), err = outputs_.file("err");
   pid_ = fork();
   if (pid_ == 0) {
@@ -118,7 +123,7 @@ BackgroundProcess::BackgroundProcess(const std::vector<std::string>& argv, const
     dup2(e, 2);
     close(o);
     close(e);
-    execve(args[0], args.data(), envp.data());
+    execve(exec.args[0], exec.args.data(), exec.envp.data());
     _exit(127);
   }
 }
@@ -295,6 +300,18 @@ EchoServer::~EchoServer() {
   close(listener_);
   close(wake_[0]);
   close(wake_[1]);
+}
+
+int connectToLoopback(int port) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address;
+  memset(&address, 0, sizeof address);
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
+  close(fd);
+  return -1;
 }
 
 int closedLoopbackPort() {

@@ -83,6 +83,9 @@ class EchoServer {
   void* thread_ = nullptr;
 };
 
+// A connected TCP socket to 127.0.0.1:port, or -1.
+int connectToLoopback(int port);
+
 // A loopback port with nothing listening on it (bound once by the system, then released).
 int closedLoopbackPort();
 

@@ -9,19 +9,16 @@
 
 #include <string>
 
+#include "process_runner.h"
+
 using talvex::RecorderEndpoint;
 using namespace std::chrono_literals;
 
 namespace {
 
 int connectTo(int port) {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address;
-  memset(&address, 0, sizeof address);
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const int fd = talvex_test::connectToLoopback(port);
+  EXPECT_GE(fd, 0);
   return fd;
 }
 
