@@ -16,6 +16,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 static void report(const char* what, long result) {
@@ -532,6 +533,37 @@ static int scenarioHttpGet(int port, int argc, char** paths) {
   return 0;
 }
 
+static double elapsedNs(const struct timespec* from) {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return (now.tv_sec - from->tv_sec) * 1e9 + (now.tv_nsec - from->tv_nsec);
+}
+
+/* Times `rounds` request/response pairs of 64 bytes on a connected socket and as many writes to
+ * /dev/null, from inside the process, so that start-up does not count. */
+static int scenarioLoop(int port, int rounds) {
+  int s = connected(port);
+  char buffer[64];
+  memset(buffer, 'q', sizeof buffer);
+  struct timespec start;
+  clock_gettime(CLOCK_MONOTONIC, &start);
+  for (int i = 0; i < rounds; ++i) {
+    if (send(s, buffer, sizeof buffer, 0) != (ssize_t)sizeof buffer) return 3;
+    if (readFully(s, buffer, sizeof buffer) != 0) return 4;
+  }
+  const double socketNs = elapsedNs(&start);
+  int file = open("/dev/null", O_WRONLY);
+  clock_gettime(CLOCK_MONOTONIC, &start);
+  for (int i = 0; i < rounds; ++i) {
+    if (write(file, buffer, sizeof buffer) != (ssize_t)sizeof buffer) return 5;
+  }
+  const double fileNs = elapsedNs(&start);
+  close(file);
+  close(s);
+  printf("pair_ns %.0f\nwrite_ns %.0f\n", socketNs / rounds, fileNs / rounds);
+  return 0;
+}
+
 int main(int argc, char** argv) {
   setvbuf(stdout, NULL, _IONBF, 0);
   const char* s = argc >= 2 ? argv[1] : "";
@@ -559,6 +591,7 @@ int main(int argc, char** argv) {
   if (strcmp(s, "conversation") == 0 && argc >= 6)
     return scenarioConversation(atoi(argv[2]), atoi(argv[3]), atoi(argv[4]), argv[5]);
   if (strcmp(s, "serve") == 0 && argc >= 4) return scenarioServe(argv[2], atoi(argv[3]));
+  if (strcmp(s, "loop") == 0 && argc >= 4) return scenarioLoop(atoi(argv[2]), atoi(argv[3]));
   if (strcmp(s, "http-serve") == 0 && argc >= 4) return scenarioHttpServe(argv[2], atoi(argv[3]));
   if (strcmp(s, "http-get") == 0 && argc >= 4) return scenarioHttpGet(atoi(argv[2]), argc - 3, argv + 3);
   fprintf(stderr, "usage: recording_probe SCENARIO ARGS (see the source for the scenarios)\n");
