@@ -211,7 +211,8 @@ int socksHandShake(int socket, int* socksError, unsigned short family) {
   }
   x_disp(DMK_INFO, "send client greeting OK");
   x_disp(DMK_INFO, "==> Waiting selected method");
-  unsigned char reply[2] = {0, 0};
+  // Bytes a server cannot mean: a reply cut short fails instead of passing as "no authentication".
+  unsigned char reply[2] = {0xff, 0xff};
   if (!receiveSomeData(socket, reply, 2, socksError, "selected method", deadline)) return 3;
   if (reply[0] == kVersion && reply[1] == kNoAuthentication) {
     x_disp(DMK_INFO, "***************************");

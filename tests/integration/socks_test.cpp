@@ -209,6 +209,11 @@ SocksScript withReply(const char* reply) {
   s.requestReply = std::string(reply, 10);
   return s;
 }
+SocksScript oneByteMethod() {
+  SocksScript s;
+  s.methodReply = std::string("\x05", 1);
+  return s;
+}
 SocksScript closing() {
   SocksScript s;
   s.closeAtOnce = true;
@@ -226,6 +231,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         FailureCase{"method_02", withMethod("\x05\x02"), "unexpected received message from server", 93},
         FailureCase{"method_version", withMethod("\x04\x00"), "unexpected received message from server", 93},
+        FailureCase{"method_cut_short", oneByteMethod(), "unexpected received message from server", 93},
         FailureCase{"reply_version", withReply("\x04\x00\x00\x01\x00\x00\x00\x00\x00\x00"),
                     "bad protocol version (expected : 5 received 4)", 93},
         FailureCase{"reserved", withReply("\x05\x00\x01\x01\x00\x00\x00\x00\x00\x00"), "bad reserved field", 93},
