@@ -169,7 +169,7 @@ void set_file_display(const char* fileName, const char* directoryName) {
 
   // Formatted apart from the line buffer: a long directory would not fit its 8192 bytes.
   const char* const headerFormat = "[%s]debug level : %d\t debug dir : %s\t debug file : %s\t pid : %d\n";
-  const char* dirText = directoryName != nullptr ? directoryName : "(null)";
+  const char* dirText = orNull(directoryName);
   const int size = snprintf(nullptr, 0, headerFormat, IMAGE_DEBUG[DMK_INFO], debugLvl, dirText,
                             debugFileNameFlush, currentProcessId);
   if (size <= 0) return;

@@ -26,6 +26,10 @@ extern char* internal_buffer_display;
 extern int internal_buffer_display_size;
 extern bool defaultDebugDisplayInitialized;
 
+// A text argument for a "%s" of a log line: the C library prints a null one as "(null)", but
+// passing null to "%s" is not something to rely on.
+inline const char* orNull(const char* text) { return text != nullptr ? text : "(null)"; }
+
 void x_disp(int kind, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void vx_disp(int kind, const char* format, va_list arguments) __attribute__((format(printf, 2, 0)));
 int isDebugLevelEnable(int kind);

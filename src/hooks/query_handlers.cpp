@@ -15,7 +15,6 @@
 
 namespace {
 
-const char* orNull(const char* text) { return text != nullptr ? text : "(null)"; }
 
 void resolutionHead(RecorderMessage& message, const CallStart& start) {
   if (start.stampNs != -1) message.set(RMA_TIMESTAMP_NS, start.stampNs);

@@ -47,7 +47,7 @@ void startRecorderChannel() {
   RecorderMessage* processMessage = buildProcessMessage();
   const char* address = getenv("TALVEX_SOCKET_AGENT_IP_ADDRESS");
   const char* port = getenv("TALVEX_SOCKET_AGENT_PORT_NUMBER");
-  x_disp(DMK_INFO, "@@@@ ip : %s\t @@@@ port : %s", address ? address : "(null)", port ? port : "(null)");
+  x_disp(DMK_INFO, "@@@@ ip : %s\t @@@@ port : %s", orNull(address), orNull(port));
   // A previous interface (start-up run again) is left alive: another thread may be using it.
   AgentInterface* created = createAgentInterface(address, port, processMessage);
   if (created != nullptr) __atomic_store_n(&agentInterface, created, __ATOMIC_RELEASE);

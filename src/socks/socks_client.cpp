@@ -128,8 +128,8 @@ int socksHandShake(int socket, int* socksError, unsigned short family) {
   *socksError = 0;
   const int64_t deadline = socksDeadline();
   x_disp(DMK_INFO, "**************** starting socks connection ******************");
-  x_disp(DMK_INFO, "* socks server : %s (%d)", socksIpv4Val != nullptr ? socksIpv4Val : "(null)", socksPort4Val);
-  x_disp(DMK_INFO, "* socks server : %s (%d)", socksIpv6Val != nullptr ? socksIpv6Val : "(null)", socksPort6Val);
+  x_disp(DMK_INFO, "* socks server : %s (%d)", orNull(socksIpv4Val), socksPort4Val);
+  x_disp(DMK_INFO, "* socks server : %s (%d)", orNull(socksIpv6Val), socksPort6Val);
   x_disp(DMK_INFO, "************************");
   x_disp(DMK_INFO, "** starting handshake **");
   x_disp(DMK_INFO, "************************");

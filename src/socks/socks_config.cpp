@@ -23,7 +23,6 @@ namespace {
 const int kDefaultSocksPort = 1081;
 const int kDefaultTimeout = 10;
 const int kLongestTimeout = 3600;
-const char* orNull(const char* text) { return text != nullptr ? text : "(null)"; }
 }  // namespace
 
 int effectiveSocksTimeout() {
