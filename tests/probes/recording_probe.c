@@ -19,18 +19,7 @@
 #include <time.h>
 #include <unistd.h>
 
-static void report(const char* what, long result) {
-  printf("%s result=%ld errno=%d\n", what, result, result < 0 ? errno : 0);
-}
-
-static struct sockaddr_in loopback(int port) {
-  struct sockaddr_in a;
-  memset(&a, 0, sizeof a);
-  a.sin_family = AF_INET;
-  a.sin_port = htons((uint16_t)port);
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return a;
-}
+#include "probe_support.h"
 
 static int connected(int port) {
   int s = socket(AF_INET, SOCK_STREAM, 0);

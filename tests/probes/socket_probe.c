@@ -18,18 +18,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-static void report(const char* what, long result) {
-  printf("%s result=%ld errno=%d\n", what, result, result < 0 ? errno : 0);
-}
-
-static struct sockaddr_in loopback(int port) {
-  struct sockaddr_in address;
-  memset(&address, 0, sizeof address);
-  address.sin_family = AF_INET;
-  address.sin_port = htons((uint16_t)port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
+#include "probe_support.h"
 
 /* Every hooked call once, on sockets and files, with outcomes that do not depend on the agent. */
 static int scenarioCalls(int echoPort, int closedPort, const char* filePath) {
