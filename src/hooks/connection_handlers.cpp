@@ -30,18 +30,6 @@ void setTimeAndIdentity(RecorderMessage& message, const CallStart& start, bool s
   message.setInt(RMA_TICKET, start.ticket);
 }
 
-// A copy of the caller's address, at most the storage size, zero-filled beyond what was given:
-// the agent reads only this copy, however short or long the caller said the address was. One too
-// short to hold its family has none.
-sockaddr_storage copyAddress(const sockaddr* address, socklen_t length) {
-  sockaddr_storage copy;
-  memset(&copy, 0, sizeof copy);
-  if (address != nullptr && length >= sizeof(sa_family_t)) {
-    memcpy(&copy, address, length < sizeof copy ? length : sizeof copy);
-  }
-  return copy;
-}
-
 }  // namespace
 
 int Mysocket(int domain, int type, int protocol) {

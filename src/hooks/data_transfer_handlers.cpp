@@ -79,13 +79,10 @@ void recordSend(const CallStart& start, int socket, const void* buffer, size_t l
   if (destination != nullptr) {
     if (destination->possibleUdp) message.set(RMA_INFO, "POSSIBLE_UDP", 0);
     if (destination->length > 15) {
-      // A null address reads as sixteen zero bytes, as if the caller had passed an empty one.
-      sockaddr_storage copy;
-      memset(&copy, 0, sizeof copy);
-      if (destination->address != nullptr && error != EFAULT) {
-        memcpy(&copy, destination->address, destination->length < sizeof copy ? destination->length : sizeof copy);
-      }
-      fillMsgWithName(&message, reinterpret_cast<sockaddr*>(&copy));
+      // A null address (or one the C library could not read) reads as zero bytes, as if the caller
+      // had passed an empty one.
+      const sockaddr_storage copy = copyAddress(error != EFAULT ? destination->address : nullptr, destination->length);
+      fillMsgWithName(&message, reinterpret_cast<const sockaddr*>(&copy));
     }
   }
   message.set(RMA_ERROR, error);
@@ -307,8 +304,7 @@ ssize_t Myrecvfrom(int socket, void* buffer, size_t length, int flags, sockaddr*
                              : True_recvfrom(socket, buffer, length, flags, address, addressLength);
   const int error = readErrorCode();
   if (!own && result >= 0 && addressLength != nullptr) {
-    const socklen_t got = *addressLength < callerCapacity ? *addressLength : callerCapacity;
-    memcpy(&source, address, got < sizeof source ? got : sizeof source);
+    source = copyAddress(address, *addressLength < callerCapacity ? *addressLength : callerCapacity);
   }
   const sockaddr* logAddress = own ? reinterpret_cast<sockaddr*>(&source) : address;
   const int logLength = static_cast<int>(own ? sourceLength : addressLength != nullptr ? *addressLength : 0);

@@ -3,6 +3,8 @@
 
 #include <errno.h>
 #include <stdint.h>
+#include <string.h>
+#include <sys/socket.h>
 
 #include "agent/time_base.h"
 #include "hooks/counters.h"
@@ -37,4 +39,16 @@ inline int printableLength(const void* buffer, size_t count) {
   const char* bytes = static_cast<const char*>(buffer);
   while (n < limit && bytes[n] != '\0') ++n;
   return static_cast<int>(n);
+}
+
+// A copy of the caller's address, at most the storage size, zero-filled beyond what was given:
+// the agent reads only this copy, however short or long the caller said the address was. One too
+// short to hold its family has none.
+inline sockaddr_storage copyAddress(const sockaddr* address, socklen_t length) {
+  sockaddr_storage copy;
+  memset(&copy, 0, sizeof copy);
+  if (address != nullptr && length >= sizeof(sa_family_t)) {
+    memcpy(&copy, address, length < sizeof copy ? length : sizeof copy);
+  }
+  return copy;
 }

@@ -1,11 +1,8 @@
 // select, pselect and setsockopt are observed, never recorded as traffic: they are logged, and
 // the recorder is told that select and pselect were used.
-#include <errno.h>
-
-#include "agent/time_base.h"
 #include "diag/debug_log.h"
 #include "diag/name_tables.h"
-#include "hooks/counters.h"
+#include "hooks/handler_support.h"
 #include "hooks/handlers.h"
 #include "interpose/companions.h"
 #include "interpose/real_functions.h"
@@ -14,16 +11,8 @@
 namespace {
 
 // Time stamps and a ticket are drawn and dropped: the ticket sequence advances for every
-// observed call, recorded or not, so tickets still order all calls. The clock belongs to another
-// library, so errno is kept across it for the real call to find.
-int beginObservedCall() {
-  const int callerErrno = errno;
-  (void)getTimeStamp();
-  (void)getTimeStampNs();
-  (void)getTicket();
-  errno = callerErrno;
-  return static_cast<int>(getGlobalCpt());
-}
+// observed call, recorded or not, so tickets still order all calls.
+int beginObservedCall() { return beginCall().cpt; }
 
 // Anything but 0 is logged as an error, ready descriptors included: logs compare line for line
 // with those of earlier recordings, which read this way.
