@@ -120,6 +120,16 @@ TEST(Socks, ConnectToAPortOfTheProcessItselfIsNotRerouted) {
   EXPECT_EQ(linesContaining(r.log, "starting socks connection").size(), 0u);
 }
 
+TEST(Socks, UdpConnectsAreNeverRerouted) {
+  Microsocks server;
+  EchoServer echo;
+  const Recording r = recordRun({kRecordingProbePath, "udp", std::to_string(echo.port())}, socksV4(server.port()));
+  ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
+  EXPECT_NE(r.run.out.find("connect result=0 errno=0"), std::string::npos);
+  EXPECT_EQ(linesContaining(r.log, "starting socks connection").size(), 0u) << r.log;
+  EXPECT_EQ(linesContaining(r.log, "SocksConnect (SOCKS:").size(), 0u);
+}
+
 TEST(Socks, PortOfZeroOrTextKeeps1081) {
   for (const char* value : {"0", "socks"}) {
     const Recording r = recordRun({kRecordingProbePath, "close-twice"},

@@ -200,6 +200,18 @@ static int scenarioResolve(const char* node, const char* service) {
   return 0;
 }
 
+/* The older resolver calls: not hooked, so they must answer as the C library does. */
+static int scenarioLegacyResolve(void) {
+  struct hostent* host = gethostbyname("localhost");
+  printf("gethostbyname %s\n", host != NULL && host->h_name != NULL ? "answered" : "null");
+  char name[256];
+  report("gethostname", gethostname(name, sizeof name));
+  struct servent* byName = getservbyname("http", "tcp");
+  struct servent* byPort = getservbyport(htons(80), "tcp");
+  printf("getservbyname %s\ngetservbyport %s\n", byName ? "answered" : "null", byPort ? "answered" : "null");
+  return 0;
+}
+
 static int scenarioSelectReady(int port) {
   int s = connected(port);
   send(s, "x", 1, 0);
@@ -568,6 +580,7 @@ int main(int argc, char** argv) {
   if (strcmp(s, "resolve") == 0 && argc >= 4) return scenarioResolve(argv[2], argv[3]);
   if (strcmp(s, "select-ready") == 0 && argc >= 3) return scenarioSelectReady(atoi(argv[2]));
   if (strcmp(s, "setsockopt26") == 0) return scenarioSetsockopt26();
+  if (strcmp(s, "legacy-resolve") == 0) return scenarioLegacyResolve();
   if (strcmp(s, "bind-self") == 0) return scenarioBindSelf();
   if (strcmp(s, "close-twice") == 0) return scenarioCloseTwice();
   if (strcmp(s, "unterminated") == 0 && argc >= 3) return scenarioUnterminated(atoi(argv[2]));

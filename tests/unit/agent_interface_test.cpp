@@ -304,3 +304,25 @@ TEST(RecorderChannelStartup, ProcessMessageAndUnpluggedBanner) {
   EXPECT_EQ(endpoint.messages()[1], "<exit/>\n");
 }
 
+
+TEST(RecorderChannelStartup, RunAgainAfterCleanBuildsANewInterface) {
+  // As in a process whose start-up has already run, so that only the recording start-up runs.
+  const int savedDone = globalInitDone;
+  globalInitDone = 1;
+  AgentInterface* saved = agentInterface;
+  cleanSocketPointers();
+  initializeSocketPointers();
+  AgentInterface* first = agentInterface;
+  ASSERT_NE(first, nullptr);
+  EXPECT_NE(first, saved);
+  EXPECT_TRUE(first->hasPendingMessage());
+  EXPECT_EQ(socketInitialized, 1);
+  initializeSocketPointers();  // already done: nothing new
+  EXPECT_EQ(agentInterface, first);
+  cleanSocketPointers();
+  initializeSocketPointers();
+  EXPECT_NE(agentInterface, first);
+  EXPECT_TRUE(agentInterface->hasPendingMessage());
+  agentInterface = saved;
+  globalInitDone = savedDone;
+}
