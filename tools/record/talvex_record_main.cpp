@@ -241,13 +241,7 @@ int main(int argc, char** argv) {
   }
   if (!o.jsonl.empty()) {
     std::string all;
-    for (const auto& m : messages) {
-      talvex::ParsedMessage parsed;
-      std::string why;
-      all += talvex::parseRecorderMessage(m, &parsed, &why) ? talvex::messageToJson(parsed)
-                                                            : talvex::malformedToJson(m, why);
-      all += '\n';
-    }
+    for (const auto& m : messages) all += talvex::receivedToJson(m) + '\n';
     written &= writeFile(o.jsonl, all);
   }
   const talvex::Recording recording = talvex::buildRecording(messages);

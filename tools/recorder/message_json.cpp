@@ -90,4 +90,12 @@ std::string malformedToJson(const std::string& raw, const std::string& error) {
   return "{\"error\":" + jsonString(error) + ",\"raw_base64\":\"" + base64Encode(raw) + "\"}";
 }
 
+std::string receivedToJson(const std::string& raw, bool* malformed) {
+  ParsedMessage parsed;
+  std::string why;
+  const bool ok = parseRecorderMessage(raw, &parsed, &why);
+  if (malformed != nullptr) *malformed = !ok;
+  return ok ? messageToJson(parsed) : malformedToJson(raw, why);
+}
+
 }  // namespace talvex

@@ -17,4 +17,8 @@ std::string messageToJson(const ParsedMessage& message);
 // A line that could not be parsed: {"error":..., "raw_base64":...}.
 std::string malformedToJson(const std::string& raw, const std::string& error);
 
+// One received message as its JSON line: decoded when it parses, reported as malformed when not
+// (`malformed`, when given, says which).
+std::string receivedToJson(const std::string& raw, bool* malformed = nullptr);
+
 }  // namespace talvex

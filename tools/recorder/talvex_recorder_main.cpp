@@ -114,11 +114,9 @@ int main(int argc, char** argv) {
   talvex::RecorderEndpoint endpoint;
   endpoint.setHandler([&](const std::string& message) {
     if (json) {
-      talvex::ParsedMessage parsed;
-      std::string why;
-      const std::string line = talvex::parseRecorderMessage(message, &parsed, &why)
-                                   ? talvex::messageToJson(parsed)
-                                   : (++malformed, talvex::malformedToJson(message, why));
+      bool bad = false;
+      const std::string line = talvex::receivedToJson(message, &bad);
+      if (bad) ++malformed;
       fwrite(line.data(), 1, line.size(), out);
       fputc('\n', out);
     } else {
