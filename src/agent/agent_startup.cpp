@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "agent/recorder_core.h"
@@ -12,6 +13,7 @@
 #include "diag/debug_log.h"
 #include "diag/debug_server.h"
 #include "hooks/critical_section.h"
+#include "hooks/fork_reset.h"
 #include "interpose/dlsym_bootstrap.h"
 #include "interpose/real_functions.h"
 #include "recorder/recorder_channel_startup.h"
@@ -85,6 +87,7 @@ void GlobalInit() {
   resolveIfMissing(accept_ptr, "accept");
   initializeSocketPointers();
   initializeCriticalSections();
+  installForkReset();
   getDebugLvl();
   set_default_debug_display("sock");
   __atomic_store_n(&globalInit, 1, __ATOMIC_RELEASE);
@@ -116,6 +119,13 @@ void cleanSocketPointers() { socketInitialized = 0; }
 bool startupRunningElsewhere() {
   return __atomic_load_n(&startupThreadKnown, __ATOMIC_ACQUIRE) && !__atomic_load_n(&globalInit, __ATOMIC_ACQUIRE) &&
          !pthread_equal(pthread_self(), startupThread);
+}
+
+void waitForStartupElsewhere() {
+  // Bounded: a start-up stuck behind a lock of the host's (a library constructor that made this
+  // very call while holding the loader's lock) must not stall this thread for ever.
+  const timespec pause = {0, 200 * 1000};
+  for (int waited = 0; waited < 25000 && startupRunningElsewhere(); ++waited) nanosleep(&pause, nullptr);
 }
 
 void initializeStartup() {

@@ -22,6 +22,9 @@ extern char* agentFileName;
 void GlobalInit();
 // True while start-up is under way in a thread other than the caller's.
 bool startupRunningElsewhere();
+// Waits, at most a few seconds, until another thread's start-up has set up the process identity
+// and the channel.
+void waitForStartupElsewhere();
 void initializeSocketPointers();
 void cleanSocketPointers();
 void initializeStartup();

@@ -49,6 +49,8 @@ int isDebugLevelEnable(int kind) {
   return static_cast<int>((static_cast<unsigned>(debugLvl) >> (static_cast<unsigned>(kind) % 32)) & 1u);
 }
 
+bool logLineWanted(int kind) { return linePasses(kind); }
+
 int getDebugLvl() { return debugLvl; }
 
 void x_disp(int kind, const char* format, ...) {
@@ -111,6 +113,11 @@ void vx_disp(int kind, const char* format, va_list arguments) {
   EndCriticalSectionBase(&criticalSectionLog);
   if (grownTo != 0) x_disp(DMK_INFO, "buffer resized to : %d", grownTo);
   errno = savedErrno;
+}
+
+void resetLogAfterFork() {
+  const pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
+  criticalSectionLog = fresh;
 }
 
 void initializeCriticalSections() {

@@ -33,12 +33,17 @@ inline const char* orNull(const char* text) { return text != nullptr ? text : "(
 void x_disp(int kind, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void vx_disp(int kind, const char* format, va_list arguments) __attribute__((format(printf, 2, 0)));
 int isDebugLevelEnable(int kind);
+// Whether a line of `kind` would be written anywhere: texts built only for a log line are built
+// only then.
+bool logLineWanted(int kind);
 int getDebugLvl();
 void set_default_debug_display(const char* baseName);
 void set_file_display(const char* fileName, const char* directoryName);
 void build_debug_file_name(const char* dir, const char* base, const char* extension, char** outName,
                            unsigned* outSize);
 void initializeCriticalSections();
+// In a forked child: the log lock usable again.
+void resetLogAfterFork();
 void cleanCriticalSections();
 
 unsigned Mystrlen(const char* text);

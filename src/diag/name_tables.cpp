@@ -1,5 +1,6 @@
 #include "diag/name_tables.h"
 
+#include <stdio.h>
 #include <string.h>
 
 namespace {
@@ -120,7 +121,9 @@ const ErrorEntry* findError(int code) {
 }
 
 // Large enough for the longest combination: "SOCK_NONBLOCK | SOCK_CLOEXEC | SOCK_SEQPACKET".
-char typeImage[64];
+// One per thread: threads that named types at the same moment would append into each other's
+// text, past the end of a shared buffer.
+__thread char typeImage[64] __attribute__((tls_model("initial-exec")));
 
 }  // namespace
 
@@ -151,16 +154,9 @@ const char* protocolToString(int protocol) {
 }
 
 char* typeToString(int type) {
-  typeImage[0] = '\0';
-  if (type & 0x800) {
-    strcat(typeImage, "SOCK_NONBLOCK | ");
-    type &= ~0x800;
-  }
-  if (type & 0x80000) {
-    strcat(typeImage, "SOCK_CLOEXEC | ");
-    type &= ~0x80000;
-  }
-  strcat(typeImage, (type >= 1 && type <= 10) ? socketTypes[type - 1] : "<unknown>");
+  const int base = type & ~(0x800 | 0x80000);
+  snprintf(typeImage, sizeof typeImage, "%s%s%s", (type & 0x800) ? "SOCK_NONBLOCK | " : "",
+           (type & 0x80000) ? "SOCK_CLOEXEC | " : "", (base >= 1 && base <= 10) ? socketTypes[base - 1] : "<unknown>");
   return typeImage;
 }
 

@@ -42,15 +42,16 @@ int Mysocket(int domain, int type, int protocol) {
   const int error = readErrorCode();
   const int baseType = type & ~(0x800 | 0x80000);
   const int derived = protocol != 0 ? protocol : (baseType == SOCK_STREAM ? kTcp : baseType == SOCK_DGRAM ? kUdp : 0);
+  const char* typeText = logLineWanted(result == -1 ? DMK_WARNING : DMK_RET) ? typeToString(type) : "";
   if (result == -1) {
     x_disp(DMK_WARNING, "[%d]socket (INVALID_SOCKET : %d %s : %s):\t af = (%d)%s,\t type = (%d)%s,\t protocol = (%d)%s",
            cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), domain, afToString(domain), type,
-           typeToString(type), protocol, protocolToString(derived));
+           typeText, protocol, protocolToString(derived));
   } else {
     createSocketInfo(static_cast<unsigned>(result), static_cast<unsigned>(domain), static_cast<unsigned>(baseType),
                      (type & 0x800) != 0, static_cast<unsigned>(derived));
     x_disp(DMK_RET, "[%d]socket (OK):\tsocket : %lx\t af = (%d)%s,\t type = (%d)%s,\t protocol = (%d)%s", cpt,
-           static_cast<unsigned long>(result), domain, afToString(domain), type, typeToString(type), protocol,
+           static_cast<unsigned long>(result), domain, afToString(domain), type, typeText, protocol,
            protocolToString(derived));
   }
   restoreErrorCode(error);
@@ -133,6 +134,8 @@ int Myaccept(int socket, sockaddr* address, socklen_t* length) {
   socklen_t peerLength = sizeof peer;
   sockaddr* callAddress = address != nullptr ? address : reinterpret_cast<sockaddr*>(&peer);
   socklen_t* callLength = address != nullptr ? length : &peerLength;
+  socklen_t callerCapacity = 0;
+  if (address != nullptr && length != nullptr) copyHostBytes(&callerCapacity, length, sizeof callerCapacity, 0);
   s_disp(fd, DMK_CALL, "[%d]accept \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
   const int result = True_accept(socket, callAddress, callLength);
   const int error = readErrorCode();
@@ -152,8 +155,11 @@ int Myaccept(int socket, sockaddr* address, socklen_t* length) {
   // from the traffic itself.
   if (!isAcceptedSocket(listener)) {
     if (address != nullptr && True_getpeername(result, reinterpret_cast<sockaddr*>(&peer), &peerLength) != 0) {
-      // The peer may already be gone; the caller's buffer then holds what the kernel gave.
-      peer = copyAddress(address, length != nullptr ? *length : 0);
+      // The peer may already be gone; the caller's buffer then holds what the kernel gave, as
+      // far as it fitted: the length the kernel reports is the full one, maybe past the buffer.
+      socklen_t reported = 0;
+      if (length != nullptr) copyHostBytes(&reported, length, sizeof reported, sizeof reported);
+      peer = copyAddress(address, reported < callerCapacity ? reported : callerCapacity);
     }
     RecorderMessage message(RMT_ACCEPT, start.cpt);
     setTimeAndIdentity(message, start, true);
@@ -180,7 +186,7 @@ int Myconnect(int socket, const sockaddr* address, socklen_t length) {
   pre_init_startup();
   const sockaddr_storage destination = copyAddress(address, length);
   const sockaddr* destinationAddress = address != nullptr ? reinterpret_cast<const sockaddr*>(&destination) : nullptr;
-  SOCKETINFO* record = getSocketInfo(fd);
+  SOCKETINFO* record = getCurrentSocketInfo(fd);
   si_disp(record, DMK_CALL, "[%d]connect \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
   if (getProtocol(record) != kUdp) {
     lock_connection(record, start.cpt);
@@ -238,8 +244,20 @@ int Myconnect(int socket, const sockaddr* address, socklen_t length) {
 int Myclose(int socket) {
   const CallStart start = beginCall();
   const unsigned fd = static_cast<unsigned>(socket);
-  SOCKETINFO* record = getSocketInfo(fd);
+  SOCKETINFO* record = getCurrentSocketInfo(fd);
   si_disp(record, DMK_CALL, "[%d]closesocket \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
+  // The record is released before the descriptor is: once the real close returns, another
+  // thread's socket() may be handed the same number, and its fresh record must not be released
+  // here. A close that fails has released the descriptor anyway (Linux), or there was none.
+  int opened = 0;
+  int accepted = 0;
+  if (record != nullptr) {
+    opened = freeMemoOpenedSocket(record);
+    accepted = freeMemoAcceptedSocket(record);
+    removeSockaddrElem(record);
+    freeSocketInfo(fd);
+  }
+  errno = start.callerErrno;
   const int result = True_close(socket);
   const int error = readErrorCode();
   if (record == nullptr) {
@@ -247,10 +265,6 @@ int Myclose(int socket) {
     return result;
   }
   if (result != -1) {
-    const int opened = freeMemoOpenedSocket(record);
-    const int accepted = freeMemoAcceptedSocket(record);
-    removeSockaddrElem(record);
-    freeSocketInfo(fd);
     // Written for local sockets too: a close is worth seeing whatever the family.
     x_disp(DMK_RET, "[%d]closesocket (OK):\tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
     freeBindedPortMemo(socket);

@@ -6,8 +6,8 @@
 
 namespace {
 
-// Zero-filled mutexes are usable before initializeCounter runs, so the first hooked call can
-// draw numbers whatever the start-up order.
+// The mutexes are still made and destroyed by the counters' life cycle, but numbers are drawn
+// atomically: a signal handler or a forked child must never wait for a number.
 pthread_mutex_t criticalSectionGlobalCpt;
 pthread_mutex_t criticalSectionInternalCpt;
 pthread_mutex_t ticketCriticalSection;
@@ -15,11 +15,8 @@ unsigned globalCpt = 0;
 unsigned internalCpt = 0;
 unsigned lastTicket = 0;
 
-unsigned next(pthread_mutex_t* mutex, unsigned* counter) {
-  StartCriticalSectionBase(mutex);
-  const unsigned value = ++*counter;  // wraps at 2^32 by design
-  EndCriticalSectionBase(mutex);
-  return value;
+unsigned next(unsigned* counter) {
+  return __atomic_add_fetch(counter, 1u, __ATOMIC_RELAXED);  // wraps at 2^32 by design
 }
 
 }  // namespace
@@ -36,6 +33,6 @@ void cleanCounter() {
   FreeCriticalSectionBase(&ticketCriticalSection);
 }
 
-unsigned getGlobalCpt() { return next(&criticalSectionGlobalCpt, &globalCpt); }
-unsigned getTicket() { return next(&ticketCriticalSection, &lastTicket); }
-unsigned getInternalCpt() { return next(&criticalSectionInternalCpt, &internalCpt); }
+unsigned getGlobalCpt() { return next(&globalCpt); }
+unsigned getTicket() { return next(&lastTicket); }
+unsigned getInternalCpt() { return next(&internalCpt); }

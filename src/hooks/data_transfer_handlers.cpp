@@ -10,6 +10,7 @@
 #include "diag/name_tables.h"
 #include "hooks/handler_support.h"
 #include "hooks/handlers.h"
+#include "hooks/host_vectors.h"
 #include "hooks/socket_registry.h"
 #include "interpose/real_functions.h"
 #include "recorder/address_attributes.h"
@@ -26,8 +27,16 @@ void logNotRecorded(SOCKETINFO* record, const char* name, int cpt, unsigned fd, 
           ImageShouldBeLogged[reason]);
 }
 
-// A byte count as the string setter takes it; counts past what it can hold give no data.
-int asCount(size_t count) { return count > static_cast<size_t>(INT_MAX) ? -1 : static_cast<int>(count); }
+// The data attribute over `count` bytes of `bytes`. The string setter counts in an int and reads
+// a count of 0 as "up to the first zero byte": an empty one is given an empty text, and one too
+// long to count makes the message incomplete, so that it is dropped rather than sent without it.
+void setData(RecorderMessage& message, const void* bytes, size_t count) {
+  if (count > static_cast<size_t>(INT_MAX)) {
+    message.abandon();
+    return;
+  }
+  message.set(RMA_DATA, count > 0 ? static_cast<const char*>(bytes) : "", static_cast<int>(count));
+}
 
 // The head of every send message: when, which call, which socket, which process.
 void sendHead(RecorderMessage& message, const CallStart& start, int socket) {
@@ -49,15 +58,19 @@ void receiveHead(RecorderMessage& message, int ticket, int socket) {
   message.setInt64(RMA_SOCKET, socket);
 }
 
-// The bytes a receive got. A result of 0 takes the buffer up to its first zero byte, as the
-// string setter reads a count of 0, but never past the caller's own length.
+// The bytes a receive got: those the system wrote into the caller's buffer, never more than the
+// buffer holds (a datagram receive with MSG_TRUNC reports its full size). A result of 0 takes
+// the buffer up to its first zero byte, as the string setter reads a count of 0, but never past
+// the caller's own length or what can be read.
 void setReceivedData(RecorderMessage& message, const void* buffer, size_t length, ssize_t result) {
   const char* bytes = static_cast<const char*>(buffer);
   if (result == 0) {
-    message.set(RMA_DATA, bytes, printableLength(buffer, length));
-  } else {
-    message.set(RMA_DATA, bytes, static_cast<int>(result));
+    setData(message, bytes, static_cast<size_t>(printableLength(buffer, readableBytes(buffer, length, 0))));
+  } else if (result > 0) {
+    const size_t written = static_cast<size_t>(result) < length ? static_cast<size_t>(result) : length;
+    setData(message, bytes, written);
   }
+  // A failed receive got nothing, and its message has no data.
 }
 
 // The message of a send-like call: its head, the bytes asked for (not those the system took:
@@ -73,7 +86,12 @@ void recordSend(const CallStart& start, int socket, const void* buffer, size_t l
                 const SendDestination* destination = nullptr) {
   RecorderMessage message(RMT_SEND, start.cpt);
   sendHead(message, start, socket);
-  if (length != 0 && error != EFAULT) message.set(RMA_DATA, static_cast<const char*>(buffer), asCount(length));
+  if (length != 0) {
+    // What the caller asked to send, as far as it can be read: a failed send may not have looked
+    // at the buffer at all.
+    const size_t readable = readableBytes(buffer, length, result > 0 ? static_cast<size_t>(result) : 0);
+    setData(message, buffer, readable);
+  }
   message.set(RMA_LENGTH, static_cast<unsigned>(length));
   message.set(RMA_RETURN, static_cast<int>(result));
   if (destination != nullptr) {
@@ -81,7 +99,7 @@ void recordSend(const CallStart& start, int socket, const void* buffer, size_t l
     if (destination->length > 15) {
       // A null address (or one the C library could not read) reads as zero bytes, as if the caller
       // had passed an empty one.
-      const sockaddr_storage copy = copyAddress(error != EFAULT ? destination->address : nullptr, destination->length);
+      const sockaddr_storage copy = copyAddress(destination->address, destination->length, result >= 0);
       fillMsgWithName(&message, reinterpret_cast<const sockaddr*>(&copy));
     }
   }
@@ -113,19 +131,12 @@ void recordReceive(int cpt, int ticket, int socket, const void* buffer, size_t l
 // An empty poll of a non-blocking socket is not an event.
 bool isEmptyPoll(int error, ssize_t result) { return error == EAGAIN && result < 1; }
 
-// The vectors of a message header, when they can be read: a header the C library refused, or
-// one with more vectors than it accepts, is left alone.
-bool readableVectors(const msghdr* message, int error) {
-  return message != nullptr && error != EFAULT && message->msg_iovlen <= IOV_MAX &&
-         (message->msg_iov != nullptr || message->msg_iovlen == 0);
-}
-
 }  // namespace
 
 ssize_t Mysend(int socket, const void* buffer, size_t length, int flags) {
   const CallStart start = beginCall();
   const unsigned fd = static_cast<unsigned>(socket);
-  SOCKETINFO* record = getSocketInfo(fd);
+  SOCKETINFO* record = getCurrentSocketInfo(fd);
   waitConnectionDone(record, start.cpt);
   si_disp(record, DMK_CALL, "[%d]send \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
   const ssize_t result = True_send(socket, buffer, length, flags);
@@ -137,8 +148,8 @@ ssize_t Mysend(int socket, const void* buffer, size_t length, int flags) {
   } else {
     si_disp(record, DMK_RET, "[%d]send (OK):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X \"%.*s\"", start.cpt,
             static_cast<unsigned long>(fd), static_cast<int>(length), flags,
-            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)), printableLength(buffer, length),
-            static_cast<const char*>(buffer));
+            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)),
+            loggableLength(record, DMK_RET, buffer, length, static_cast<size_t>(result)), static_cast<const char*>(buffer));
   }
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {
@@ -154,7 +165,7 @@ ssize_t Mysendto(int socket, const void* buffer, size_t length, int flags, const
                  socklen_t addressLength) {
   const CallStart start = beginCall();
   const unsigned fd = static_cast<unsigned>(socket);
-  SOCKETINFO* record = getSocketInfo(fd);
+  SOCKETINFO* record = getCurrentSocketInfo(fd);
   waitConnectionDone(record, start.cpt);
   si_disp(record, DMK_CALL, "[%d]sendto \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
   // The caller's address goes to the C library as it is: a substitute for a null one would turn a
@@ -184,7 +195,7 @@ ssize_t Mysendto(int socket, const void* buffer, size_t length, int flags, const
 ssize_t Mywrite(int descriptor, const void* buffer, size_t count) {
   // Files, pipes and terminals cost one lookup and nothing else.
   const unsigned fd = static_cast<unsigned>(descriptor);
-  SOCKETINFO* record = getSocketInfo(fd);
+  SOCKETINFO* record = getCurrentSocketInfo(fd);
   if (record == nullptr) return True_write(descriptor, buffer, count);
   const CallStart start = beginCall();
   waitConnectionDone(record, start.cpt);
@@ -198,8 +209,8 @@ ssize_t Mywrite(int descriptor, const void* buffer, size_t count) {
   } else {
     si_disp(record, DMK_RET, "[%d]write (OK):\tsocket : %lx\t count = %d,\t buf = 0x%08X \"%.*s\"", start.cpt,
             static_cast<unsigned long>(fd), static_cast<int>(count),
-            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)), printableLength(buffer, count),
-            static_cast<const char*>(buffer));
+            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)),
+            loggableLength(record, DMK_RET, buffer, count, static_cast<size_t>(result)), static_cast<const char*>(buffer));
   }
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {
@@ -213,7 +224,7 @@ ssize_t Mywrite(int descriptor, const void* buffer, size_t count) {
 
 ssize_t Mysendmsg(int socket, const msghdr* header, int flags) {
   const unsigned fd = static_cast<unsigned>(socket);
-  SOCKETINFO* record = getSocketInfo(fd);
+  SOCKETINFO* record = getCurrentSocketInfo(fd);
   if (record == nullptr) return True_sendmsg(socket, header, flags);
   const CallStart start = beginCall();
   waitConnectionDone(record, start.cpt);
@@ -230,19 +241,16 @@ ssize_t Mysendmsg(int socket, const msghdr* header, int flags) {
   }
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {
-    const bool readable = readableVectors(header, error);
-    unsigned total = 0;
-    if (readable) {
-      for (size_t i = 0; i < header->msg_iovlen; ++i) total += static_cast<unsigned>(header->msg_iov[i].iov_len);
-    }
+    const HostVectors vectors(header, result);
     RecorderMessage message(RMT_SEND, start.cpt);
     sendHead(message, start, socket);
-    if (readable) {
-      message.setiovect(RMA_DATA, header->msg_iov, static_cast<int>(header->msg_iovlen), total);
+    if (vectors.valid()) {
+      message.setiovect(RMA_DATA, vectors.list(), vectors.count(), vectors.readable());
     } else {
       message.set(RMA_DATA, "", 0);
     }
-    message.set(RMA_LENGTH, static_cast<int>(total));
+    // The length is the 32-bit total of the lengths asked for, as it has always been reported.
+    message.set(RMA_LENGTH, static_cast<int>(static_cast<uint32_t>(vectors.requested())));
     message.set(RMA_RETURN, static_cast<int>(result));
     message.set(RMA_ERROR, error);
     sendToRecorder(message);
@@ -256,7 +264,7 @@ ssize_t Mysendmsg(int socket, const msghdr* header, int flags) {
 ssize_t Myrecv(int socket, void* buffer, size_t length, int flags) {
   const CallStart start = beginCall();
   const unsigned fd = static_cast<unsigned>(socket);
-  SOCKETINFO* record = getSocketInfo(fd);
+  SOCKETINFO* record = getCurrentSocketInfo(fd);
   waitConnectionDone(record, start.cpt);
   si_disp(record, DMK_CALL, "[%d]recv \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
   const ssize_t result = True_recv(socket, buffer, length, flags);
@@ -287,7 +295,7 @@ ssize_t Myrecvfrom(int socket, void* buffer, size_t length, int flags, sockaddr*
   const int callerErrno = errno;
   const int cpt = static_cast<int>(getGlobalCpt());
   const unsigned fd = static_cast<unsigned>(socket);
-  SOCKETINFO* record = getSocketInfo(fd);
+  SOCKETINFO* record = getCurrentSocketInfo(fd);
   waitConnectionDone(record, cpt);
   si_disp(record, DMK_CALL, "[%d]recvfrom \tsocket : %lx", cpt, static_cast<unsigned long>(fd));
   // The source is always wanted. Without a caller's buffer the agent's own takes it; with one,
@@ -297,17 +305,20 @@ ssize_t Myrecvfrom(int socket, void* buffer, size_t length, int flags, sockaddr*
   memset(&source, 0, sizeof source);
   socklen_t sourceLength = sizeof source;
   const bool own = address == nullptr;
-  const socklen_t callerCapacity = !own && addressLength != nullptr ? *addressLength : 0;
+  socklen_t callerCapacity = 0;
+  if (!own && addressLength != nullptr) copyHostBytes(&callerCapacity, addressLength, sizeof callerCapacity, 0);
   errno = callerErrno;
   const ssize_t result = own ? True_recvfrom(socket, buffer, length, flags, reinterpret_cast<sockaddr*>(&source),
                                              &sourceLength)
                              : True_recvfrom(socket, buffer, length, flags, address, addressLength);
   const int error = readErrorCode();
+  socklen_t reported = 0;
+  if (!own && addressLength != nullptr) copyHostBytes(&reported, addressLength, sizeof reported, 0);
   if (!own && result >= 0 && addressLength != nullptr) {
-    source = copyAddress(address, *addressLength < callerCapacity ? *addressLength : callerCapacity);
+    source = copyAddress(address, reported < callerCapacity ? reported : callerCapacity);
   }
   const sockaddr* logAddress = own ? reinterpret_cast<sockaddr*>(&source) : address;
-  const int logLength = static_cast<int>(own ? sourceLength : addressLength != nullptr ? *addressLength : 0);
+  const int logLength = static_cast<int>(own ? sourceLength : reported);
   if (result == -1) {
     si_disp(record, DMK_WARNING,
             "[%d]recvfrom (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X\t from = "
@@ -337,7 +348,7 @@ ssize_t Myrecvfrom(int socket, void* buffer, size_t length, int flags, sockaddr*
 
 ssize_t Myread(int descriptor, void* buffer, size_t count) {
   const unsigned fd = static_cast<unsigned>(descriptor);
-  SOCKETINFO* record = getSocketInfo(fd);
+  SOCKETINFO* record = getCurrentSocketInfo(fd);
   if (record == nullptr) return True_read(descriptor, buffer, count);
   const CallStart start = beginCall();
   waitConnectionDone(record, start.cpt);
@@ -366,7 +377,7 @@ ssize_t Myread(int descriptor, void* buffer, size_t count) {
 
 ssize_t Myrecvmsg(int socket, msghdr* header, int flags) {
   const unsigned fd = static_cast<unsigned>(socket);
-  SOCKETINFO* record = getSocketInfo(fd);
+  SOCKETINFO* record = getCurrentSocketInfo(fd);
   if (record == nullptr) return True_recvmsg(socket, header, flags);
   const CallStart start = beginCall();
   waitConnectionDone(record, start.cpt);
@@ -387,9 +398,9 @@ ssize_t Myrecvmsg(int socket, msghdr* header, int flags) {
       RecorderMessage message(RMT_RECEIVE, start.cpt);
       receiveHead(message, start.ticket, socket);
       // The bytes received, spread over the vectors in order; a failed call received none.
-      if (readableVectors(header, error)) {
-        message.setiovect(RMA_DATA, header->msg_iov, static_cast<int>(header->msg_iovlen),
-                          result > 0 ? static_cast<unsigned>(result) : 0u);
+      const HostVectors vectors(header, result);
+      if (vectors.valid()) {
+        message.setiovect(RMA_DATA, vectors.list(), vectors.count(), result > 0 ? static_cast<uint64_t>(result) : 0);
       }
       message.set(RMA_LENGTH, static_cast<int>(result));
       message.set(RMA_RETURN, static_cast<int>(result));

@@ -7,12 +7,16 @@
 #include <sys/socket.h>
 
 #include "agent/time_base.h"
+#include "diag/debug_log.h"
+#include "hooks/host_memory.h"
+#include "hooks/socket_registry.h"
 #include "hooks/counters.h"
 
 // Start time and ticket of a call, drawn before the real call so that tickets order events by the
 // moment their calls began. The clock belongs to another library, so errno is kept across it:
 // the real call must find errno as the host left it.
 struct CallStart {
+  int callerErrno;
   int64_t stamp;
   int64_t stampNs;
   int ticket;
@@ -22,6 +26,7 @@ struct CallStart {
 inline CallStart beginCall() {
   const int callerErrno = errno;
   CallStart start;
+  start.callerErrno = callerErrno;
   start.stamp = getTimeStamp();
   start.stampNs = getTimeStampNs();
   start.ticket = static_cast<int>(getTicket());
@@ -43,12 +48,21 @@ inline int printableLength(const void* buffer, size_t count) {
 
 // A copy of the caller's address, at most the storage size, zero-filled beyond what was given:
 // the agent reads only this copy, however short or long the caller said the address was. One too
-// short to hold its family has none.
-inline sockaddr_storage copyAddress(const sockaddr* address, socklen_t length) {
+// short to hold its family has none, and so has one that cannot be read (see host_memory.h).
+// `proven` says whether the C library has just read it.
+inline sockaddr_storage copyAddress(const sockaddr* address, socklen_t length, bool proven = true) {
   sockaddr_storage copy;
   memset(&copy, 0, sizeof copy);
   if (address != nullptr && length >= sizeof(sa_family_t)) {
-    memcpy(&copy, address, length < sizeof copy ? length : sizeof copy);
+    const size_t wanted = length < sizeof copy ? length : sizeof copy;
+    if (copyHostBytes(&copy, address, wanted, proven ? wanted : 0) < wanted) memset(&copy, 0, sizeof copy);
   }
   return copy;
+}
+
+// The length of a caller's buffer to show in a "%.*s" of a log line of `kind`: nothing when the
+// line will not be written (the scan would be wasted), never past what can be read.
+inline int loggableLength(SOCKETINFO* record, int kind, const void* buffer, size_t length, size_t proven) {
+  if (record == nullptr || record->family == 1 || !isDebugLevelEnable(kind)) return 0;
+  return printableLength(buffer, readableBytes(buffer, length, proven));
 }

@@ -1,5 +1,6 @@
 #include "hooks/socket_registry.h"
 
+#include <errno.h>
 #include <netinet/in.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -26,16 +27,51 @@ pthread_mutex_t criticalSectionLists;
 const unsigned kLocalFamily = 1;
 const int kStoredAddressSize = 128;
 
-// Lookups walk the list under its lock. Records are never freed, so a walk without the lock would
-// never touch freed memory, but a record released meanwhile moves to the released list and would
-// lead the walker there, past live records it then misses: a send on one socket would go
-// unrecorded because another thread closed another socket.
+// Lookups index a table by descriptor and take no lock: a signal handler, or a thread that another
+// thread interrupted in the middle of a registry change, finds its socket in constant time. The
+// table has two levels so that it costs nothing until descriptors are used; chunks are installed
+// once and never freed, and records are pooled, so a slot never points at freed memory.
+const unsigned kSlotsPerChunk = 1024;
+const unsigned kChunkCount = 4096;  // descriptors below 4,194,304 are followed
+SOCKETINFO** socketTable[kChunkCount];
+
+SOCKETINFO** chunkOf(unsigned socket, bool install) {
+  const unsigned index = socket / kSlotsPerChunk;
+  if (index >= kChunkCount) return nullptr;
+  SOCKETINFO** chunk = __atomic_load_n(&socketTable[index], __ATOMIC_ACQUIRE);
+  if (chunk != nullptr || !install) return chunk;
+  SOCKETINFO** fresh = static_cast<SOCKETINFO**>(calloc(kSlotsPerChunk, sizeof(SOCKETINFO*)));
+  if (fresh == nullptr) return nullptr;
+  if (!__atomic_compare_exchange_n(&socketTable[index], &chunk, fresh, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+    free(fresh);  // another thread installed it first; `chunk` now holds theirs
+    return chunk;
+  }
+  return fresh;
+}
+
 SOCKETINFO* find(unsigned socket) {
-  StartCriticalSectionBase(&criticalSectionSocketInfoList);
-  SOCKETINFO* found = allSocketInfo;
-  while (found != nullptr && found->socket != socket) found = found->next;
-  EndCriticalSectionBase(&criticalSectionSocketInfoList);
-  return found;
+  SOCKETINFO** chunk = chunkOf(socket, false);
+  if (chunk == nullptr) return nullptr;
+  SOCKETINFO* record = __atomic_load_n(&chunk[socket % kSlotsPerChunk], __ATOMIC_ACQUIRE);
+  // A record released and reused meanwhile belongs to another descriptor now.
+  return record != nullptr && record->socket == socket ? record : nullptr;
+}
+
+void setSlot(unsigned socket, SOCKETINFO* record) {
+  SOCKETINFO** chunk = chunkOf(socket, record != nullptr);
+  if (chunk != nullptr) __atomic_store_n(&chunk[socket % kSlotsPerChunk], record, __ATOMIC_RELEASE);
+}
+
+// The kernel's cookie of the socket a descriptor names, or 0 when there is none to be had.
+uint64_t socketCookie(unsigned socket, int* error) {
+  uint64_t cookie = 0;
+  socklen_t length = sizeof cookie;
+  if (True_getsockopt(static_cast<int>(socket), SOL_SOCKET, SO_COOKIE, &cookie, &length) != 0) {
+    *error = errno;
+    return 0;
+  }
+  *error = 0;
+  return cookie;
 }
 
 // The descriptors of the live records whose `flag` is set (any record for 0), newest first.
@@ -84,6 +120,7 @@ void preInitializeMemo() {
 void cleanSocketInfo() {
   if (!criticalSectionSocketInfoInitialized) return;
   StartCriticalSectionBase(&criticalSectionSocketInfoList);
+  for (SOCKETINFO* r = allSocketInfo; r != nullptr; r = r->next) setSlot(r->socket, nullptr);
   freeRecords(&releasedSocketInfo);
   freeRecords(&allSocketInfo);
   criticalSectionSocketInfoInitialized = 0;
@@ -96,6 +133,7 @@ void FinalizeLists() { FreeCriticalSectionBase(&criticalSectionLists); }
 SOCKETINFO* createSocketInfo(unsigned socket, unsigned family, unsigned type, int nonBlocking, unsigned protocol) {
   if (socket == 0) return nullptr;
   preInitializeMemo();
+  if (socket / kSlotsPerChunk >= kChunkCount) return nullptr;
   SOCKETINFO* record = find(socket);
   if (record == nullptr) {
     // A descriptor the kernel handed out again without the agent seeing its close keeps its
@@ -120,8 +158,15 @@ SOCKETINFO* createSocketInfo(unsigned socket, unsigned family, unsigned type, in
     record->socket = socket;
     record->next = allSocketInfo;
     allSocketInfo = record;
+    setSlot(socket, record);
     EndCriticalSectionBase(&criticalSectionSocketInfoList);
   }
+  // Remembered so that a descriptor closed behind the agent's back and reused for something else
+  // is never taken for this socket.
+  const int savedErrno = errno;
+  int error = 0;
+  record->cookie = socketCookie(socket, &error);
+  errno = savedErrno;
   StartCriticalSectionBase(&criticalSectionSocketInfoData);
   record->type = type;
   if (nonBlocking & 1) {
@@ -149,6 +194,7 @@ int freeSocketInfo(unsigned socket) {
     SOCKETINFO* record = *link;
     if (record->socket != socket) continue;
     *link = record->next;
+    setSlot(socket, nullptr);
     record->socket = 0;
     record->next = releasedSocketInfo;
     releasedSocketInfo = record;
@@ -157,6 +203,40 @@ int freeSocketInfo(unsigned socket) {
   }
   EndCriticalSectionBase(&criticalSectionSocketInfoList);
   return found;
+}
+
+SOCKETINFO* getCurrentSocketInfo(unsigned socket) {
+  SOCKETINFO* record = getSocketInfo(socket);
+  if (record == nullptr || record->cookie == 0) return record;
+  const int savedErrno = errno;
+  int error = 0;
+  const uint64_t now = socketCookie(socket, &error);
+  errno = savedErrno;
+  // Not a socket any more, or another socket: the old one was closed without the agent seeing
+  // it, and its record goes with it.
+  if (error == EBADF || error == ENOTSOCK || (error == 0 && now != record->cookie)) {
+    freeSocketInfo(socket);
+    return nullptr;
+  }
+  return record;
+}
+
+void resetRegistryAfterFork() {
+  const pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
+  criticalSectionSocketInfoList = fresh;
+  criticalSectionSocketInfoData = fresh;
+  criticalSectionLists = fresh;
+  // A SOCKS exchange another thread of the parent had under way will never end in the child.
+  for (unsigned index = 0; index < kChunkCount; ++index) {
+    SOCKETINFO** chunk = socketTable[index];
+    if (chunk == nullptr) continue;
+    for (unsigned slot = 0; slot < kSlotsPerChunk; ++slot) {
+      SOCKETINFO* record = chunk[slot];
+      if (record == nullptr) continue;
+      record->connectionLock = fresh;
+      takeFlag(record, SIF_LOCKED);
+    }
+  }
 }
 
 int getSocket(SOCKETINFO* record) { return record != nullptr ? static_cast<int>(record->socket) : -1; }

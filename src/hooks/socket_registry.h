@@ -25,6 +25,8 @@ struct SOCKETINFO {
   uint32_t family;
   pthread_mutex_t connectionLock;
   unsigned char addr[128];
+  // The kernel's cookie of the socket when it was registered (0: unknown, never checked).
+  uint64_t cookie;
 };
 
 extern SOCKETINFO* allSocketInfo;
@@ -39,6 +41,10 @@ void FinalizeLists();
 SOCKETINFO* createSocketInfo(unsigned socket, unsigned family, unsigned type, int nonBlocking, unsigned protocol);
 SOCKETINFO* getSocketInfo(unsigned socket);
 int freeSocketInfo(unsigned socket);
+// getSocketInfo, but a record whose descriptor names another object now is released instead.
+SOCKETINFO* getCurrentSocketInfo(unsigned socket);
+// In a forked child: every registry lock usable again, whatever the parent's threads held.
+void resetRegistryAfterFork();
 int getSocket(SOCKETINFO* record);
 unsigned getProtocol(SOCKETINFO* record);
 unsigned getFamily(SOCKETINFO* record);

@@ -9,15 +9,25 @@
 #include "interpose/dlsym_bootstrap.h"
 #include "interpose/export_visibility.h"
 #include "interpose/real_functions.h"
+#include "interpose/reentry_guard.h"
 #include "interpose/socket_export_list.h"
 
 // Start the agent once, make sure the real function is known, and let the handler decide.
 // A successful call leaves errno alone, so whatever start-up did to errno must not show.
+// A call made on a thread that is already inside the agent goes to the C library untouched (see
+// reentry_guard.h); one made while another thread is still starting the agent waits for it, a
+// bounded time, so that its message is neither lost nor sent without the process's identity.
 #define TALVEX_DEFINE_EXPORT(result, name, parameters, arguments, throws) \
   extern "C" TALVEX_EXPORT result name parameters throws {                \
+    if (insideAgent()) {                                                  \
+      if (name##_ptr == nullptr) fillFromNext(name##_ptr, #name);         \
+      return name##_ptr arguments;                                        \
+    }                                                                     \
+    AgentScope scope;                                                     \
     if (globalInit == 0) {                                                \
       const int callerErrno = errno;                                      \
       GlobalInit();                                                       \
+      waitForStartupElsewhere();                                          \
       errno = callerErrno;                                                \
     }                                                                     \
     if (name##_ptr == nullptr) fillFromNext(name##_ptr, #name);           \

@@ -72,6 +72,17 @@ bool AgentInterface::hasPendingMessage() {
   return pending;
 }
 
+void AgentInterface::resetLocksAfterFork() {
+  const pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
+  criticalSectionMessage = fresh;
+  criticalSectionSend = fresh;
+}
+
+void resetChannelAfterFork() {
+  AgentInterface* channel = getAgentInterface();
+  if (channel != nullptr) channel->resetLocksAfterFork();
+}
+
 void AgentInterface::sendAMessage(RecorderMessage& message) {
   StartCriticalSectionBase(&criticalSectionMessage);
   if (pendingMessage != nullptr) {

@@ -26,6 +26,7 @@ class AgentInterface {
   const char* address() const { return recorderAddress; }
   int port() const { return recorderPort; }
   bool hasPendingMessage();
+  void resetLocksAfterFork();
 
  private:
   pthread_mutex_t criticalSectionMessage;
@@ -40,6 +41,8 @@ class AgentInterface {
 
 extern AgentInterface* agentInterface;
 AgentInterface* getAgentInterface();
+// In a forked child: the process's channel usable again.
+void resetChannelAfterFork();
 
 // Hands a finished call's message to the process's interface. While another thread is still
 // starting the agent the interface may not exist yet; the message then waits for it (a few

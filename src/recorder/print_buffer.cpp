@@ -34,14 +34,15 @@ PrintBuffer::PrintBuffer()
 
 PrintBuffer::~PrintBuffer() { free(data_); }
 
-bool PrintBuffer::reserve(unsigned n, unsigned margin) {
+bool PrintBuffer::reserve(uint64_t n, unsigned margin) {
   if (!complete_) return false;
-  // Sizes past what 32 bits can count are refused rather than wrapped.
-  if (n > UINT32_MAX - kGrowthStep - margin - length_) {
+  // Sizes past what 32 bits can count are refused rather than wrapped: the message is then
+  // incomplete, and dropped whole rather than sent cut short.
+  if (n > static_cast<uint64_t>(UINT32_MAX) - kGrowthStep - margin - length_) {
     complete_ = false;
     return false;
   }
-  const unsigned need = length_ + n + margin;
+  const unsigned need = length_ + static_cast<unsigned>(n) + margin;
   if (need < capacity_) return true;
   const unsigned newCapacity = (need / kGrowthStep) * kGrowthStep + kGrowthStep;
   char* grown = static_cast<char*>(malloc(newCapacity));
@@ -124,8 +125,9 @@ void PrintBuffer::appendEscaped(unsigned char c) {
 void PrintBuffer::appendUnicode(const wchar_t* wide, unsigned n) {
   if (wide == nullptr) return;
   if (n == 0) n = static_cast<unsigned>(wcslen(wide));
-  // Measured first, so that a long string makes the buffer grow once.
-  unsigned size = 0;
+  // Measured first, so that a long string makes the buffer grow once; in 64 bits, so that a huge
+  // one cannot wrap the sum to a small size.
+  uint64_t size = 0;
   for (unsigned i = 0; i < n; ++i) {
     const int32_t c = static_cast<int32_t>(wide[i]);
     size += c <= 255 ? escapedSize(static_cast<unsigned char>(c)) : 4;
@@ -172,7 +174,7 @@ void PrintBuffer::appendAttr(RecorderMessageAttribute attribute, const char* tex
   startData(attribute, RMAT_AS);
   if (n == 0) n = static_cast<unsigned>(strlen(text));
   const unsigned char* bytes = reinterpret_cast<const unsigned char*>(text);
-  unsigned size = 0;
+  uint64_t size = 0;
   for (unsigned i = 0; i < n; ++i) size += escapedSize(bytes[i]);
   if (size != 0 && reserve(size, kAppendMargin)) {
     char* out = data_ + length_;
@@ -190,11 +192,11 @@ void PrintBuffer::appendAttr(RecorderMessageAttribute attribute, const wchar_t* 
   endData();
 }
 
-void PrintBuffer::appendAttr(RecorderMessageAttribute attribute, const iovec* list, unsigned count, unsigned limit) {
+void PrintBuffer::appendAttr(RecorderMessageAttribute attribute, const iovec* list, unsigned count, uint64_t limit) {
   if (list == nullptr) return;
   startData(attribute, RMAT_AS);
-  unsigned size = 0;
-  unsigned taken = 0;
+  uint64_t size = 0;
+  uint64_t taken = 0;
   for (unsigned i = 0; i < count && taken < limit; ++i) {
     const unsigned char* bytes = static_cast<const unsigned char*>(list[i].iov_base);
     if (bytes == nullptr) continue;  // nothing to read there; the C library refused it too

@@ -32,7 +32,7 @@ class PrintBuffer {
   void appendAttr(RecorderMessageAttribute attribute, int64_t value);
   void appendAttr(RecorderMessageAttribute attribute, const char* text, unsigned n);
   void appendAttr(RecorderMessageAttribute attribute, const wchar_t* wide, unsigned n);
-  void appendAttr(RecorderMessageAttribute attribute, const iovec* list, unsigned count, unsigned limit);
+  void appendAttr(RecorderMessageAttribute attribute, const iovec* list, unsigned count, uint64_t limit);
 
   void expand(unsigned n);
   const char* toString() const;
@@ -40,10 +40,12 @@ class PrintBuffer {
   unsigned capacity() const { return capacity_; }
   // False once an allocation failed: the text is then incomplete and must not be sent.
   bool complete() const { return complete_; }
+  // Marks the text as incomplete: something that belongs in it could not be encoded.
+  void abandon() { complete_ = false; }
 
  private:
   // Room for `n` more bytes plus `margin`, by the growth rule; false when memory is exhausted.
-  bool reserve(unsigned n, unsigned margin);
+  bool reserve(uint64_t n, unsigned margin);
   void appendDigits(uint64_t bits, int minimumDigits);
   char* writeEscaped(char* out, unsigned char c);
 

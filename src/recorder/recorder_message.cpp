@@ -52,7 +52,11 @@ void RecorderMessage::set(RecorderMessageAttribute attribute, const wchar_t* wid
   buffer_->appendAttr(attribute, wide, static_cast<unsigned>(n));
 }
 
-void RecorderMessage::setiovect(RecorderMessageAttribute attribute, const iovec* list, int count, unsigned limit) {
+void RecorderMessage::abandon() {
+  if (buffer_ != nullptr) buffer_->abandon();
+}
+
+void RecorderMessage::setiovect(RecorderMessageAttribute attribute, const iovec* list, int count, uint64_t limit) {
   if (list == nullptr || buffer_ == nullptr) return;
   buffer_->appendAttr(attribute, list, count > 0 ? static_cast<unsigned>(count) : 0u, limit);
 }

@@ -24,7 +24,9 @@ class RecorderMessage {
   void setSizeT(RecorderMessageAttribute attribute, unsigned value) { set(attribute, value); }
   void set(RecorderMessageAttribute attribute, const char* text, int n);
   void set(RecorderMessageAttribute attribute, const wchar_t* wide, int n);
-  void setiovect(RecorderMessageAttribute attribute, const iovec* list, int count, unsigned limit);
+  void setiovect(RecorderMessageAttribute attribute, const iovec* list, int count, uint64_t limit);
+  // Something that belongs in the message cannot be encoded: it is not to be sent.
+  void abandon();
 
   void finish();
   void display() const;

@@ -59,5 +59,10 @@ void initializeSocksParam() {
   if (debugLvl != 0) socksDisplayMode = 1;
 }
 
+void resetSocksAfterFork() {
+  const pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
+  criticalSectionSocks = fresh;
+}
+
 void InitializeSocks() { AllocCriticalSectionBase(&criticalSectionSocks); }
 void FinalizeSocks() { FreeCriticalSectionBase(&criticalSectionSocks); }

@@ -24,4 +24,6 @@ int effectiveSocksTimeout();
 
 void initializeSocksParam();
 void InitializeSocks();
+// In a forked child: the SOCKS lock usable again.
+void resetSocksAfterFork();
 void FinalizeSocks();

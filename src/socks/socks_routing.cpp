@@ -234,11 +234,12 @@ void lock_connection(SOCKETINFO* record, int callNumber) {
   const int socket = getSocket(record);
   if (socket == -1 || !socksModeActive) return;
   x_disp(DMK_INFO, "[%d]** locking socket : %x **", callNumber, static_cast<unsigned>(socket));
-  pthread_mutex_t* lock = createMemoLockedSocket(record);
-  if (lock == nullptr) {
+  // The lock is taken before the socket is marked locked: a sender that saw the mark earlier would
+  // find the lock free and go on in the middle of the exchange.
+  StartCriticalSectionBase(&record->connectionLock);
+  if (createMemoLockedSocket(record) == nullptr) {
+    EndCriticalSectionBase(&record->connectionLock);
     x_disp(DMK_ERROR, "[%d]** LOCK NULL (socket : %x) **", callNumber, static_cast<unsigned>(socket));
-  } else {
-    StartCriticalSectionBase(lock);
   }
 }
 

@@ -1,0 +1,21 @@
+#include "hooks/fork_reset.h"
+
+#include <pthread.h>
+
+#include "diag/debug_log.h"
+#include "hooks/socket_registry.h"
+#include "recorder/agent_interface.h"
+#include "socks/socks_config.h"
+
+void resetAgentLocksInChild() {
+  resetRegistryAfterFork();
+  resetLogAfterFork();
+  resetChannelAfterFork();
+  resetSocksAfterFork();
+}
+
+void installForkReset() {
+  // Registered at start-up rather than by a constructor: the agent has none, and a child forked
+  // before start-up has no agent state to repair.
+  pthread_atfork(nullptr, nullptr, &resetAgentLocksInChild);
+}

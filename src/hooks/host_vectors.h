@@ -1,0 +1,38 @@
+// The vectors of a host's message header, as the agent may read them: the header and its vector
+// list copied where they can be read, each vector cut to the bytes that can be read, and the list
+// ended at the first vector cut short (a stream's later bytes cannot follow a hole).
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+class HostVectors {
+ public:
+  // `moved` is what the C library reports it sent or received (-1: nothing); it vouches for that
+  // many bytes where the agent cannot look for itself.
+  HostVectors(const msghdr* header, ssize_t moved);
+  ~HostVectors();
+  HostVectors(const HostVectors&) = delete;
+  HostVectors& operator=(const HostVectors&) = delete;
+
+  // False when the header or its vector list could not be read, or holds more vectors than the
+  // C library accepts.
+  bool valid() const { return valid_; }
+  const iovec* list() const { return list_; }
+  int count() const { return count_; }
+  // The lengths the host gave, added up (what it asked to move).
+  uint64_t requested() const { return requested_; }
+  // The bytes that can be read, over all kept vectors.
+  uint64_t readable() const { return readable_; }
+
+ private:
+  static const int kOnStack = 16;
+  iovec onStack_[kOnStack];
+  iovec* list_;
+  int count_;
+  bool valid_;
+  uint64_t requested_;
+  uint64_t readable_;
+};
