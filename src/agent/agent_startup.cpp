@@ -43,6 +43,21 @@ int socksServerAddressInitialized = 0;
 int socketPointersStarting = 0;
 pthread_t startupThread;
 int startupThreadKnown = 0;
+int startupProcess = 0;
+
+// Start-up was under way in another thread of the parent when this process forked: that thread
+// does not exist here, so the first thread of the child to ask runs start-up again.
+bool claimOrphanedStartup() {
+  if (__atomic_load_n(&globalInit, __ATOMIC_ACQUIRE)) return false;
+  int starter = __atomic_load_n(&startupProcess, __ATOMIC_ACQUIRE);
+  const int self = getpid();
+  if (starter == 0 || starter == self) return false;
+  if (!__atomic_compare_exchange_n(&startupProcess, &starter, self, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+    return false;
+  }
+  __atomic_store_n(&socketPointersStarting, 0, __ATOMIC_RELEASE);
+  return true;
+}
 
 template <class Function>
 void resolveIfMissing(Function& pointer, const char* name) {
@@ -65,9 +80,14 @@ void locateAgentFile() {
 void GlobalInit() {
   // One atomic test-and-set: threads whose first calls meet here must not both pass. Whoever
   // comes second returns at once and goes on with what is already set up.
-  if (__atomic_exchange_n(&globalInitDone, 1, __ATOMIC_ACQ_REL) != 0) return;
+  if (__atomic_exchange_n(&globalInitDone, 1, __ATOMIC_ACQ_REL) != 0 && !claimOrphanedStartup()) return;
   startupThread = pthread_self();
+  int unclaimed = 0;
+  __atomic_compare_exchange_n(&startupProcess, &unclaimed, static_cast<int>(getpid()), false, __ATOMIC_ACQ_REL,
+                              __ATOMIC_ACQUIRE);
   __atomic_store_n(&startupThreadKnown, 1, __ATOMIC_RELEASE);
+  // First, so that a fork at any later moment of start-up leaves the child usable locks.
+  installForkReset();
   installCrashHandlerOnRequest();
   resolveIfMissing(socket_ptr, "socket");
   resolveIfMissing(connect_ptr, "connect");
@@ -87,7 +107,6 @@ void GlobalInit() {
   resolveIfMissing(accept_ptr, "accept");
   initializeSocketPointers();
   initializeCriticalSections();
-  installForkReset();
   getDebugLvl();
   set_default_debug_display("sock");
   __atomic_store_n(&globalInit, 1, __ATOMIC_RELEASE);
@@ -118,7 +137,7 @@ void cleanSocketPointers() { socketInitialized = 0; }
 
 bool startupRunningElsewhere() {
   return __atomic_load_n(&startupThreadKnown, __ATOMIC_ACQUIRE) && !__atomic_load_n(&globalInit, __ATOMIC_ACQUIRE) &&
-         !pthread_equal(pthread_self(), startupThread);
+         !pthread_equal(pthread_self(), startupThread) && __atomic_load_n(&startupProcess, __ATOMIC_ACQUIRE) == getpid();
 }
 
 void waitForStartupElsewhere() {

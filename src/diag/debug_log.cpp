@@ -11,6 +11,7 @@
 
 #include "agent/agent_startup.h"
 #include "diag/debug_server.h"
+#include "diag/log_file.h"
 #include "hooks/critical_section.h"
 
 const char* const IMAGE_DEBUG[10] = {"ERROR", "INFO ", "HOOK ", "CALL ", "RET  ",
@@ -107,7 +108,7 @@ void vx_disp(int kind, const char* format, va_list arguments) {
   // DMK_LOW lines are meant for the recorder, never for the file; the recorder side of them has
   // no consumer, so only the mirror sees them.
   if (kind != DMK_LOW && debugFileNameFlush != nullptr && hLogFile != nullptr) {
-    fwrite(internal_buffer_display, 1, strlen(internal_buffer_display), hLogFile);
+    writeLogLine(&hLogFile, debugFileNameFlush, internal_buffer_display, strlen(internal_buffer_display));
   }
   sendDebugMessage(internal_buffer_display);
   EndCriticalSectionBase(&criticalSectionLog);
@@ -171,7 +172,7 @@ void set_file_display(const char* fileName, const char* directoryName) {
   if (fileName == nullptr) return;
   debugFileNameFlush = strdup(fileName);
   if (debugFileNameFlush == nullptr) return;
-  hLogFile = fopen(debugFileNameFlush, "w");
+  hLogFile = openLogFile(debugFileNameFlush);
   if (hLogFile == nullptr) return;
 
   // Formatted apart from the line buffer: a long directory would not fit its 8192 bytes.
@@ -184,7 +185,7 @@ void set_file_display(const char* fileName, const char* directoryName) {
   if (header == nullptr) return;
   snprintf(header, size + 1, headerFormat, IMAGE_DEBUG[DMK_INFO], debugLvl, dirText, debugFileNameFlush,
            currentProcessId);
-  fwrite(header, 1, size, hLogFile);
+  writeLogLine(&hLogFile, debugFileNameFlush, header, static_cast<size_t>(size));
   free(header);
 }
 
@@ -193,7 +194,8 @@ void set_default_debug_display(const char* baseName) {
   const char* level = getenv(kLogLevelVariable);
   debugLvl = level != nullptr ? static_cast<int>(strtol(level, nullptr, 10)) : 0;
   const char* dir = getenv(kLogDirectoryVariable);
-  if (dir != nullptr && debugLvl != 0) {
+  // An empty directory names none: taken as it stands it would put the log at the root.
+  if (dir != nullptr && dir[0] != '\0' && debugLvl != 0) {
     mkdir(dir, 0777);
     const size_t dirLength = strlen(dir);
     char* dirWithSlash = static_cast<char*>(malloc(dirLength + 2));

@@ -50,7 +50,7 @@ void initializeDebugServer() {
   server.sin_family = AF_INET;
   server.sin_port = True_htons(static_cast<uint16_t>(debugPortVal));
   server.sin_addr.s_addr = True_inet_addr(debugIpVal);
-  debugSocket = True_socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  debugSocket = True_socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
   timeval wait;
   wait.tv_sec = connectMaxTimeout;
   wait.tv_usec = 0;

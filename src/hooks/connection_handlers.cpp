@@ -159,7 +159,8 @@ int Myaccept(int socket, sockaddr* address, socklen_t* length) {
       // far as it fitted: the length the kernel reports is the full one, maybe past the buffer.
       socklen_t reported = 0;
       if (length != nullptr) copyHostBytes(&reported, length, sizeof reported, sizeof reported);
-      peer = copyAddress(address, reported < callerCapacity ? reported : callerCapacity);
+      // An address cut short by the buffer is not the peer's address: it then has none.
+      if (reported <= callerCapacity) peer = copyAddress(address, reported);
     }
     RecorderMessage message(RMT_ACCEPT, start.cpt);
     setTimeAndIdentity(message, start, true);

@@ -107,7 +107,8 @@ void AgentInterface::_sendAMessage(const char* text, unsigned length) {
   if (!addressUsable) {
     x_disp(DMK_ERROR, "no usable recorder address: message not sent");
   } else {
-    const int fd = True_socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    // Close-on-exec: a program the host starts while a message is on its way must not inherit it.
+    const int fd = True_socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
     if (fd == -1) {
       logFailure("socket() returned INVALID_SOCKET, WSAGetLastError=%d %s : %s", errno);
     } else {

@@ -39,7 +39,8 @@ std::string hexOf(long value) {
   return text;
 }
 
-Recording recordRun(const std::vector<std::string>& argv, const Environment& extra, const std::string& preloadAfter) {
+Recording recordRun(const std::vector<std::string>& argv, const Environment& extra, const std::string& preloadAfter,
+                    std::chrono::seconds timeout) {
   talvex::RecorderEndpoint endpoint;
   endpoint.start("127.0.0.1", 0, nullptr);
   TempDir logs;
@@ -49,7 +50,7 @@ Recording recordRun(const std::vector<std::string>& argv, const Environment& ext
   for (const auto& entry : extra) environment[entry.first] = entry.second;
   if (!preloadAfter.empty()) environment["LD_PRELOAD"] = std::string(kAgentPath) + ":" + preloadAfter;
   Recording recording;
-  recording.run = runProcess(argv, environment);
+  recording.run = runProcess(argv, environment, timeout);
   endpoint.waitForQuiet(300ms, 10s);
   endpoint.stop(1000ms);
   recording.raw = endpoint.messages();

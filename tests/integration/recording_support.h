@@ -30,6 +30,6 @@ std::string hexOf(long value);
 // Runs `argv` with the agent preloaded (and `preloadAfter` behind it), recording into a fresh
 // endpoint and logging everything into a fresh directory; `extra` may override any of that.
 Recording recordRun(const std::vector<std::string>& argv, const Environment& extra = {},
-                    const std::string& preloadAfter = "");
+                    const std::string& preloadAfter = "", std::chrono::seconds timeout = std::chrono::seconds(60));
 
 }  // namespace talvex_test

@@ -6,6 +6,7 @@ constexpr const char* kProbePath = TALVEX_PROBE_PATH;
 constexpr const char* kRecorderCoreStandinPath = TALVEX_RECORDER_CORE_STANDIN_PATH;
 constexpr const char* kRecorderPath = TALVEX_RECORDER_PATH;
 constexpr const char* kRecordingProbePath = TALVEX_RECORDING_PROBE_PATH;
+constexpr const char* kHostileProbePath = TALVEX_HOSTILE_PROBE_PATH;
 constexpr const char* kResolverStandinPath = TALVEX_RESOLVER_STANDIN_PATH;
 constexpr const char* kCrashProbePath = TALVEX_CRASH_PROBE_PATH;
 constexpr const char* kRecordPath = TALVEX_RECORD_PATH;
