@@ -136,8 +136,17 @@ void initializeSocketPointers() {
 void cleanSocketPointers() { socketInitialized = 0; }
 
 bool startupRunningElsewhere() {
-  return __atomic_load_n(&startupThreadKnown, __ATOMIC_ACQUIRE) && !__atomic_load_n(&globalInit, __ATOMIC_ACQUIRE) &&
-         !pthread_equal(pthread_self(), startupThread) && __atomic_load_n(&startupProcess, __ATOMIC_ACQUIRE) == getpid();
+  // From the first instant of start-up on (its once-flag), not from the moment the starting thread
+  // has said who it is: a thread arriving in between would go on without the process's identity.
+  if (!__atomic_load_n(&globalInitDone, __ATOMIC_ACQUIRE) || __atomic_load_n(&globalInit, __ATOMIC_ACQUIRE)) {
+    return false;
+  }
+  if (__atomic_load_n(&startupThreadKnown, __ATOMIC_ACQUIRE) && pthread_equal(pthread_self(), startupThread)) {
+    return false;
+  }
+  // A start-up begun by a thread of the parent before a fork is not running anywhere here.
+  const int starter = __atomic_load_n(&startupProcess, __ATOMIC_ACQUIRE);
+  return starter == 0 || starter == getpid();
 }
 
 void waitForStartupElsewhere() {

@@ -1,9 +1,15 @@
 #include "agent/recorder_core.h"
 
+#include <dlfcn.h>
+#include <elf.h>
+#include <link.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include "agent/agent_startup.h"
+
+// The oldest version, for older 32-bit C libraries.
+__asm__(".symver dladdr1,dladdr1@GLIBC_2.3.3");
 #include "agent/time_base.h"
 #include "diag/debug_log.h"
 #include "interpose/real_functions.h"
@@ -16,8 +22,26 @@ namespace {
 
 const char* const kClockName = "currentTime";
 
+// Only a function is a clock: the lookup may run in the global scope, where a host of its own
+// may define a variable of the same name, and calling that would crash it.
+bool namesAFunction(void* address) {
+  Dl_info info;
+  ElfW(Sym)* symbol = nullptr;
+  if (dladdr1(address, &info, reinterpret_cast<void**>(&symbol), RTLD_DL_SYMENT) == 0 || symbol == nullptr) {
+    return false;
+  }
+  const unsigned type = ELF32_ST_TYPE(symbol->st_info);
+  return type == STT_FUNC || type == STT_GNU_IFUNC;
+}
+
 CurrentTimeFunction loadClock(const char* path) {
-  return reinterpret_cast<CurrentTimeFunction>(LoadSymbolFromLibrary(path, kClockName));
+  void* found = LoadSymbolFromLibrary(path, kClockName);
+  if (found == nullptr) return nullptr;
+  if (!namesAFunction(found)) {
+    x_disp(DMK_ERROR, "%s found in %s is not a function: not used", kClockName, path);
+    return nullptr;
+  }
+  return reinterpret_cast<CurrentTimeFunction>(found);
 }
 
 }  // namespace

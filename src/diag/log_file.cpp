@@ -1,52 +1,24 @@
 #include "diag/log_file.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <stdint.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <unistd.h>
+
+#include "diag/file_status.h"
 
 namespace {
 
-struct FileIdentity {
-  uint32_t devMajor;
-  uint32_t devMinor;
-  uint64_t inode;
-  bool known;
-};
-
-FileIdentity logIdentity = {0, 0, 0, false};
-
-// statx through the raw call: the C library's stat family moved to new symbol versions that an
-// agent meant for older systems cannot bind. A kernel without statx leaves identities unknown.
-bool identify(int descriptor, FileIdentity* out) {
-#ifdef SYS_statx
-  struct statx status;
-  if (syscall(SYS_statx, descriptor, "", AT_EMPTY_PATH, STATX_INO, &status) != 0) return false;
-  out->devMajor = status.stx_dev_major;
-  out->devMinor = status.stx_dev_minor;
-  out->inode = status.stx_ino;
-  out->known = true;
-  return true;
-#else
-  (void)descriptor;
-  (void)out;
-  errno = ENOSYS;
-  return false;
-#endif
-}
+FileStatus logIdentity;
+bool logIdentityKnown = false;
 
 void remember(FILE* file) {
-  logIdentity.known = false;
-  if (file != nullptr) identify(fileno(file), &logIdentity);
+  logIdentityKnown = file != nullptr && statusOfDescriptor(fileno(file), &logIdentity);
 }
 
-// Whether the file's descriptor still names the file the log opened.
+// Whether the file's descriptor still names the file the log opened. A kernel that cannot say
+// (no statx) is taken at its word.
 bool stillOurs(FILE* file) {
-  if (!logIdentity.known) return true;
-  FileIdentity now = {0, 0, 0, false};
-  if (!identify(fileno(file), &now)) return errno == ENOSYS;
+  if (!logIdentityKnown) return true;
+  FileStatus now;
+  if (!statusOfDescriptor(fileno(file), &now)) return errno == ENOSYS;
   return now.inode == logIdentity.inode && now.devMajor == logIdentity.devMajor &&
          now.devMinor == logIdentity.devMinor;
 }

@@ -1,6 +1,7 @@
 #include "interpose/dlsym_bootstrap.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
 
 // Bound to the oldest versions so that the agent loads on older 32-bit C libraries as well as
 // this one, where these names also have a newer default version.
@@ -29,20 +30,43 @@ void* const tableDl[6] __attribute__((used)) = {
 // RTLD_NEXT, called from inside the agent, reaches the same function: the dlsym defined after the
 // agent. The newest version first, so that a C library that has one gives its current dlsym.
 const char* const dlsymVersions[] = {"GLIBC_2.34", "GLIBC_2.0"};
+const char* const dlopenVersions[] = {"GLIBC_2.34", "GLIBC_2.1"};
+
+typedef void* (*DlopenFunction)(const char*, int);
+DlopenFunction dlopenptr = nullptr;
 
 }  // namespace
 
-bool runDlsymBootstrap() {
-  handleDLLIB = dlopen(libdl, RTLD_LAZY);
-  DlsymFunction found = nullptr;
-  for (const char* version : dlsymVersions) {
-    found = reinterpret_cast<DlsymFunction>(dlvsym(RTLD_NEXT, symb, version));
-    if (found != nullptr) break;
+void* realDlopen(const char* path, int mode) {
+  DlopenFunction found = __atomic_load_n(&dlopenptr, __ATOMIC_ACQUIRE);
+  for (size_t i = 0; found == nullptr && i < sizeof dlopenVersions / sizeof dlopenVersions[0]; ++i) {
+    found = reinterpret_cast<DlopenFunction>(dlvsym(RTLD_NEXT, "dlopen", dlopenVersions[i]));
   }
-  dlsymptr = found;
+  if (found == nullptr) return nullptr;
+  __atomic_store_n(&dlopenptr, found, __ATOMIC_RELEASE);
+  return found(path, mode);
+}
+
+// The C library's start-up is what sets the environment; a host that cleared its own (clearenv)
+// only loses the opening of the agent's own object, and its hooks are still found by name.
+bool cLibraryStarted() { return environ != nullptr; }
+
+bool runDlsymBootstrap() {
+  if (dlsymptr == nullptr) {
+    DlsymFunction found = nullptr;
+    for (const char* version : dlsymVersions) {
+      found = reinterpret_cast<DlsymFunction>(dlvsym(RTLD_NEXT, symb, version));
+      if (found != nullptr) break;
+    }
+    dlsymptr = found;
+  }
+  // A dlopen before the C library has started would start it, with no environment: the host's
+  // environment would be gone for good. Until then only the lookup itself is set up.
+  if (!cLibraryStarted()) return false;
+  handleDLLIB = realDlopen(libdl, RTLD_LAZY);
   Dl_info info;
   if (dladdr(reinterpret_cast<void*>(&Truedlsym), &info) != 0 && info.dli_fname != nullptr) {
-    handleHookLIB = dlopen(info.dli_fname, RTLD_LAZY);
+    handleHookLIB = realDlopen(info.dli_fname, RTLD_LAZY);
     return true;
   }
   return false;

@@ -15,5 +15,14 @@ bool runDlsymBootstrap();
 
 void* Truedlsym(void* handle, const char* name);
 
+// Whether the C library has run its own start-up. A sanitizer runtime linked into the host calls
+// dlsym, and so the agent, before that.
+bool cLibraryStarted();
+
+// The C library's dlopen, not whatever stands in front of it. A sanitizer runtime linked into the
+// host defines dlopen itself and asks dlsym (the agent's) for the real one while it starts: the
+// agent's own dlopen calls would then reach an interceptor that is not ready yet.
+void* realDlopen(const char* path, int mode);
+
 // What every export does to fill its pointer: the next definition after the agent.
 void* lookupNextDefinition(const char* name);

@@ -17,32 +17,75 @@
 // A call made on a thread that is already inside the agent goes to the C library untouched (see
 // reentry_guard.h); one made while another thread is still starting the agent waits for it, a
 // bounded time, so that its message is neither lost nor sent without the process's identity.
-#define TALVEX_DEFINE_EXPORT(result, name, parameters, arguments, throws) \
-  extern "C" TALVEX_EXPORT result name parameters throws {                \
-    if (insideAgent()) {                                                  \
-      if (name##_ptr == nullptr) fillFromNext(name##_ptr, #name);         \
-      return name##_ptr arguments;                                        \
-    }                                                                     \
-    AgentScope scope;                                                     \
-    if (globalInit == 0) {                                                \
-      const int callerErrno = errno;                                      \
-      GlobalInit();                                                       \
-      waitForStartupElsewhere();                                          \
-      errno = callerErrno;                                                \
-    }                                                                     \
-    if (name##_ptr == nullptr) fillFromNext(name##_ptr, #name);           \
-    return My##name arguments;                                            \
-  }
+// Each export is an alias of a hidden twin: the twin's address is the agent's own function, while
+// the address of the exported name, taken inside the agent, would be whatever the host put in
+// front of it (a sanitizer runtime's interceptor of the same name).
+#define TALVEX_DEFINE_EXPORT(result, name, parameters, arguments, throws)                                   \
+  extern "C" __attribute__((visibility("hidden"))) result talvexExport_##name parameters throws {          \
+    if (insideAgent()) {                                                                                  \
+      if (name##_ptr == nullptr) fillFromNext(name##_ptr, #name);                                         \
+      return name##_ptr arguments;                                                                        \
+    }                                                                                                     \
+    AgentScope scope;                                                                                     \
+    if (globalInit == 0) {                                                                                \
+      const int callerErrno = errno;                                                                      \
+      GlobalInit();                                                                                       \
+      waitForStartupElsewhere();                                                                          \
+      errno = callerErrno;                                                                                \
+    }                                                                                                     \
+    if (name##_ptr == nullptr) fillFromNext(name##_ptr, #name);                                           \
+    return My##name arguments;                                                                            \
+  }                                                                                                       \
+  extern "C" TALVEX_EXPORT result name parameters throws __attribute__((alias("talvexExport_" #name)));
 TALVEX_SOCKET_EXPORTS(TALVEX_DEFINE_EXPORT)
 #undef TALVEX_DEFINE_EXPORT
+
+namespace {
+
+struct OwnExport {
+  const char* name;
+  void* address;
+};
+
+#define TALVEX_OWN_EXPORT(result, name, parameters, arguments, throws) \
+  {#name, reinterpret_cast<void*>(&talvexExport_##name)},
+const OwnExport ownExports[] = {TALVEX_SOCKET_EXPORTS(TALVEX_OWN_EXPORT)};
+#undef TALVEX_OWN_EXPORT
+
+// Compared by hand: this runs while a sanitizer runtime starts, when its own strcmp, which stands
+// in front of the C library's, cannot be called yet.
+bool sameName(const char* a, const char* b) {
+  while (*a != '\0' && *a == *b) {
+    ++a;
+    ++b;
+  }
+  return *a == *b;
+}
+
+// The agent's own hooks by name, for lookups made before the agent may open its own object.
+void* ownExport(const char* name) {
+  if (name == nullptr) return nullptr;
+  for (const OwnExport& entry : ownExports) {
+    if (sameName(entry.name, name)) return entry.address;
+  }
+  return nullptr;
+}
+
+}  // namespace
 
 // Run-time lookups are answered from the agent first, so a host that fetches a hooked function
 // through dlsym still reaches the hook.
 extern "C" TALVEX_EXPORT void* dlsym(void* __restrict handle, const char* __restrict name) __THROW {
   void* ownObject = handleHookLIB;
-  if (dlsymptr == nullptr) runDlsymBootstrap();
+  if (dlsymptr == nullptr || handleHookLIB == nullptr) runDlsymBootstrap();
   if (dlsymptr == nullptr) return nullptr;
   if (ownObject == nullptr) ownObject = handleHookLIB;
+  if (ownObject == nullptr) {
+    // Too early to open the agent's own object (see cLibraryStarted): its hooks are answered by
+    // name, everything else by the loader.
+    void* hook = ownExport(name);
+    return hook != nullptr ? hook : dlsymptr(handle, name);
+  }
   void* address = dlsymptr(ownObject, name);
   if (address != nullptr) return address;
   return dlsymptr(handle, name);

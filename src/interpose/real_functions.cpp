@@ -3,9 +3,11 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include "agent/agent_startup.h"
 #include "diag/debug_log.h"
+#include "diag/file_status.h"
 #include "interpose/dlsym_bootstrap.h"
 
 __asm__(".symver dlopen,dlopen@GLIBC_2.1");
@@ -66,7 +68,15 @@ void* LoadSymbolFromLibrary(const char* path, const char* name) {
   // A path that does not exist canonicalises to null, and dlopen(null) is the main program: the
   // lookup then runs in the global scope. The caller only judges null or not.
   char* canonical = realpath(path, nullptr);
-  void* handle = dlopen(canonical, RTLD_NOW);
+  // Only a regular file is opened: the loader would wait for ever on a FIFO's writer, and
+  // start-up with it.
+  FileStatus status;
+  if (canonical != nullptr && statusOfPath(canonical, &status) && !S_ISREG(status.mode)) {
+    x_disp(DMK_ERROR, "%s is not a regular file: not loaded", canonical);
+    free(canonical);
+    return nullptr;
+  }
+  void* handle = realDlopen(canonical, RTLD_NOW);
   free(canonical);
   return Truedlsym(handle, name);
 }

@@ -50,7 +50,16 @@ AgentInterface::AgentInterface(const char* address, const char* port, RecorderMe
       addressUsable = false;
     }
   }
-  if (port != nullptr) recorderPort = static_cast<int32_t>(strtol(port, nullptr, 10));
+  if (port != nullptr) {
+    const long parsed = strtol(port, nullptr, 10);
+    // A number that is no port would wrap to some other port, and messages would go to whatever
+    // listens there.
+    if (parsed < 0 || parsed > 65535) {
+      x_disp(DMK_ERROR, "recorder port %s is out of range: nothing will be sent", port);
+      addressUsable = false;
+    }
+    recorderPort = static_cast<int32_t>(parsed);
+  }
   StartCriticalSectionBase(&criticalSectionMessage);
   pendingMessage = message;
   EndCriticalSectionBase(&criticalSectionMessage);

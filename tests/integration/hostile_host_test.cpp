@@ -214,3 +214,57 @@ TEST_P(HugePayload, MessageTooLargeToEncodeIsDroppedAndLogged) {
 
 INSTANTIATE_TEST_SUITE_P(Sizes, HugePayload,
                          ::testing::Values(std::make_pair("0x22", "715827883"), std::make_pair("0xff", "1073741824")));
+
+TEST(HostileHost, ProgramBuiltWithAddressSanitizerRunsUnderTheAgent) {
+  EchoServer echo;
+  const std::vector<std::string> argv = {kSanitizedHostProbePath, std::to_string(echo.port())};
+  const ProcessResult plain = plainRun(argv);
+  ASSERT_EQ(plain.out, "connect result=0 errno=0\nsend result=4 errno=0\nrecv result=4 errno=0\nclose result=0 errno=0\n")
+      << plain.err;
+  const Recording r = recordRun(argv, {}, "", kBound);
+  expectSameOutcome(plain, r.run);
+  EXPECT_EQ(r.kinds(), (std::vector<std::string>{"connect", "send", "receive", "close"})) << r.log;
+}
+
+TEST(HostileHost, ProgramVariableNamedLikeTheClockIsNeverCalled) {
+  const std::vector<std::string> argv = {kClockNameProbePath};
+  const ProcessResult plain = plainRun(argv);
+  ASSERT_EQ(plain.out, "socket ok, clock variable 4\n");
+  const Recording r = recordRun(argv, {}, "", kBound);
+  expectSameOutcome(plain, r.run);
+}
+
+TEST(HostileHost, RecorderCorePathThatIsAFifoDoesNotBlockStartUp) {
+  TempDir files;
+  const std::string fifo = files.file("core.fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const std::vector<std::string> argv = {kClockNameProbePath};
+  const ProcessResult plain = plainRun(argv);
+  const Recording r = recordRun(argv, {{"TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH", fifo}}, "", kBound);
+  expectSameOutcome(plain, r.run);
+}
+
+TEST(HostileHost, EmptyLogDirectoryWritesNoLogAnywhere) {
+  const std::vector<std::string> argv = {kClockNameProbePath};
+  const Recording r = recordRun(argv, {{"TALVEX_SOCKET_AGENT_DEBUG_DIR", ""}}, "", kBound);
+  ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
+  // Taken as it stands, the empty directory put the log at the root of the file system.
+  for (const auto& name : listDirectory("/")) {
+    EXPECT_EQ(name.find("_" + std::to_string(r.run.pid) + ".txt"), std::string::npos) << name;
+  }
+}
+
+TEST(HostileHost, RecorderPortOutOfRangeSendsNothingAndSaysSo) {
+  talvex::RecorderEndpoint endpoint;
+  endpoint.start("127.0.0.1", 0, nullptr);
+  EchoServer echo;
+  // 65,536 above a port that listens: cut to 16 bits, it would be that port.
+  const Recording r = recordRun(hostile({"bad-pointers", std::to_string(echo.port())}),
+                                {{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(endpoint.port() + 65536)}}, "",
+                                kBound);
+  ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
+  endpoint.waitForQuiet(300ms, 2s);
+  endpoint.stop(1000ms);
+  EXPECT_TRUE(endpoint.messages().empty()) << endpoint.messages().size();
+  EXPECT_FALSE(linesContaining(r.log, "[ERROR]no usable recorder address: message not sent").empty()) << r.log;
+}

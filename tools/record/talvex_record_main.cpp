@@ -187,9 +187,12 @@ int main(int argc, char** argv) {
     const size_t eq = pair.find('=');
     if (eq != std::string::npos) environment[pair.substr(0, eq)] = pair.substr(eq + 1);
   }
-  // The agent goes first; whatever the user preloads already stays behind it.
+  // The agent goes after whatever the user preloads already: a library of theirs that wraps a
+  // socket call and looks the next one up with dlsym(RTLD_NEXT) then reaches the agent, and the
+  // agent the C library. In front of it, the agent's own lookup of the real function would find
+  // that wrapper, whose lookup finds the agent again, for ever.
   const std::string preloaded = environment["LD_PRELOAD"];
-  environment["LD_PRELOAD"] = agent + (preloaded.empty() ? "" : ":" + preloaded);
+  environment["LD_PRELOAD"] = (preloaded.empty() ? "" : preloaded + ":") + agent;
   environment["TALVEX_SOCKET_AGENT_IP_ADDRESS"] = where.host;
   environment["TALVEX_SOCKET_AGENT_PORT_NUMBER"] = std::to_string(endpoint.port());
   if (access(clock.c_str(), R_OK) == 0) environment["TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH"] = clock;
