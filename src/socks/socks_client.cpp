@@ -68,13 +68,16 @@ struct BlockingScope {
 };
 
 // A blocking connect to a server that drops packets would wait for the kernel's own time-out;
-// the send time-out bounds it by the configured one, and the caller's value comes back after.
+// the send time-out bounds it by what is left of the exchange's, and the caller's value comes
+// back after.
 struct ConnectTimeoutScope {
-  explicit ConnectTimeoutScope(int socket) : socket(socket) {
+  ConnectTimeoutScope(int socket, int64_t deadline) : socket(socket) {
     socklen_t length = sizeof saved;
     ok = True_getsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &saved, &length) == 0;
     if (!ok) return;
-    timeval bound = {effectiveSocksTimeout(), 0};
+    int64_t left = deadline - nowMs();
+    if (left < 1) left = 1;  // 0 would mean no time-out at all
+    timeval bound = {static_cast<time_t>(left / 1000), static_cast<suseconds_t>((left % 1000) * 1000)};
     if (setsockopt_ptr != nullptr) setsockopt_ptr(socket, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof bound);
   }
   ~ConnectTimeoutScope() {
@@ -123,10 +126,29 @@ void logIpv6Server(const sockaddr_in6& server) {
 int64_t socksDeadline() { return nowMs() + static_cast<int64_t>(effectiveSocksTimeout()) * 1000; }
 
 int socksHandShake(int socket, int* socksError, unsigned short family) {
+  return socksHandShake(socket, socksError, family, socksDeadline());
+}
+
+namespace {
+
+// A connect the kernel goes on with after the agent gave up on it would connect the host's socket
+// to the SOCKS server behind the host's back, and the direct connect that follows would then
+// "succeed" there. Connecting to AF_UNSPEC dissolves it.
+void abandonPendingConnect(int socket) {
+  const int saved = errno;
+  sockaddr unspecified;
+  memset(&unspecified, 0, sizeof unspecified);
+  unspecified.sa_family = AF_UNSPEC;
+  True_connect(socket, &unspecified, sizeof unspecified);
+  errno = saved;
+}
+
+}  // namespace
+
+int socksHandShake(int socket, int* socksError, unsigned short family, int64_t deadline) {
   if (!socksModeActive) return 0;
   const int savedErrno = errno;
   *socksError = 0;
-  const int64_t deadline = socksDeadline();
   x_disp(DMK_INFO, "**************** starting socks connection ******************");
   x_disp(DMK_INFO, "* socks server : %s (%d)", orNull(socksIpv4Val), socksPort4Val);
   x_disp(DMK_INFO, "* socks server : %s (%d)", orNull(socksIpv6Val), socksPort6Val);
@@ -168,14 +190,10 @@ int socksHandShake(int socket, int* socksError, unsigned short family) {
     errno = savedErrno;
     return -1;
   }
-  const int waitSeconds = effectiveSocksTimeout();
-  fd_set descriptors;
-  FD_ZERO(&descriptors);
-  if (socket >= 0 && socket < FD_SETSIZE) FD_SET(socket, &descriptors);
   BlockingScope blocking(socket);
   int connected;
   {
-    ConnectTimeoutScope bounded(socket);
+    ConnectTimeoutScope bounded(socket, deadline);
     connected = True_connect(socket, server, serverLength);
   }
   if (connected != 0) {
@@ -186,17 +204,13 @@ int socksHandShake(int socket, int* socksError, unsigned short family) {
       errno = savedErrno;
       return -1;
     }
-    // A count of 0 makes select a plain sleep for the time-out, after which the server counts as
-    // not reached: a connect that did not complete in time is given up.
-    timeval wait = {waitSeconds, 0};
-    const int result = True_select(0, &descriptors, &descriptors, nullptr, &wait);
-    if (result != 1) {
-      x_disp(DMK_ERROR, "connect() timeout expired (%d)", result);
-      *socksError = ETIMEDOUT;
-      errno = ECONNREFUSED;
-      return -1;
-    }
-    x_disp(DMK_INFO, "connect() ok after some time....");
+    // The blocking connect ran into the send time-out: the time for the exchange is used up.
+    // Waiting on (a plain sleep, as this used to) would only hold the host up for nothing.
+    abandonPendingConnect(socket);
+    x_disp(DMK_ERROR, "connect() timeout expired (%d)", 0);
+    *socksError = ETIMEDOUT;
+    errno = ECONNREFUSED;
+    return -1;
   }
   const int afterConnect = errno;
   x_disp(DMK_INFO, "connect() done on SOCKS server");
@@ -232,22 +246,30 @@ bool receiveSomeData(int socket, unsigned char* buffer, int length, int* socksEr
   if (length < 1 || buffer == nullptr) return false;
   buffer[0] = 0;
   bool retried = false;
-  ssize_t received;
+  ssize_t received = 0;
   for (;;) {
     if (!waitReadable(socket, deadline)) {
-      // A server that stays silent is given up at the time-out, as one that failed.
+      // A server that stays silent, or sends a field cut short and then nothing, is given up at
+      // the time-out, as one that failed.
       x_disp(DMK_ERROR, "failed to receive %s (SOCKET ERROR : %d %s : %s)", what, ETIMEDOUT,
              getSocketErrorKind(ETIMEDOUT), getSocketErrorMsg(ETIMEDOUT));
       *socksError = ETIMEDOUT;
       errno = ECONNREFUSED;
       return false;
     }
-    received = True_recv(socket, buffer, static_cast<size_t>(length), 0);
-    if (received == -1 && errno == EAGAIN) {
+    const ssize_t got = True_recv(socket, buffer + received, static_cast<size_t>(length - received), MSG_DONTWAIT);
+    if (got == -1 && (errno == EAGAIN || errno == EINTR)) {
       retried = true;
       continue;
     }
-    break;
+    if (got == -1) {
+      received = -1;
+      break;
+    }
+    received += got;
+    // A field that came in pieces is read on until whole; a server that closed leaves it short.
+    if (got == 0 || received == length) break;
+    retried = true;
   }
   if (received == -1) {
     const int code = errno;

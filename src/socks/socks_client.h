@@ -10,8 +10,12 @@ int64_t socksDeadline();
 // Connects `socket` to the SOCKS server of `family` and negotiates "no authentication".
 // 0: SOCKS mode off; 1: done; -1: server not reached; 3: negotiation failed.
 int socksHandShake(int socket, int* socksError, unsigned short family);
+// The same within a deadline the caller shares with the request that follows: the whole exchange,
+// not each half of it, is bounded by the configured time-out.
+int socksHandShake(int socket, int* socksError, unsigned short family, int64_t deadline);
 
-// One receive of up to `length` bytes, waiting no later than `deadline` (milliseconds, monotonic).
+// Receives a field of `length` bytes, however the stream splits it, waiting no later than `deadline`
+// (milliseconds, monotonic). A server that closes first leaves the field as far as it came.
 bool receiveSomeData(int socket, unsigned char* buffer, int length, int* socksError, const char* what,
                      int64_t deadline);
 

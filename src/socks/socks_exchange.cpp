@@ -10,7 +10,8 @@
 int runSocksExchange(SOCKETINFO* record, const sockaddr* destination, int length, int* socksError) {
   const int socket = getSocket(record);
   // An IPv4 destination always goes to the IPv4 server, an IPv6 one to the IPv6 server.
-  const int handshake = socksHandShake(socket, socksError, destination->sa_family);
+  const int64_t deadline = socksDeadline();
+  const int handshake = socksHandShake(socket, socksError, destination->sa_family, deadline);
   switch (handshake) {
     case 0:
       return SOCKS_NOT_REROUTED;
@@ -29,7 +30,7 @@ int runSocksExchange(SOCKETINFO* record, const sockaddr* destination, int length
       errno = ECONNREFUSED;
       return SOCKS_FAILED;
   }
-  const int request = socksRequest(socket, destination, socksError, socksDeadline());
+  const int request = socksRequest(socket, destination, socksError, deadline);
   if (request != 1) return request;
   createSockaddrElem(record, destination, length);
   return SOCKS_REROUTED;

@@ -241,7 +241,9 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         FailureCase{"method_02", withMethod("\x05\x02"), "unexpected received message from server", 93},
         FailureCase{"method_version", withMethod("\x04\x00"), "unexpected received message from server", 93},
-        FailureCase{"method_cut_short", oneByteMethod(), "unexpected received message from server", 93},
+        // Half a reply and then nothing: the rest is waited for until the time-out.
+        FailureCase{"method_cut_short", oneByteMethod(),
+                    "failed to receive selected method (SOCKET ERROR : 110 WSAETIMEDOUT : Connection timed out)", 110},
         FailureCase{"reply_version", withReply("\x04\x00\x00\x01\x00\x00\x00\x00\x00\x00"),
                     "bad protocol version (expected : 5 received 4)", 93},
         FailureCase{"reserved", withReply("\x05\x00\x01\x01\x00\x00\x00\x00\x00\x00"), "bad reserved field", 93},
@@ -355,4 +357,90 @@ TEST(Socks, MalformedServerAddressesLeaveTheHostWorking) {
     EXPECT_EQ(splitLines(r.run.out)[4], "recv data=ping");
     EXPECT_EQ(linesContaining(r.log, "is not an address: server not reached").size(), 1u) << r.log.substr(0, 3000);
   }
+}
+
+namespace {
+
+// A listener whose accept queue is full: the kernel drops every further SYN, as a server behind a
+// packet filter does, and a connect to it neither succeeds nor fails until the kernel gives up.
+class FullListener {
+ public:
+  FullListener() {
+    listener_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    listen(listener_, 0);
+    socklen_t length = sizeof address;
+    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+    // Without waiting: once the queue is full, a filler's own SYN is dropped too.
+    for (int& filler : fillers_) {
+      filler = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+      connect(filler, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    }
+    usleep(100 * 1000);
+  }
+  ~FullListener() {
+    for (int filler : fillers_) close(filler);
+    close(listener_);
+  }
+  int port() const { return port_; }
+
+ private:
+  int listener_ = -1;
+  int port_ = 0;
+  int fillers_[2] = {-1, -1};
+};
+
+}  // namespace
+
+TEST(Socks, ServerThatNeverAcceptsMeansADirectConnectWithinTheTimeOut) {
+  FullListener socks;
+  EchoServer echo;
+  const Recording r = recordRun({kRecordingProbePath, "socks-echo", std::to_string(echo.port())},
+                                socksV4(socks.port(), {{"TALVEX_SOCKET_AGENT_SOCKS_MAX_TIMEOUT", "1"}}), "",
+                                std::chrono::seconds(20));
+  ASSERT_FALSE(r.run.timedOut);
+  ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
+  // The connect the agent gave up on is dissolved: the host's own connect reaches the destination,
+  // and its bytes come back from there.
+  EXPECT_EQ(splitLines(r.run.out)[1], "connect result=0 errno=0") << r.run.out;
+  EXPECT_EQ(splitLines(r.run.out)[4], "recv data=ping") << r.run.out;
+  EXPECT_EQ(linesContaining(r.log, "[ERROR]connect() timeout expired (0)").size(), 1u) << r.log;
+  const auto connects = r.ofKind("connect");
+  ASSERT_EQ(connects.size(), 1u);
+  EXPECT_EQ(valueOf(*connects[0], "sockserror"), "6e");
+}
+
+TEST(Socks, OneTimeOutBoundsHandshakeAndRequestTogether) {
+  // Each half answered within the time-out, the two together not.
+  SocksScript slow;
+  slow.methodDelayMs = 700;
+  slow.replyDelayMs = 700;
+  ScriptedSocksServer server("127.0.0.1", slow);
+  const Recording r = recordRun({kRecordingProbePath, "socks-echo", "9"},
+                                socksV4(server.port(), {{"TALVEX_SOCKET_AGENT_SOCKS_MAX_TIMEOUT", "1"}}));
+  ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
+  EXPECT_EQ(
+      linesContaining(r.log,
+                      "[ERROR]failed to receive protocol version (SOCKET ERROR : 110 WSAETIMEDOUT : Connection timed out)")
+          .size(),
+      1u)
+      << r.log;
+  const auto connects = r.ofKind("connect");
+  ASSERT_EQ(connects.size(), 1u);
+  EXPECT_EQ(valueOf(*connects[0], "sockserror"), "6e");
+}
+
+TEST(Socks, RepliesThatArriveInPiecesAreReadWhole) {
+  SocksScript pieces;
+  pieces.inPieces = true;
+  ScriptedSocksServer server("127.0.0.1", pieces);
+  const Recording r = recordRun({kRecordingProbePath, "socks-echo", "9"}, socksV4(server.port()));
+  ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
+  EXPECT_EQ(splitLines(r.run.out)[1], "connect result=0 errno=0") << r.log;
+  EXPECT_EQ(splitLines(r.run.out)[4], "recv data=ping") << r.run.out;
+  EXPECT_EQ(linesContaining(r.log, "** socks request successfull **").size(), 1u) << r.log;
 }

@@ -78,12 +78,24 @@ void ScriptedSocksServer::serve() {
     close(client);
     return;
   }
+  auto reply = [&](const std::string& bytes) {
+    // MSG_NOSIGNAL: a client that gave up and closed must not end the test with SIGPIPE.
+    if (!script_.inPieces) {
+      (void)!send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      return;
+    }
+    for (char byte : bytes) {
+      (void)!send(client, &byte, 1, MSG_NOSIGNAL);
+      usleep(100 * 1000);
+    }
+  };
   if (script_.methodDelayMs > 0) usleep(static_cast<useconds_t>(script_.methodDelayMs) * 1000);
-  (void)!write(client, script_.methodReply.data(), script_.methodReply.size());
+  reply(script_.methodReply);
   // Request: 4 bytes of head, then 4 or 16 of address and 2 of port.
   const std::string head = readSome(4);
   if (head.size() == 4) readSome(head[3] == 4 ? 18 : 6);
-  (void)!write(client, script_.requestReply.data(), script_.requestReply.size());
+  if (script_.replyDelayMs > 0) usleep(static_cast<useconds_t>(script_.replyDelayMs) * 1000);
+  reply(script_.requestReply);
   char chunk[4096];
   while (wait(client)) {
     const ssize_t r = read(client, chunk, sizeof chunk);

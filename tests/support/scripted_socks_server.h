@@ -14,6 +14,8 @@ struct SocksScript {
   bool closeAtOnce = false;     // accept and close without a byte
   bool neverAnswer = false;     // accept, read, say nothing
   int methodDelayMs = 0;        // wait before the method reply
+  int replyDelayMs = 0;         // wait before the request reply
+  bool inPieces = false;        // each reply a byte at a time, 100 ms apart
 };
 
 class ScriptedSocksServer {
