@@ -1,9 +1,10 @@
 # Front door: `make test` and `make demo` work on a fresh Debian 12 machine; both first install
 # whatever system packages are missing.
 BUILD_DIR ?= build
+SANITIZE_DIR ?= build-sanitize
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build test demo bench clean
+.PHONY: all deps build build-sanitize test test-plain test-sanitize fuzz demo bench clean
 
 all: build
 
@@ -14,8 +15,19 @@ build: deps
 	@cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 	@cmake --build $(BUILD_DIR) -j $(JOBS)
 
-test: build
+# The whole suite twice: against the shipped build, then against the agent and unit tests built
+# with AddressSanitizer and UndefinedBehaviorSanitizer.
+test: test-plain test-sanitize
+
+test-plain: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 300
+
+build-sanitize: deps
+	@cmake -S . -B $(SANITIZE_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTALVEX_SANITIZE=ON >/dev/null
+	@cmake --build $(SANITIZE_DIR) -j $(JOBS) --target talvex_unit_tests talvex_integration_tests
+
+test-sanitize: build-sanitize
+	@cd $(SANITIZE_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 300
 
 demo: build
 	@./scripts/demo.sh $(BUILD_DIR)
@@ -24,4 +36,4 @@ bench: build
 	@cmake --build $(BUILD_DIR) --target bench
 
 clean:
-	rm -rf $(BUILD_DIR)
+	rm -rf $(BUILD_DIR) $(SANITIZE_DIR)

@@ -37,7 +37,7 @@ DlopenFunction dlopenptr = nullptr;
 
 }  // namespace
 
-void* realDlopen(const char* path, int mode) {
+TALVEX_BEFORE_SANITIZERS void* realDlopen(const char* path, int mode) {
   DlopenFunction found = __atomic_load_n(&dlopenptr, __ATOMIC_ACQUIRE);
   for (size_t i = 0; found == nullptr && i < sizeof dlopenVersions / sizeof dlopenVersions[0]; ++i) {
     found = reinterpret_cast<DlopenFunction>(dlvsym(RTLD_NEXT, "dlopen", dlopenVersions[i]));
@@ -49,17 +49,20 @@ void* realDlopen(const char* path, int mode) {
 
 // The C library's start-up is what sets the environment; a host that cleared its own (clearenv)
 // only loses the opening of the agent's own object, and its hooks are still found by name.
-bool cLibraryStarted() { return environ != nullptr; }
+TALVEX_BEFORE_SANITIZERS bool cLibraryStarted() { return environ != nullptr; }
+
+TALVEX_BEFORE_SANITIZERS void findRealDlsym() {
+  if (dlsymptr != nullptr) return;
+  DlsymFunction found = nullptr;
+  for (const char* version : dlsymVersions) {
+    found = reinterpret_cast<DlsymFunction>(dlvsym(RTLD_NEXT, symb, version));
+    if (found != nullptr) break;
+  }
+  dlsymptr = found;
+}
 
 bool runDlsymBootstrap() {
-  if (dlsymptr == nullptr) {
-    DlsymFunction found = nullptr;
-    for (const char* version : dlsymVersions) {
-      found = reinterpret_cast<DlsymFunction>(dlvsym(RTLD_NEXT, symb, version));
-      if (found != nullptr) break;
-    }
-    dlsymptr = found;
-  }
+  findRealDlsym();
   // A dlopen before the C library has started would start it, with no environment: the host's
   // environment would be gone for good. Until then only the lookup itself is set up.
   if (!cLibraryStarted()) return false;
@@ -73,7 +76,7 @@ bool runDlsymBootstrap() {
 }
 
 void* Truedlsym(void* handle, const char* name) {
-  if (dlsymptr != nullptr) return dlsymptr(handle, name);
+  if (dlsymptr != nullptr && handleHookLIB != nullptr) return dlsymptr(handle, name);
   const bool placed = runDlsymBootstrap();
   if (dlsymptr == nullptr) return nullptr;
   // Only on the call that ran the bootstrap, a default-scope lookup is answered from the agent's
@@ -83,7 +86,7 @@ void* Truedlsym(void* handle, const char* name) {
 }
 
 void* lookupNextDefinition(const char* name) {
-  if (dlsymptr == nullptr) runDlsymBootstrap();
+  if (dlsymptr == nullptr || handleHookLIB == nullptr) runDlsymBootstrap();
   if (dlsymptr == nullptr) return nullptr;
   return dlsymptr(RTLD_NEXT, name);
 }

@@ -54,7 +54,7 @@ const OwnExport ownExports[] = {TALVEX_SOCKET_EXPORTS(TALVEX_OWN_EXPORT)};
 
 // Compared by hand: this runs while a sanitizer runtime starts, when its own strcmp, which stands
 // in front of the C library's, cannot be called yet.
-bool sameName(const char* a, const char* b) {
+TALVEX_BEFORE_SANITIZERS bool sameName(const char* a, const char* b) {
   while (*a != '\0' && *a == *b) {
     ++a;
     ++b;
@@ -63,7 +63,7 @@ bool sameName(const char* a, const char* b) {
 }
 
 // The agent's own hooks by name, for lookups made before the agent may open its own object.
-void* ownExport(const char* name) {
+TALVEX_BEFORE_SANITIZERS void* ownExport(const char* name) {
   if (name == nullptr) return nullptr;
   for (const OwnExport& entry : ownExports) {
     if (sameName(entry.name, name)) return entry.address;
@@ -75,14 +75,14 @@ void* ownExport(const char* name) {
 
 // Run-time lookups are answered from the agent first, so a host that fetches a hooked function
 // through dlsym still reaches the hook.
-extern "C" TALVEX_EXPORT void* dlsym(void* __restrict handle, const char* __restrict name) __THROW {
+extern "C" TALVEX_EXPORT TALVEX_BEFORE_SANITIZERS void* dlsym(void* __restrict handle,
+                                                              const char* __restrict name) __THROW {
   void* ownObject = handleHookLIB;
-  if (dlsymptr == nullptr || handleHookLIB == nullptr) runDlsymBootstrap();
+  findRealDlsym();
   if (dlsymptr == nullptr) return nullptr;
-  if (ownObject == nullptr) ownObject = handleHookLIB;
   if (ownObject == nullptr) {
-    // Too early to open the agent's own object (see cLibraryStarted): its hooks are answered by
-    // name, everything else by the loader.
+    // The agent's own object is not open yet (see findRealDlsym): its hooks are answered by name,
+    // everything else by the loader.
     void* hook = ownExport(name);
     return hook != nullptr ? hook : dlsymptr(handle, name);
   }

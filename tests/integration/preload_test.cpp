@@ -78,7 +78,12 @@ TEST(Preload, DlsymHandsOutTheAgentsHooks) {
   const std::vector<std::string> expected = {
       "next-connect file=libtalvex_socket_agent.so symbol=connect",
       "default-connect file=libtalvex_socket_agent.so symbol=connect",
+#ifdef TALVEX_SANITIZER_RUNTIME
+      // The instrumented agent's first dependency is the sanitizer runtime, whose strlen checks.
+      "default-strlen file=libasan.so symbol=strlen",
+#else
       "default-strlen file=libc.so.6 symbol=?",
+#endif
       "missing null=1 error-set=1",
       "after-success error-set=0",
       // A lookup does not start the agent.

@@ -48,7 +48,7 @@ Recording recordRun(const std::vector<std::string>& argv, const Environment& ext
                                               {"TALVEX_SOCKET_AGENT_DEBUG_LVL", "127"},
                                               {"TALVEX_SOCKET_AGENT_DEBUG_DIR", logs.path()}});
   for (const auto& entry : extra) environment[entry.first] = entry.second;
-  if (!preloadAfter.empty()) environment["LD_PRELOAD"] = std::string(kAgentPath) + ":" + preloadAfter;
+  if (!preloadAfter.empty()) environment["LD_PRELOAD"] = preloadWithAgent(preloadAfter);
   Recording recording;
   recording.run = runProcess(argv, environment, timeout);
   endpoint.waitForQuiet(300ms, 10s);

@@ -93,7 +93,7 @@ TEST(RecorderCore, FoundBesideTheAgent) {
                             "/' && cp '" + kRecorderCoreStandinPath + "' '" + coreDir + "/libRecorderCore.so'";
   ASSERT_EQ(system(setup.c_str()), 0);
   Environment environment = cleanEnvironment({{"TALVEX_STANDIN_FIXED_TIME", "1700000000123456789"}});
-  environment["LD_PRELOAD"] = agentDir + "/libtalvex_socket_agent.so";
+  environment["LD_PRELOAD"] = preloadWithAgent("", agentDir + "/libtalvex_socket_agent.so");
   const ProcessResult r = runProcess({kProbePath, "startup"}, environment);
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(linesContaining(r.out, "clock found value=1700000000123456789").size(), 1u) << r.out;

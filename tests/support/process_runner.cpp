@@ -50,13 +50,26 @@ Environment cleanEnvironment(const Environment& extra) {
     if (name == "LD_PRELOAD" || name.rfind("TALVEX_", 0) == 0) continue;
     environment[name] = pair.substr(equals + 1);
   }
+#ifdef TALVEX_SANITIZER_RUNTIME
+  // Leaks are not looked for: the agent keeps what it made for the life of the process, by design.
+  environment["ASAN_OPTIONS"] = "detect_leaks=0:allocator_may_return_null=1";
+  environment["UBSAN_OPTIONS"] = "halt_on_error=1:print_stacktrace=1";
+#endif
   for (const auto& entry : extra) environment[entry.first] = entry.second;
   return environment;
 }
 
+std::string preloadWithAgent(const std::string& after, const std::string& agent) {
+  std::string preload = agent.empty() ? std::string(kAgentPath) : agent;
+#ifdef TALVEX_SANITIZER_RUNTIME
+  preload = std::string(TALVEX_SANITIZER_RUNTIME) + ":" + preload;
+#endif
+  return after.empty() ? preload : preload + ":" + after;
+}
+
 Environment agentEnvironment(const Environment& extra) {
   Environment environment = cleanEnvironment(extra);
-  environment["LD_PRELOAD"] = kAgentPath;
+  environment["LD_PRELOAD"] = preloadWithAgent();
   return environment;
 }
 

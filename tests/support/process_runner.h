@@ -26,6 +26,11 @@ Environment cleanEnvironment(const Environment& extra = {});
 // The same with the built agent preloaded.
 Environment agentEnvironment(const Environment& extra = {});
 
+// The LD_PRELOAD value that loads `agent` (the built one by default), `after` behind it. A build
+// whose agent carries the sanitizers' instrumentation puts their runtime in front: it must be the
+// first object of the process.
+std::string preloadWithAgent(const std::string& after = "", const std::string& agent = "");
+
 ProcessResult runProcess(const std::vector<std::string>& argv, const Environment& environment,
                          std::chrono::seconds timeout = std::chrono::seconds(60));
 

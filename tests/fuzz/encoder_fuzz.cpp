@@ -1,0 +1,65 @@
+// Feeds arbitrary bytes to the message encoder and holds its output to a plain escaper written
+// for the purpose: any difference, or any memory error the sanitizers see, stops the run.
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/uio.h>
+
+#include <string>
+
+#include "recorder/print_buffer.h"
+
+namespace {
+
+std::string referenceEscape(const uint8_t* bytes, size_t size) {
+  static const char hex[] = "0123456789abcdef";
+  std::string out;
+  for (size_t i = 0; i < size; ++i) {
+    const uint8_t c = bytes[i];
+    if (c == 0x09 || c == 0x0a || c == 0x22 || c == 0x26 || c == 0x3c) {
+      out += "&#x";
+      out += hex[c >> 4];
+      out += hex[c & 0xf];
+      out += ';';
+    } else if (c == 0x5c) {
+      out += "\\\\";
+    } else if (c < 0x20 || c > 0x7e) {
+      out += "\\x";
+      out += hex[c >> 4];
+      out += hex[c & 0xf];
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
+
+void expect(bool holds, const char* what) {
+  if (holds) return;
+  fprintf(stderr, "encoder differs from the reference: %s\n", what);
+  abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  const std::string expected = " data_AS=\"" + referenceEscape(data, size) + "\"";
+  {
+    PrintBuffer buffer;
+    buffer.appendAttr(RMA_DATA, reinterpret_cast<const char*>(data), static_cast<unsigned>(size));
+    expect(buffer.complete(), "whole text");
+    expect(std::string(buffer.toString(), buffer.length()) == expected, "one buffer");
+  }
+  {
+    // The same bytes in vectors split where the first byte says.
+    const size_t cut = data[0] % size;
+    iovec vectors[2] = {{const_cast<uint8_t*>(data), cut}, {const_cast<uint8_t*>(data) + cut, size - cut}};
+    PrintBuffer buffer;
+    buffer.appendAttr(RMA_DATA, vectors, 2, static_cast<uint64_t>(size));
+    expect(std::string(buffer.toString(), buffer.length()) == expected, "vectors");
+  }
+  return 0;
+}
