@@ -1,5 +1,7 @@
 // select, pselect and setsockopt are observed, never recorded as traffic: they are logged, and
 // the recorder is told that select and pselect were used.
+#include <errno.h>
+
 #include "diag/debug_log.h"
 #include "diag/name_tables.h"
 #include "hooks/handler_support.h"
@@ -13,6 +15,18 @@ namespace {
 // Time stamps and a ticket are drawn and dropped: the ticket sequence advances for every
 // observed call, recorded or not, so tickets still order all calls.
 int beginObservedCall() { return beginCall().cpt; }
+
+// The real function, looked up once more if still unknown; a C library that lacks it answers as a
+// system without the call does (-1, ENOSYS), where calling the null pointer would kill the host.
+template <class Function, class... Arguments>
+int callObserved(Function& pointer, void (*lookup)(), Arguments... arguments) {
+  if (pointer == nullptr) lookup();
+  if (pointer == nullptr) {
+    errno = ENOSYS;
+    return -1;
+  }
+  return pointer(arguments...);
+}
 
 // Anything but 0 is logged as an error, ready descriptors included: logs compare line for line
 // with those of earlier recordings, which read this way.
@@ -33,8 +47,7 @@ int Myselect(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, tim
          static_cast<void*>(readfds), "writefds", static_cast<void*>(writefds), "exceptfds",
          static_cast<void*>(exceptfds), "timeout", static_cast<void*>(timeout));
   x_disp(DMK_INFO, "<NOT_RECORDED_HOOK> %s", "select");
-  if (select_ptr == nullptr) Initselect();
-  const int result = select_ptr(nfds, readfds, writefds, exceptfds, timeout);
+  const int result = callObserved(select_ptr, &Initselect, nfds, readfds, writefds, exceptfds, timeout);
   const int error = readErrorCode();
   logOutcome("select", cpt, result, error);
   sendNotHookedInfo("select");
@@ -50,8 +63,7 @@ int Mypselect(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, co
          static_cast<void*>(exceptfds), "timeout", static_cast<const void*>(timeout), "sigmask",
          static_cast<const void*>(sigmask));
   x_disp(DMK_INFO, "<NOT_RECORDED_HOOK> %s", "pselect");
-  if (pselect_ptr == nullptr) Initpselect();
-  const int result = pselect_ptr(nfds, readfds, writefds, exceptfds, timeout, sigmask);
+  const int result = callObserved(pselect_ptr, &Initpselect, nfds, readfds, writefds, exceptfds, timeout, sigmask);
   const int error = readErrorCode();
   logOutcome("pselect", cpt, result, error);
   sendNotHookedInfo("pselect");
@@ -66,8 +78,7 @@ int Mysetsockopt(int fd, int level, int optname, const void* optval, socklen_t o
          static_cast<unsigned>(fd), "__level", level, "__optname", optname, "__optval", optval, "__optlen",
          static_cast<int>(optlen));
   x_disp(DMK_INFO, "<NOT_RECORDED_HOOK> %s", "setsockopt");
-  if (setsockopt_ptr == nullptr) Initsetsockopt();
-  const int result = setsockopt_ptr(fd, level, optname, optval, optlen);
+  const int result = callObserved(setsockopt_ptr, &Initsetsockopt, fd, level, optname, optval, optlen);
   const int error = readErrorCode();
   logOutcome("setsockopt", cpt, result, error);
   restoreErrorCode(error);

@@ -226,6 +226,30 @@ static int scenarioSelectReady(int port) {
   return 0;
 }
 
+/* Two sockets with data waiting, one select over both; errno set before, to see that a select
+ * that succeeds leaves it alone and that the log reports the one that was current. */
+static int scenarioSelectTwoReady(int port) {
+  int a = connected(port);
+  int b = connected(port);
+  send(a, "x", 1, 0);
+  send(b, "y", 1, 0);
+  char echo;
+  recv(a, &echo, 1, MSG_PEEK);
+  recv(b, &echo, 1, MSG_PEEK);
+  fd_set readable;
+  FD_ZERO(&readable);
+  FD_SET(a, &readable);
+  FD_SET(b, &readable);
+  struct timeval wait = {5, 0};
+  errno = EAGAIN;
+  int result = select((a > b ? a : b) + 1, &readable, NULL, NULL, &wait);
+  printf("select result=%d errno=%d set=%d,%d\n", result, errno, FD_ISSET(a, &readable) ? 1 : 0,
+         FD_ISSET(b, &readable) ? 1 : 0);
+  close(a);
+  close(b);
+  return 0;
+}
+
 static int scenarioSetsockopt26(void) {
   int s = socket(AF_INET, SOCK_STREAM, 0);
   report("dup2", dup2(s, 26));
@@ -579,6 +603,7 @@ int main(int argc, char** argv) {
   if (strcmp(s, "unix") == 0 && argc >= 3) return scenarioUnix(argv[2]);
   if (strcmp(s, "resolve") == 0 && argc >= 4) return scenarioResolve(argv[2], argv[3]);
   if (strcmp(s, "select-ready") == 0 && argc >= 3) return scenarioSelectReady(atoi(argv[2]));
+  if (strcmp(s, "select-two-ready") == 0 && argc >= 3) return scenarioSelectTwoReady(atoi(argv[2]));
   if (strcmp(s, "setsockopt26") == 0) return scenarioSetsockopt26();
   if (strcmp(s, "legacy-resolve") == 0) return scenarioLegacyResolve();
   if (strcmp(s, "bind-self") == 0) return scenarioBindSelf();

@@ -134,6 +134,34 @@ static int scenarioDlsym(void) {
   return 0;
 }
 
+static int scenarioPselectOnce(void) {
+  struct timespec zero = {0, 0};
+  errno = 0;
+  report("pselect", pselect(0, NULL, NULL, NULL, &zero, NULL));
+  return 0;
+}
+
+/* A lookup in a library that defines strlen itself, once the agent has started. */
+static int scenarioDlsymStrlen(const char* library) {
+  close(socket(AF_INET, SOCK_STREAM, 0));
+  void* handle = dlopen(library, RTLD_NOW | RTLD_LOCAL);
+  if (handle == NULL) return 3;
+  describe("handle-strlen", dlsym(handle, "strlen"));
+  return 0;
+}
+
+/* The first call of the process is a close of something that is not a socket; then a recorded
+ * connection, whose tickets tell in which order start-up and that close drew theirs. */
+static int scenarioFirstCloseThenConnect(int port) {
+  errno = 0;
+  report("close", close(12345));
+  int s = socket(AF_INET, SOCK_STREAM, 0);
+  struct sockaddr_in a = loopback(port);
+  report("connect", connect(s, (struct sockaddr*)&a, sizeof a));
+  report("close", close(s));
+  return 0;
+}
+
 /* The side doors work before, and without, the agent's start-up. */
 static int scenarioDirect(int port) {
   typedef int (*SocketFunction)(int, int, int);
@@ -260,6 +288,9 @@ int main(int argc, char** argv) {
   if (argc >= 4 && strcmp(argv[1], "threads") == 0) return scenarioThreads(atoi(argv[2]), atoi(argv[3]));
   if (argc >= 2 && strcmp(argv[1], "startup") == 0) return scenarioStartup();
   if (argc >= 2 && strcmp(argv[1], "first-close") == 0) return scenarioFirstCallClose();
+  if (argc >= 3 && strcmp(argv[1], "first-close-then-connect") == 0) return scenarioFirstCloseThenConnect(atoi(argv[2]));
+  if (argc >= 3 && strcmp(argv[1], "dlsym-strlen") == 0) return scenarioDlsymStrlen(argv[2]);
+  if (argc >= 2 && strcmp(argv[1], "pselect-once") == 0) return scenarioPselectOnce();
   if (argc >= 2 && strcmp(argv[1], "channel") == 0) return scenarioChannel(argc, argv);
   fprintf(stderr, "usage: socket_probe calls ECHO_PORT CLOSED_PORT FILE | dlsym | direct PORT | "
                   "threads N PORT | startup | first-close | channel STEP...\n");

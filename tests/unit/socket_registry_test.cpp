@@ -70,6 +70,19 @@ TEST_F(Registry, RecreatingALiveDescriptorKeepsItsBitsAndResetsTheAddressLength)
   EXPECT_EQ(getFamily(r), 10u);
 }
 
+TEST_F(Registry, RecreatingALiveDescriptorKeepsItsLockedBit) {
+  socksModeActive = 1;
+  SOCKETINFO* r = createSocketInfo(descriptor(4), 2, 1, 0, 6);
+  pthread_mutex_t* lock = createMemoLockedSocket(r);
+  ASSERT_NE(lock, nullptr);
+  SOCKETINFO* same = createSocketInfo(descriptor(4), 2, 1, 0, 6);
+  EXPECT_EQ(same, r);
+  // A SOCKS exchange is still under way on it: senders must go on waiting for it.
+  EXPECT_EQ(isLockedSocket(same), lock);
+  freeMemoLockedSocket(r);
+  EXPECT_EQ(isLockedSocket(same), nullptr);
+}
+
 TEST_F(Registry, ARecycledRecordKeepsItsBits) {
   SOCKETINFO* r = createSocketInfo(descriptor(12), 2, 1, 0, 6);
   createMemoOpenedSocket(r);
