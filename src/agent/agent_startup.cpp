@@ -1,4 +1,5 @@
 #include "agent/agent_startup.h"
+#include "interpose/symbol_versions.h"
 
 #include <arpa/inet.h>
 #include <dlfcn.h>
@@ -20,7 +21,7 @@
 #include "socks/local_addresses.h"
 #include "socks/socks_config.h"
 
-__asm__(".symver dladdr,dladdr@GLIBC_2.0");
+__asm__(".symver dladdr,dladdr@" TALVEX_GLIBC_FIRST);
 
 int globalInit = 0;
 int currentProcessId = 0;
@@ -122,7 +123,7 @@ void initializeSocketPointers() {
   // run at a time, or the process would get two interfaces and two process messages.
   if (__atomic_exchange_n(&socketPointersStarting, 1, __ATOMIC_ACQ_REL) != 0) return;
   GlobalInit();
-  x_disp(DMK_INFO, "initialize library 32");
+  x_disp(DMK_INFO, "initialize library " TALVEX_ABI_BITS);
   currentProcessId = getpid();
   locateAgentFile();
   doubleLogSocks = getenv(kDoubleLogSocksVariable) != nullptr;

@@ -1,4 +1,5 @@
 #include "agent/recorder_core.h"
+#include "interpose/symbol_versions.h"
 
 #include <dlfcn.h>
 #include <elf.h>
@@ -16,7 +17,7 @@ __asm__(".symver dladdr1,dladdr1@GLIBC_2.3.3");
 
 const char* const kRecorderCoreRelativeDirectory = "../../../../talvex.recorder.core/Libraries/";
 const char* const kRecorderCoreFileName = "libRecorderCore.so";
-const char* const kRecorderCorePathVariable = "TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH";
+const char* const kRecorderCorePathVariable = "TALVEX_SOCKET_AGENT_RECORDERCORE" TALVEX_ABI_BITS "_PATH";
 
 namespace {
 

@@ -1,4 +1,5 @@
 #include "diag/crash_handler.h"
+#include "interpose/symbol_versions.h"
 
 #include <dlfcn.h>
 #include <execinfo.h>
@@ -6,7 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-__asm__(".symver dladdr,dladdr@GLIBC_2.0");
+__asm__(".symver dladdr,dladdr@" TALVEX_GLIBC_FIRST);
 
 namespace {
 

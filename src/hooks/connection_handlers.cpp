@@ -140,16 +140,16 @@ int Myaccept(int socket, sockaddr* address, socklen_t* length) {
   const int result = True_accept(socket, callAddress, callLength);
   const int error = readErrorCode();
   if (result == -1) {
-    s_disp(fd, DMK_WARNING, "[%d]accept (INVALID_SOCKET : %d %s : %s):\tsocket : %lx\t addrlen %d, addr = (0x%x)",
+    s_disp(fd, DMK_WARNING, "[%d]accept (INVALID_SOCKET : %d %s : %s):\tsocket : %lx\t addrlen %d, addr = (0x" TALVEX_HEX_ADDRESS_LOWER ")",
            start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
            static_cast<int>(reinterpret_cast<uintptr_t>(callLength)),
-           static_cast<unsigned>(reinterpret_cast<uintptr_t>(callAddress)));
+           logAddress(callAddress));
     restoreErrorCode(error);
     return result;
   }
-  s_disp(fd, DMK_RET, "[%d]accept (OK):\tsocket : %lx\t addrlen %d, addr = (0x%x)", start.cpt,
+  s_disp(fd, DMK_RET, "[%d]accept (OK):\tsocket : %lx\t addrlen %d, addr = (0x" TALVEX_HEX_ADDRESS_LOWER ")", start.cpt,
          static_cast<unsigned long>(fd), static_cast<int>(reinterpret_cast<uintptr_t>(callLength)),
-         static_cast<unsigned>(reinterpret_cast<uintptr_t>(callAddress)));
+         logAddress(callAddress));
   SOCKETINFO* listener = getSocketInfo(fd);
   // Only the first connection accepted on a listener is recorded; the recorder learns the rest
   // from the traffic itself.
@@ -206,15 +206,15 @@ int Myconnect(int socket, const sockaddr* address, socklen_t length) {
   const unsigned short family = destination.ss_family;
   unsigned short localPort = 0;
   if (result == -1 && error != 0 && error != EINPROGRESS) {
-    si_disp(record, DMK_WARNING, "[%d]connect (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t name = 0x%08X,\t namelen = %d",
+    si_disp(record, DMK_WARNING, "[%d]connect (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t name = 0x" TALVEX_HEX_ADDRESS ",\t namelen = %d",
             start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
-            static_cast<unsigned>(reinterpret_cast<uintptr_t>(address)), static_cast<int>(length));
+            logAddress(address), static_cast<int>(length));
   } else {
     setFamily(record, family);
     localPort = getLocalPort(socket, family);
     createMemoOpenedSocket(record);
-    si_disp(record, DMK_RET, "[%d]connect (OK):\tsocket : %lx\t name = 0x%08X,\t namelen = %d", start.cpt,
-            static_cast<unsigned long>(fd), static_cast<unsigned>(reinterpret_cast<uintptr_t>(address)),
+    si_disp(record, DMK_RET, "[%d]connect (OK):\tsocket : %lx\t name = 0x" TALVEX_HEX_ADDRESS ",\t namelen = %d", start.cpt,
+            static_cast<unsigned long>(fd), logAddress(address),
             static_cast<int>(length));
   }
   if ((family == AF_INET || family == AF_INET6) && getProtocol(record) != kUdp) {

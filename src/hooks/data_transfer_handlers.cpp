@@ -142,13 +142,13 @@ ssize_t Mysend(int socket, const void* buffer, size_t length, int flags) {
   const ssize_t result = True_send(socket, buffer, length, flags);
   const int error = readErrorCode();
   if (result == -1) {
-    si_disp(record, DMK_WARNING, "[%d]send (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X",
+    si_disp(record, DMK_WARNING, "[%d]send (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "",
             start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
-            static_cast<int>(length), flags, static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+            static_cast<int>(length), flags, logAddress(buffer));
   } else {
-    si_disp(record, DMK_RET, "[%d]send (OK):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X \"%.*s\"", start.cpt,
+    si_disp(record, DMK_RET, "[%d]send (OK):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS " \"%.*s\"", start.cpt,
             static_cast<unsigned long>(fd), static_cast<int>(length), flags,
-            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)),
+            logAddress(buffer),
             loggableLength(record, DMK_RET, buffer, length, static_cast<size_t>(result)), static_cast<const char*>(buffer));
   }
   const int reason = shouldBeLogged(record);
@@ -173,13 +173,13 @@ ssize_t Mysendto(int socket, const void* buffer, size_t length, int flags, const
   const ssize_t result = True_sendto(socket, buffer, length, flags, address, addressLength);
   const int error = readErrorCode();
   if (result == -1) {
-    si_disp(record, DMK_WARNING, "[%d]sendto (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X",
+    si_disp(record, DMK_WARNING, "[%d]sendto (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "",
             start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
-            static_cast<int>(length), flags, static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+            static_cast<int>(length), flags, logAddress(buffer));
   } else {
-    si_disp(record, DMK_RET, "[%d]sendto (OK):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X", start.cpt,
+    si_disp(record, DMK_RET, "[%d]sendto (OK):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "", start.cpt,
             static_cast<unsigned long>(fd), static_cast<int>(length), flags,
-            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+            logAddress(buffer));
   }
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {
@@ -203,13 +203,13 @@ ssize_t Mywrite(int descriptor, const void* buffer, size_t count) {
   const ssize_t result = True_write(descriptor, buffer, count);
   const int error = readErrorCode();
   if (result == -1) {
-    si_disp(record, DMK_WARNING, "[%d]write (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t count = %d,\t buf = 0x%08X",
+    si_disp(record, DMK_WARNING, "[%d]write (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t count = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "",
             start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
-            static_cast<int>(count), static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+            static_cast<int>(count), logAddress(buffer));
   } else {
-    si_disp(record, DMK_RET, "[%d]write (OK):\tsocket : %lx\t count = %d,\t buf = 0x%08X \"%.*s\"", start.cpt,
+    si_disp(record, DMK_RET, "[%d]write (OK):\tsocket : %lx\t count = %d,\t buf = 0x" TALVEX_HEX_ADDRESS " \"%.*s\"", start.cpt,
             static_cast<unsigned long>(fd), static_cast<int>(count),
-            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)),
+            logAddress(buffer),
             loggableLength(record, DMK_RET, buffer, count, static_cast<size_t>(result)), static_cast<const char*>(buffer));
   }
   const int reason = shouldBeLogged(record);
@@ -232,12 +232,12 @@ ssize_t Mysendmsg(int socket, const msghdr* header, int flags) {
   const ssize_t result = True_sendmsg(socket, header, flags);
   const int error = readErrorCode();
   if (result == -1) {
-    si_disp(record, DMK_WARNING, "[%d]sendmsg (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t buf = 0x%08X", start.cpt,
+    si_disp(record, DMK_WARNING, "[%d]sendmsg (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t buf = 0x" TALVEX_HEX_ADDRESS "", start.cpt,
             error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
-            static_cast<unsigned>(reinterpret_cast<uintptr_t>(header)));
+            logAddress(header));
   } else {
-    si_disp(record, DMK_RET, "[%d]sendmsg (OK):\tsocket : %lx\t \t buf = 0x%08X ", start.cpt,
-            static_cast<unsigned long>(fd), static_cast<unsigned>(reinterpret_cast<uintptr_t>(header)));
+    si_disp(record, DMK_RET, "[%d]sendmsg (OK):\tsocket : %lx\t \t buf = 0x" TALVEX_HEX_ADDRESS " ", start.cpt,
+            static_cast<unsigned long>(fd), logAddress(header));
   }
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {
@@ -270,13 +270,13 @@ ssize_t Myrecv(int socket, void* buffer, size_t length, int flags) {
   const ssize_t result = True_recv(socket, buffer, length, flags);
   const int error = readErrorCode();
   if (result == -1) {
-    si_disp(record, DMK_WARNING, "[%d]recv (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X",
+    si_disp(record, DMK_WARNING, "[%d]recv (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "",
             start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
-            static_cast<int>(length), flags, static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+            static_cast<int>(length), flags, logAddress(buffer));
   } else {
-    si_disp(record, DMK_RET, "[%d]recv (OK) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X", start.cpt,
+    si_disp(record, DMK_RET, "[%d]recv (OK) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "", start.cpt,
             static_cast<unsigned long>(fd), static_cast<int>(length), flags,
-            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+            logAddress(buffer));
   }
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {
@@ -317,21 +317,21 @@ ssize_t Myrecvfrom(int socket, void* buffer, size_t length, int flags, sockaddr*
   if (!own && result >= 0 && addressLength != nullptr) {
     source = copyAddress(address, reported < callerCapacity ? reported : callerCapacity);
   }
-  const sockaddr* logAddress = own ? reinterpret_cast<sockaddr*>(&source) : address;
+  const sockaddr* shownSource = own ? reinterpret_cast<sockaddr*>(&source) : address;
   const int logLength = static_cast<int>(own ? sourceLength : reported);
   if (result == -1) {
     si_disp(record, DMK_WARNING,
-            "[%d]recvfrom (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X\t from = "
-            "0x%08X\t fromlen %d",
+            "[%d]recvfrom (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "\t from = "
+            "0x" TALVEX_HEX_ADDRESS "\t fromlen %d",
             cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
-            static_cast<int>(length), flags, static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)),
-            static_cast<unsigned>(reinterpret_cast<uintptr_t>(logAddress)), logLength);
+            static_cast<int>(length), flags, logAddress(buffer),
+            logAddress(shownSource), logLength);
   } else {
     si_disp(record, DMK_RET,
-            "[%d]recvfrom (OK) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x%08X\t from = 0x%08X\t fromlen %d",
+            "[%d]recvfrom (OK) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "\t from = 0x" TALVEX_HEX_ADDRESS "\t fromlen %d",
             cpt, static_cast<unsigned long>(fd), static_cast<int>(length), flags,
-            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)),
-            static_cast<unsigned>(reinterpret_cast<uintptr_t>(logAddress)), logLength);
+            logAddress(buffer),
+            logAddress(shownSource), logLength);
   }
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {
@@ -356,13 +356,13 @@ ssize_t Myread(int descriptor, void* buffer, size_t count) {
   const ssize_t result = True_read(descriptor, buffer, count);
   const int error = readErrorCode();
   if (result == -1) {
-    si_disp(record, DMK_WARNING, "[%d]read (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t len = %d,\t buf = 0x%08X",
+    si_disp(record, DMK_WARNING, "[%d]read (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t len = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "",
             start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
-            static_cast<int>(count), static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+            static_cast<int>(count), logAddress(buffer));
   } else {
-    si_disp(record, DMK_RET, "[%d]read (OK) :\tsocket : %lx\t len = %d,\t buf = 0x%08X", start.cpt,
+    si_disp(record, DMK_RET, "[%d]read (OK) :\tsocket : %lx\t len = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "", start.cpt,
             static_cast<unsigned long>(fd), static_cast<int>(count),
-            static_cast<unsigned>(reinterpret_cast<uintptr_t>(buffer)));
+            logAddress(buffer));
   }
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {
@@ -385,12 +385,12 @@ ssize_t Myrecvmsg(int socket, msghdr* header, int flags) {
   const ssize_t result = True_recvmsg(socket, header, flags);
   const int error = readErrorCode();
   if (result == -1) {
-    si_disp(record, DMK_WARNING, "[%d]recvmsg (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t buf = 0x%08X", start.cpt,
+    si_disp(record, DMK_WARNING, "[%d]recvmsg (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t buf = 0x" TALVEX_HEX_ADDRESS "", start.cpt,
             error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
-            static_cast<unsigned>(reinterpret_cast<uintptr_t>(header)));
+            logAddress(header));
   } else {
-    si_disp(record, DMK_RET, "[%d]recvmsg (OK) :\tsocket : %lx\t buf = 0x%08X", start.cpt,
-            static_cast<unsigned long>(fd), static_cast<unsigned>(reinterpret_cast<uintptr_t>(header)));
+    si_disp(record, DMK_RET, "[%d]recvmsg (OK) :\tsocket : %lx\t buf = 0x" TALVEX_HEX_ADDRESS "", start.cpt,
+            static_cast<unsigned long>(fd), logAddress(header));
   }
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <errno.h>
+#include <inttypes.h>
 #include <stdint.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -34,6 +35,18 @@ inline CallStart beginCall() {
   errno = callerErrno;
   return start;
 }
+
+// Addresses in log lines: eight digits where a pointer has 32 bits, as these lines always read, and
+// all sixteen where it has 64.
+#if UINTPTR_MAX > 0xffffffffu
+#define TALVEX_HEX_ADDRESS "%016" PRIXPTR
+#define TALVEX_HEX_ADDRESS_LOWER "%016" PRIxPTR
+#else
+#define TALVEX_HEX_ADDRESS "%08" PRIXPTR
+#define TALVEX_HEX_ADDRESS_LOWER "%" PRIxPTR
+#endif
+
+inline uintptr_t logAddress(const void* address) { return reinterpret_cast<uintptr_t>(address); }
 
 // A log format's "%s" over a caller's buffer must stop at its byte count as well as at a zero
 // byte: the buffer need not be terminated.

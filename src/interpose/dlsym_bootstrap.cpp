@@ -1,15 +1,16 @@
 #include "interpose/dlsym_bootstrap.h"
+#include "interpose/symbol_versions.h"
 
 #include <dlfcn.h>
 #include <unistd.h>
 
 // Bound to the oldest versions so that the agent loads on older 32-bit C libraries as well as
 // this one, where these names also have a newer default version.
-__asm__(".symver dlopen,dlopen@GLIBC_2.1");
-__asm__(".symver dladdr,dladdr@GLIBC_2.0");
-__asm__(".symver dlvsym,dlvsym@GLIBC_2.1");
-__asm__(".symver dlclose,dlclose@GLIBC_2.0");
-__asm__(".symver dlerror,dlerror@GLIBC_2.0");
+__asm__(".symver dlopen,dlopen@" TALVEX_GLIBC_2_1);
+__asm__(".symver dladdr,dladdr@" TALVEX_GLIBC_FIRST);
+__asm__(".symver dlvsym,dlvsym@" TALVEX_GLIBC_2_1);
+__asm__(".symver dlclose,dlclose@" TALVEX_GLIBC_FIRST);
+__asm__(".symver dlerror,dlerror@" TALVEX_GLIBC_FIRST);
 __asm__(".symver dlinfo,dlinfo@GLIBC_2.3.3");
 
 DlsymFunction dlsymptr = nullptr;
@@ -29,8 +30,8 @@ void* const tableDl[6] __attribute__((used)) = {
 // The loader's private lookup by caller address is gone from current C libraries; dlvsym with
 // RTLD_NEXT, called from inside the agent, reaches the same function: the dlsym defined after the
 // agent. The newest version first, so that a C library that has one gives its current dlsym.
-const char* const dlsymVersions[] = {"GLIBC_2.34", "GLIBC_2.0"};
-const char* const dlopenVersions[] = {"GLIBC_2.34", "GLIBC_2.1"};
+const char* const dlsymVersions[] = {"GLIBC_2.34", TALVEX_GLIBC_FIRST};
+const char* const dlopenVersions[] = {"GLIBC_2.34", TALVEX_GLIBC_2_1};
 
 typedef void* (*DlopenFunction)(const char*, int);
 DlopenFunction dlopenptr = nullptr;

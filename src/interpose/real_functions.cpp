@@ -1,4 +1,5 @@
 #include "interpose/real_functions.h"
+#include "interpose/symbol_versions.h"
 
 #include <dlfcn.h>
 #include <errno.h>
@@ -10,7 +11,7 @@
 #include "diag/file_status.h"
 #include "interpose/dlsym_bootstrap.h"
 
-__asm__(".symver dlopen,dlopen@GLIBC_2.1");
+__asm__(".symver dlopen,dlopen@" TALVEX_GLIBC_2_1);
 
 decltype(&::socket) socket_ptr = nullptr;
 decltype(&::connect) connect_ptr = nullptr;

@@ -1,4 +1,5 @@
 #include "socks/socks_client.h"
+#include "interpose/symbol_versions.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -17,7 +18,7 @@
 #include "socks/socks_config.h"
 
 // The oldest version, for older 32-bit C libraries; it reads and sets file status flags the same.
-__asm__(".symver fcntl,fcntl@GLIBC_2.0");
+__asm__(".symver fcntl,fcntl@" TALVEX_GLIBC_FIRST);
 
 namespace {
 
