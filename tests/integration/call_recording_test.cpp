@@ -323,9 +323,9 @@ TEST(CallRecording, LogLinesStopAtTheCallersByteCount) {
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
   const std::string s = hexOf(socketFromOutput(r.run.out));
   const std::regex sendLine("\\[RET  \\]\\[\\d+\\]send \\(OK\\):\tsocket : " + s +
-                            "\t len = 5,\t flags = 0,\t buf = 0x[0-9A-F]{8} \"hello\"");
+                            "\t len = 5,\t flags = 0,\t buf = " + kAddressPattern + " \"hello\"");
   const std::regex writeLine("\\[RET  \\]\\[\\d+\\]write \\(OK\\):\tsocket : " + s +
-                             "\t count = 3,\t buf = 0x[0-9A-F]{8} \"hel\"");
+                             "\t count = 3,\t buf = " + kAddressPattern + " \"hel\"");
   const auto lines = splitLines(r.log);
   EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [&](const std::string& l) { return std::regex_match(l, sendLine); }),
             1)

@@ -31,7 +31,7 @@ TEST(CrashHandler, PrintsTheFaultAndANamedStackThenExitsZero) {
   EXPECT_EQ(lines[1], "SigSEV @ 0x10 ");
   EXPECT_EQ(lines[2], "==================================Stack=========================");
   EXPECT_EQ(lines.back(), "================================End Stack=======================");
-  const std::regex named(R"(       @ 0x[0-9a-f]+ \( (\w+) \+ (0x[0-9a-f]+|\(nil\))\) \[.*crash_probe\])");
+  const std::regex named(R"(       @ 0x[0-9a-f]+ \( (\w+) \+ (0x[0-9a-f]+|\(nil\))\) \[.*crash_probe(?:64)?\])");
   std::vector<std::string> names;
   for (const auto& line : lines) {
     std::smatch m;

@@ -240,7 +240,7 @@ TEST(HostileHost, RecorderCorePathThatIsAFifoDoesNotBlockStartUp) {
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const std::vector<std::string> argv = {kClockNameProbePath};
   const ProcessResult plain = plainRun(argv);
-  const Recording r = recordRun(argv, {{"TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH", fifo}}, "", kBound);
+  const Recording r = recordRun(argv, {{kRecorderCoreVariable, fifo}}, "", kBound);
   expectSameOutcome(plain, r.run);
 }
 

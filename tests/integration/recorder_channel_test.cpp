@@ -28,7 +28,7 @@ class RecorderChannel : public ::testing::Test {
   }
 
   Environment withClock(Environment extra = {}) {
-    extra["TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH"] = kRecorderCoreStandinPath;
+    extra[kRecorderCoreVariable] = kRecorderCoreStandinPath;
     extra["TALVEX_STANDIN_FIXED_TIME"] = kFixedTime;
     return recording(extra);
   }

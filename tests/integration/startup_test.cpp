@@ -44,7 +44,7 @@ TEST(LogFile, NamedByTimeAndPidWithExactHeader) {
                           "\t pid : " + pid);
   // Level 2 is INFO alone; lines logged before the file existed are lost by design.
   for (size_t i = 1; i < lines.size(); ++i) EXPECT_EQ(lines[i].rfind("[INFO ]", 0), 0u) << lines[i];
-  EXPECT_EQ(linesContaining(readFile(dir + "/" + files[0]), "initialize library 32").size(), 0u);
+  EXPECT_EQ(linesContaining(readFile(dir + "/" + files[0]), kStartUpLine).size(), 0u);
   EXPECT_EQ(linesContaining(readFile(dir + "/" + files[0]), "===> WSAStartup : local addresses solved").size(), 1u);
 }
 
@@ -100,7 +100,7 @@ TEST(RecorderCore, FoundBesideTheAgent) {
 }
 
 TEST(RecorderCore, FoundThroughTheVariable) {
-  const ProcessResult r = runStartup({{"TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH", kRecorderCoreStandinPath},
+  const ProcessResult r = runStartup({{kRecorderCoreVariable, kRecorderCoreStandinPath},
                                       {"TALVEX_STANDIN_FIXED_TIME", "42"}});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(linesContaining(r.out, "clock found value=42").size(), 1u) << r.out;
@@ -120,7 +120,7 @@ TEST(StartUp, HookedCallsMadeDuringStartUpReachTheCLibrary) {
   // The recorder core is loaded in the middle of start-up; its own socket calls enter the agent
   // again and must go through without a second start-up.
   TempDir tmp;
-  const ProcessResult r = runStartup({{"TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH", kRecorderCoreStandinPath},
+  const ProcessResult r = runStartup({{kRecorderCoreVariable, kRecorderCoreStandinPath},
                                       {"TALVEX_STANDIN_SOCKET_ON_LOAD", "1"},
                                       {"TALVEX_STANDIN_FIXED_TIME", "7"},
                                       {"TALVEX_SOCKET_AGENT_DEBUG_LVL", "2"},
@@ -140,11 +140,11 @@ TEST(RecorderCore, AbsentEverywhereLeavesNoClock) {
   ProcessResult r = runStartup({});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(linesContaining(r.out, "clock none").size(), 1u) << r.out;
-  r = runStartup({{"TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH", "/nonexistent/libRecorderCore.so"}});
+  r = runStartup({{kRecorderCoreVariable, "/nonexistent/libRecorderCore.so"}});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(linesContaining(r.out, "clock none").size(), 1u) << r.out;
   // A directory is not a library: still no clock.
-  r = runStartup({{"TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH", "/tmp"}});
+  r = runStartup({{kRecorderCoreVariable, "/tmp"}});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(linesContaining(r.out, "clock none").size(), 1u) << r.out;
 }
@@ -196,8 +196,8 @@ INSTANTIATE_TEST_SUITE_P(
                     {"TALVEX_SOCKET_AGENT_DEBUG_DIR", "/tmp/" + std::string(5000, 'x')}},
         Environment{{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "127"},
                     {"TALVEX_SOCKET_AGENT_DEBUG_DIR", "/tmp/" + std::string(200, 'y') + "/" + std::string(200, 'z')}},
-        Environment{{"TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH", ""}},
-        Environment{{"TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH", std::string(9000, '/')}},
+        Environment{{kRecorderCoreVariable, ""}},
+        Environment{{kRecorderCoreVariable, std::string(9000, '/')}},
         Environment{{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}, {"TALVEX_SOCKET_AGENT_DOUBLE_LOG_SOCKS", ""},
                     {"TALVEX_SOCKET_AGENT_DEBUG_TRACEBACK", ""}, {"TALVEX_SOCKET_AGENT_OPT_HOOK", ""}}),
     caseName);

@@ -131,10 +131,27 @@ TEST(TalvexRecord, CrashedCommandIsReported) {
   EXPECT_NE(traced.out.find("SigSEV @ 0x10 "), std::string::npos);
 }
 
+TEST(TalvexRecord, RecordsA64BitSystemProgramBehindA64BitShell) {
+  // sh, then the system's own python3: 64-bit programs, each with the agent of its own ABI.
+  EchoServer echo;
+  TempDir tmp;
+  const std::string client = "import socket; s = socket.create_connection(('127.0.0.1', " + std::to_string(echo.port()) +
+                             ")); s.sendall(b'from python'); print(s.recv(64).decode()); s.close()";
+  const ProcessResult r =
+      record({"--raw", tmp.file("r.raw")}, {"/bin/sh", "-c", "exec /usr/bin/python3 -c \"" + client + "\""});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out, "from python\n");
+  EXPECT_EQ(r.err.find("wrong ELF class"), std::string::npos) << r.err;
+  const std::string raw = readFile(tmp.file("r.raw"));
+  EXPECT_EQ(linesContaining(raw, "<send ").size(), 1u) << raw;
+  EXPECT_EQ(linesContaining(raw, "data_AS=\"from python\"").size(), 2u) << raw;
+}
+
 TEST(TalvexRecord, RefusesWhatItCannotRecord) {
-  ProcessResult r = record({}, {"/bin/true"});
+  // Debian's ldconfig is statically linked: no preloaded library ever enters it.
+  ProcessResult r = record({}, {"/sbin/ldconfig", "--version"});
   EXPECT_EQ(r.exitCode, 126);
-  EXPECT_EQ(r.err, "talvex-record: /bin/true is a 64-bit program; the agent is 32-bit and cannot be preloaded into it\n");
+  EXPECT_EQ(r.err, "talvex-record: /sbin/ldconfig is statically linked: the agent cannot enter it\n");
   r = record({}, {"talvex-no-such-command"});
   EXPECT_EQ(r.exitCode, 127);
   EXPECT_EQ(r.err, "talvex-record: command not found: talvex-no-such-command\n");

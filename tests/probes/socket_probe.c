@@ -20,6 +20,15 @@
 
 #include "probe_support.h"
 
+/* The C++ name of the exit-message sender: its 64-bit count is a long long on i386, a long on
+ * x86-64, and the name encodes it. */
+#if defined(__x86_64__)
+#define EMIT_END_OF_PROCESS "_ZN14AgentInterface16emitEndOfProcessEPKcS1_l"
+#else
+#define EMIT_END_OF_PROCESS "_ZN14AgentInterface16emitEndOfProcessEPKcS1_x"
+#endif
+
+
 /* Every hooked call once, on sockets and files, with outcomes that do not depend on the agent. */
 static int scenarioCalls(int echoPort, int closedPort, const char* filePath) {
   int s = socket(AF_INET, SOCK_STREAM, 0);
@@ -266,7 +275,7 @@ static int scenarioChannel(int argc, char** argv) {
     } else if (strncmp(step, "emit=", 5) == 0) {
       /* emit=PORT: an exit message through a temporary channel of its own. */
       int (*emit)(const char*, const char*, long long) =
-          (int (*)(const char*, const char*, long long))dlsym(RTLD_DEFAULT, "_ZN14AgentInterface16emitEndOfProcessEPKcS1_x");
+          (int (*)(const char*, const char*, long long))dlsym(RTLD_DEFAULT, EMIT_END_OF_PROCESS);
       printf("emit result=%d\n", emit ? emit("127.0.0.1", step + 5, 0) : -99);
     } else if (strcmp(step, "lose-cwd") == 0) {
       char dir[] = "/tmp/talvex-probe-XXXXXX";

@@ -10,6 +10,13 @@
 
 #define CRAFTED 0x40000000
 
+/* The first version of the C library's symbols on each x86 ABI. */
+#if defined(__x86_64__)
+#define FIRST_GLIBC "GLIBC_2.2.5"
+#else
+#define FIRST_GLIBC "GLIBC_2.0"
+#endif
+
 static struct addrinfo* entry(int family, const char* text, int port) {
   struct addrinfo* e = calloc(1, sizeof *e);
   e->ai_flags = CRAFTED;
@@ -54,7 +61,7 @@ int getaddrinfo(const char* node, const char* service, const struct addrinfo* hi
   /* dlvsym, not dlsym: with the agent loaded, dlsym answers with the agent's own hook. */
   int (*real)(const char*, const char*, const struct addrinfo*, struct addrinfo**) =
       (int (*)(const char*, const char*, const struct addrinfo*, struct addrinfo**))dlvsym(RTLD_NEXT, "getaddrinfo",
-                                                                                           "GLIBC_2.0");
+                                                                                           FIRST_GLIBC);
   return real(node, service, hints, result);
 }
 
@@ -68,6 +75,6 @@ void freeaddrinfo(struct addrinfo* list) {
     }
     return;
   }
-  void (*real)(struct addrinfo*) = (void (*)(struct addrinfo*))dlvsym(RTLD_NEXT, "freeaddrinfo", "GLIBC_2.0");
+  void (*real)(struct addrinfo*) = (void (*)(struct addrinfo*))dlvsym(RTLD_NEXT, "freeaddrinfo", FIRST_GLIBC);
   real(list);
 }

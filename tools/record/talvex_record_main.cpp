@@ -29,7 +29,8 @@ namespace {
 const char* const kUsage =
     "usage: talvex-record [options] -- COMMAND [ARGS...]\n"
     "\n"
-    "Runs a 32-bit COMMAND with the Talvex socket agent preloaded, records every network call it\n"
+    "Runs COMMAND with the Talvex socket agent preloaded, every process of it (32- or 64-bit),\n"
+    "records every network call they make\n"
     "makes, and shows what it said. Exits with COMMAND's exit status.\n"
     "\n"
     "Outputs (a transcript on standard error unless --transcript names a file):\n"
@@ -167,13 +168,22 @@ int main(int argc, char** argv) {
     return kind == talvex::TargetKind::NotFound ? 127 : 126;
   }
 
-  const std::string here = directoryOfSelf();
-  const std::string agent = here + "/libtalvex_socket_agent.so";
-  const std::string clock = here + "/lib/libRecorderCore.so";
-  if (access(agent.c_str(), R_OK) != 0) {
-    fprintf(stderr, "talvex-record: the agent is missing: %s\n", agent.c_str());
+  // The agents live in lib/<multiarch>/ beside this program in the build tree, and one level up
+  // (PREFIX/bin, PREFIX/lib) once installed; the loader picks each process's own through $LIB.
+  std::string top;
+  for (const std::string& candidate : {directoryOfSelf(), directoryOfSelf() + "/.."}) {
+    if (access((candidate + "/lib/i386-linux-gnu/libtalvex_socket_agent.so").c_str(), R_OK) == 0 ||
+        access((candidate + "/lib/x86_64-linux-gnu/libtalvex_socket_agent.so").c_str(), R_OK) == 0) {
+      top = candidate;
+      break;
+    }
+  }
+  if (top.empty()) {
+    fprintf(stderr, "talvex-record: the agent is missing: no lib/<arch>/libtalvex_socket_agent.so beside %s\n",
+            directoryOfSelf().c_str());
     return 1;
   }
+  const std::string agent = top + "/$LIB/libtalvex_socket_agent.so";
 
   talvex::RecorderEndpoint endpoint;
   if (!endpoint.start(where.host, where.port, &error)) {
@@ -195,7 +205,10 @@ int main(int argc, char** argv) {
   environment["LD_PRELOAD"] = (preloaded.empty() ? "" : preloaded + ":") + agent;
   environment["TALVEX_SOCKET_AGENT_IP_ADDRESS"] = where.host;
   environment["TALVEX_SOCKET_AGENT_PORT_NUMBER"] = std::to_string(endpoint.port());
-  if (access(clock.c_str(), R_OK) == 0) environment["TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH"] = clock;
+  const std::string clock32 = top + "/lib/i386-linux-gnu/libRecorderCore.so";
+  const std::string clock64 = top + "/lib/x86_64-linux-gnu/libRecorderCore.so";
+  if (access(clock32.c_str(), R_OK) == 0) environment["TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH"] = clock32;
+  if (access(clock64.c_str(), R_OK) == 0) environment["TALVEX_SOCKET_AGENT_RECORDERCORE64_PATH"] = clock64;
   if (!o.socks.empty()) {
     const bool v6 = socks.host.find(':') != std::string::npos;
     environment[v6 ? "TALVEX_SOCKET_AGENT_SOCKS_IPV6_ADDRESS" : "TALVEX_SOCKET_AGENT_SOCKS_IPV4_ADDRESS"] = socks.host;

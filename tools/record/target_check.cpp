@@ -1,6 +1,8 @@
 #include "target_check.h"
 
 #include <elf.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -27,6 +29,27 @@ std::string findOnPath(const std::string& command) {
   return "";
 }
 
+// Whether the program names a dynamic loader (a PT_INTERP entry): a program without one is
+// statically linked, and no preloaded library ever enters it.
+template <class Header, class ProgramHeader>
+bool namesALoader(std::ifstream& in) {
+  Header header;
+  in.clear();
+  in.seekg(0);
+  if (!in.read(reinterpret_cast<char*>(&header), sizeof header)) return true;  // cannot tell: let it run
+  for (unsigned i = 0; i < header.e_phnum && i < 4096; ++i) {
+    ProgramHeader entry;
+    in.seekg(static_cast<std::streamoff>(header.e_phoff + i * static_cast<uint64_t>(header.e_phentsize)));
+    if (!in.read(reinterpret_cast<char*>(&entry), sizeof entry)) return true;
+    if (entry.p_type == PT_INTERP) return true;
+  }
+  return false;
+}
+
+bool hasInterpreter(std::ifstream& in, bool i386) {
+  return i386 ? namesALoader<Elf32_Ehdr, Elf32_Phdr>(in) : namesALoader<Elf64_Ehdr, Elf64_Phdr>(in);
+}
+
 TargetKind inspect(const std::string& path, std::string* why, int depth) {
   std::ifstream in(path, std::ios::binary);
   char head[64] = {0};
@@ -49,14 +72,16 @@ TargetKind inspect(const std::string& path, std::string* why, int depth) {
     *why = path + " is not a program the agent can be preloaded into";
     return TargetKind::Wrong;
   }
-  if (head[EI_CLASS] == ELFCLASS64) {
-    *why = path + " is a 64-bit program; the agent is 32-bit and cannot be preloaded into it";
+  Elf32_Half machine;
+  memcpy(&machine, head + offsetof(Elf32_Ehdr, e_machine), sizeof machine);
+  const bool i386 = head[EI_CLASS] == ELFCLASS32 && machine == EM_386;
+  const bool x86_64 = head[EI_CLASS] == ELFCLASS64 && machine == EM_X86_64;
+  if (!i386 && !x86_64) {
+    *why = path + " is not an x86 program; the agent cannot be preloaded into it";
     return TargetKind::Wrong;
   }
-  Elf32_Ehdr header;
-  memcpy(&header, head, sizeof header);
-  if (head[EI_CLASS] != ELFCLASS32 || header.e_machine != EM_386) {
-    *why = path + " is not a 32-bit x86 program; the agent cannot be preloaded into it";
+  if (!hasInterpreter(in, i386)) {
+    *why = path + " is statically linked: the agent cannot enter it";
     return TargetKind::Wrong;
   }
   return TargetKind::Preloadable;

@@ -1,4 +1,4 @@
-// Whether a command can have the 32-bit agent preloaded into it.
+// Whether a command can have the agent preloaded into it.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@ namespace talvex {
 
 enum class TargetKind { Preloadable, Wrong, NotFound };
 
-// Finds `command` on PATH (when it names no directory) and looks at what it would run: a 32-bit
-// x86 program, or a script whose interpreter is one. `path` gets the program found; `why` says
+// Finds `command` on PATH (when it names no directory) and looks at what it would run: a
+// dynamically linked x86 program of either ABI, or a script whose interpreter is one. `path` gets the program found; `why` says
 // plainly what is wrong when it cannot be recorded.
 TargetKind checkTarget(const std::string& command, std::string* path, std::string* why);
 
