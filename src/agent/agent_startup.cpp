@@ -9,6 +9,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "agent/fork_following.h"
 #include "agent/recorder_core.h"
 #include "diag/crash_handler.h"
 #include "diag/debug_log.h"
@@ -127,6 +128,7 @@ void initializeSocketPointers() {
   currentProcessId = getpid();
   locateAgentFile();
   doubleLogSocks = getenv(kDoubleLogSocksVariable) != nullptr;
+  readFollowForks();
   locateRecorderCore();
   startRecorderChannel();
   initializeRealFunctionPointers();

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include "agent/fork_following.h"
 #include "diag/debug_log.h"
 #include "hooks/socket_registry.h"
 #include "recorder/agent_interface.h"
@@ -12,6 +13,7 @@ void resetAgentLocksInChild() {
   resetLogAfterFork();
   resetChannelAfterFork();
   resetSocksAfterFork();
+  followForkInChild();
 }
 
 void installForkReset() {

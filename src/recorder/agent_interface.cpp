@@ -81,6 +81,14 @@ bool AgentInterface::hasPendingMessage() {
   return pending;
 }
 
+void AgentInterface::replacePendingMessage(RecorderMessage* message) {
+  StartCriticalSectionBase(&criticalSectionMessage);
+  RecorderMessage* previous = pendingMessage;
+  pendingMessage = message;
+  EndCriticalSectionBase(&criticalSectionMessage);
+  destroyRecorderMessage(previous);
+}
+
 void AgentInterface::resetLocksAfterFork() {
   const pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
   criticalSectionMessage = fresh;

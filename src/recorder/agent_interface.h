@@ -26,6 +26,8 @@ class AgentInterface {
   const char* address() const { return recorderAddress; }
   int port() const { return recorderPort; }
   bool hasPendingMessage();
+  // Puts `message` (owned from now on) ahead of the next message sent, in place of any pending one.
+  void replacePendingMessage(RecorderMessage* message);
   void resetLocksAfterFork();
 
  private:

@@ -20,6 +20,8 @@ void logUnpluggedBanner() {
   x_disp(DMK_INFO, "************************************************************");
 }
 
+}  // namespace
+
 // The first message of the process; the recorder learns from it who is talking.
 RecorderMessage* buildProcessMessage() {
   RecorderMessage* message = createRecorderMessage(RMT_PROCESS, 0);
@@ -36,8 +38,6 @@ RecorderMessage* buildProcessMessage() {
   message->set(RMA_ARCHI, "LINUX", 0);
   return message;
 }
-
-}  // namespace
 
 void startRecorderChannel() {
   if (getenv("TALVEX_SOCKET_AGENT_UNPLUG_AGENT") != nullptr) {

@@ -212,3 +212,53 @@ TEST(TalvexRecord, SocksOption) {
   EXPECT_NE(transcript.find("[via SOCKS, status 0]"), std::string::npos) << transcript;
   EXPECT_NE(transcript.find("> sent 4 bytes\n      ping\n"), std::string::npos);
 }
+
+TEST(TalvexRecord, MixedTreesAreRecordedInEveryProcess) {
+  // A 32-bit program that execs a 64-bit one, and a 64-bit program that execs a 32-bit one.
+  EchoServer echo;
+  TempDir tmp;
+  const std::string port = std::to_string(echo.port());
+  const std::string python = "import socket; s = socket.create_connection(('127.0.0.1', " + port +
+                             ")); s.sendall(b'after exec'); s.recv(64); s.close()";
+  const ProcessResult r = record(
+      {"--raw", tmp.file("r.raw")},
+      {"/bin/sh", "-c",
+       std::string("'") + kHostileProbePath + "' run-after-recording " + port + " /usr/bin/python3 -c \"" + python + "\""});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.err.find("wrong ELF class"), std::string::npos) << r.err;
+  const std::string raw = readFile(tmp.file("r.raw"));
+  EXPECT_EQ(linesContaining(raw, "<send ").size(), 2u) << raw;
+  EXPECT_EQ(linesContaining(raw, "data_AS=\"before exec\"").size(), 2u) << raw;
+  EXPECT_EQ(linesContaining(raw, "data_AS=\"after exec\"").size(), 2u) << raw;
+
+  // The reverse: the system's python3 talks, then becomes the probe, which talks too.
+  const std::string becomeProbe = "import os, socket; s = socket.create_connection(('127.0.0.1', " + port +
+                                  ")); s.sendall(b'python first'); s.recv(64); s.close(); os.execv('" +
+                                  kHostileProbePath + "', ['probe', 'run-after-recording', '" + port + "', '/bin/true'])";
+  const ProcessResult back = record({"--raw", tmp.file("back.raw")}, {"/usr/bin/python3", "-c", becomeProbe});
+  ASSERT_EQ(back.exitCode, 0) << back.err;
+  const std::string backRaw = readFile(tmp.file("back.raw"));
+  EXPECT_EQ(linesContaining(backRaw, "data_AS=\"python first\"").size(), 2u) << backRaw;
+  EXPECT_EQ(linesContaining(backRaw, "data_AS=\"before exec\"").size(), 2u) << backRaw;
+}
+
+TEST(TalvexRecord, SaysWhenNothingWasRecorded) {
+  const ProcessResult r = record({}, {"/bin/true"});
+  ASSERT_EQ(r.exitCode, 0);
+  EXPECT_NE(r.err.find("talvex-record: nothing was recorded: /bin/true made no socket call through the C library"),
+            std::string::npos)
+      << r.err;
+}
+
+TEST(TalvexRecord, ForkedChildrenAreProcessesOfTheirOwn) {
+  EchoServer echo;
+  TempDir tmp;
+  const ProcessResult r =
+      record({"--raw", tmp.file("r.raw"), "--transcript", tmp.file("t.txt")},
+             {kHostileProbePath, "fork-children", std::to_string(echo.port())});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const std::string raw = readFile(tmp.file("r.raw"));
+  EXPECT_EQ(linesContaining(raw, "<process ").size(), 4u) << raw;
+  // One block per process in the transcript.
+  EXPECT_EQ(linesContaining(readFile(tmp.file("t.txt")), "== process ").size(), 4u);
+}

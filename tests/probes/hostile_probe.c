@@ -156,6 +156,29 @@ static int scenarioForkWhileRecording(int port, int children) {
   return 0;
 }
 
+/* A parent that talks, then three children one after the other, each talking for itself. */
+static int scenarioForkChildren(int port) {
+  char buffer[8];
+  int s = connectedTo(port);
+  send(s, "parent", 6, MSG_NOSIGNAL);
+  recv(s, buffer, 6, MSG_WAITALL);
+  close(s);
+  printf("parent %d\n", (int)getpid());
+  for (int i = 0; i < 3; ++i) {
+    pid_t child = fork();
+    if (child == 0) {
+      int c = connectedTo(port);
+      send(c, "child", 5, MSG_NOSIGNAL);
+      recv(c, buffer, 5, MSG_WAITALL);
+      close(c);
+      printf("child %d\n", (int)getpid());
+      _exit(0);
+    }
+    waitpid(child, NULL, 0);
+  }
+  return 0;
+}
+
 /* ---- pointers the C library refuses or reads only in part ---- */
 
 static int scenarioBadPointers(int port) {
@@ -284,6 +307,17 @@ static int scenarioExecAfterRecording(const char* self, int port) {
   return 6;
 }
 
+/* Records a connection, then becomes another program (of the other ABI, in the tests). */
+static int scenarioRunAfterRecording(int port, char** program) {
+  int s = connectedTo(port);
+  send(s, "before exec", 11, MSG_NOSIGNAL);
+  char echo[11];
+  recv(s, echo, sizeof echo, MSG_WAITALL);
+  close(s);
+  execv(program[0], program);
+  return 6;
+}
+
 static int scenarioKilledAfterCalls(int calls) {
   for (int i = 0; i < calls; ++i) close(socket(AF_INET, SOCK_STREAM, 0));
   raise(SIGKILL);
@@ -395,11 +429,13 @@ int main(int argc, char** argv) {
   const int port = argc > 2 ? atoi(argv[2]) : 0;
   if (strcmp(mode, "signal-reentry") == 0 && argc > 3) return scenarioSignalReentry(port, argv[3]);
   if (strcmp(mode, "fork-while-recording") == 0) return scenarioForkWhileRecording(port, 40);
+  if (strcmp(mode, "fork-children") == 0) return scenarioForkChildren(port);
   if (strcmp(mode, "bad-pointers") == 0) return scenarioBadPointers(port);
   if (strcmp(mode, "truncated-datagram") == 0) return scenarioTruncatedDatagram();
   if (strcmp(mode, "accept-gone") == 0) return scenarioAcceptGone();
   if (strcmp(mode, "close-all-then-open") == 0 && argc > 2) return scenarioCloseAllThenOpen(argv[2]);
   if (strcmp(mode, "list-fds") == 0) return listDescriptors();
+  if (strcmp(mode, "run-after-recording") == 0 && argc > 3) return scenarioRunAfterRecording(port, argv + 3);
   if (strcmp(mode, "exec-after-recording") == 0) return scenarioExecAfterRecording(argv[0], port);
   if (strcmp(mode, "killed-after-calls") == 0) return scenarioKilledAfterCalls(port);
   if (strcmp(mode, "closed-by-stdio") == 0 && argc > 3) return scenarioClosedByStdio(port, argv[3]);

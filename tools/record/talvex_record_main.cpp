@@ -203,6 +203,8 @@ int main(int argc, char** argv) {
   // that wrapper, whose lookup finds the agent again, for ever.
   const std::string preloaded = environment["LD_PRELOAD"];
   environment["LD_PRELOAD"] = (preloaded.empty() ? "" : preloaded + ":") + agent;
+  // Every process of the command's tree records as itself: forked children too.
+  environment["TALVEX_SOCKET_AGENT_FOLLOW_FORKS"] = "1";
   environment["TALVEX_SOCKET_AGENT_IP_ADDRESS"] = where.host;
   environment["TALVEX_SOCKET_AGENT_PORT_NUMBER"] = std::to_string(endpoint.port());
   const std::string clock32 = top + "/lib/i386-linux-gnu/libRecorderCore.so";
@@ -275,6 +277,14 @@ int main(int argc, char** argv) {
     if (transcript != stderr) fclose(transcript);
   }
   if (!written) fprintf(stderr, "talvex-record: some outputs could not be written\n");
+  if (messages.empty()) {
+    // The command ran, but no process of it made a socket call through the C library: a program
+    // that makes its own system calls (Go programs do) cannot be seen by a preloaded agent.
+    fprintf(stderr,
+            "talvex-record: nothing was recorded: %s made no socket call through the C library (a program that "
+            "makes its own system calls, as Go programs do, cannot be recorded)\n",
+            o.command[0].c_str());
+  }
 
   if (WIFSIGNALED(status)) {
     const int number = WTERMSIG(status);
