@@ -4,7 +4,9 @@ BUILD_DIR ?= build
 SANITIZE_DIR ?= build-sanitize
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build build-sanitize test test-plain test-sanitize fuzz demo bench clean
+PREFIX ?= /usr/local
+
+.PHONY: all deps build build-sanitize test test-plain test-sanitize demo bench install clean
 
 all: build
 
@@ -31,6 +33,9 @@ test-sanitize: build-sanitize
 
 demo: build
 	@./scripts/demo.sh $(BUILD_DIR)
+
+install: build
+	@cmake --install $(BUILD_DIR) --prefix $(PREFIX)
 
 bench: build
 	@cmake --build $(BUILD_DIR) --target bench

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Records a real conversation with the bundled tools: a 32-bit server of ours answers on loopback,
-# and talvex-record runs a 32-bit client against it with the agent preloaded, then prints the
-# transcript and writes the messages and a capture file.
+# Records real conversations with the bundled tools: a 32-bit server of ours answers on loopback;
+# talvex-record runs a 32-bit client against it with the agent preloaded, then prints the
+# transcript and writes the messages and a capture file; then it records the system's 64-bit
+# python3 asking the same server.
 set -euo pipefail
 build=${1:-build}
 probe="$PWD/$build/tests/recording_probe"
@@ -9,7 +10,7 @@ out="$PWD/$build/demo"
 mkdir -p "$out"
 rm -f "$out/server-port"
 
-"$probe" http-serve "$out/server-port" 2 &
+"$probe" http-serve "$out/server-port" 3 &
 server=$!
 trap 'kill "$server" 2>/dev/null || true' EXIT
 for _ in $(seq 100); do [ -s "$out/server-port" ] && break; sleep 0.05; done
@@ -17,7 +18,11 @@ for _ in $(seq 100); do [ -s "$out/server-port" ] && break; sleep 0.05; done
 echo "\$ talvex-record --raw $out/demo.raw --jsonl $out/demo.jsonl --pcap $out/demo.pcap -- recording_probe http-get PORT /hello /status"
 "$PWD/$build/talvex-record" --raw "$out/demo.raw" --jsonl "$out/demo.jsonl" --pcap "$out/demo.pcap" \
   -- "$probe" http-get "$(cat "$out/server-port")" /hello /status
+echo
+echo "\$ talvex-record --raw $out/demo64.raw -- python3 -c '<an HTTP GET with http.client>'"
+"$PWD/$build/talvex-record" --raw "$out/demo64.raw" -- /usr/bin/python3 -c \
+  "import http.client; c = http.client.HTTPConnection('127.0.0.1', $(cat "$out/server-port")); c.request('GET', '/from-python'); print(c.getresponse().status)"
 wait "$server"
 echo
-echo "Messages: $out/demo.raw (raw) and $out/demo.jsonl (JSON Lines)"
+echo "Messages: $out/demo.raw (raw) and $out/demo.jsonl (JSON Lines); python3's: $out/demo64.raw"
 echo "Capture:  $out/demo.pcap   (tshark -r $out/demo.pcap -q -z follow,tcp,ascii,0)"

@@ -262,3 +262,28 @@ TEST(TalvexRecord, ForkedChildrenAreProcessesOfTheirOwn) {
   // One block per process in the transcript.
   EXPECT_EQ(linesContaining(readFile(tmp.file("t.txt")), "== process ").size(), 4u);
 }
+
+TEST(TalvexRecord, InstalledLayoutRecordsBothAbis) {
+  TempDir prefix;
+  const ProcessResult install =
+      runProcess({"/usr/bin/cmake", "--install", kBuildDir, "--prefix", prefix.path()}, cleanEnvironment());
+  ASSERT_EQ(install.exitCode, 0) << install.out << install.err;
+  for (const char* file : {"bin/talvex-record", "bin/talvex-recorder", "lib/i386-linux-gnu/libtalvex_socket_agent.so",
+                           "lib/x86_64-linux-gnu/libtalvex_socket_agent.so", "lib/i386-linux-gnu/libRecorderCore.so",
+                           "lib/x86_64-linux-gnu/libRecorderCore.so", "lib32/libtalvex_socket_agent.so"}) {
+    EXPECT_EQ(access(prefix.file(file).c_str(), R_OK), 0) << file;
+  }
+  EchoServer echo;
+  const std::string port = std::to_string(echo.port());
+  const ProcessResult r = runProcess(
+      {prefix.file("bin/talvex-record"), "--raw", prefix.file("r.raw"), "--", kHostileProbePath, "run-after-recording",
+       port, "/usr/bin/python3", "-c",
+       "import socket; s = socket.create_connection(('127.0.0.1', " + port + ")); s.sendall(b'installed'); s.recv(64)"},
+      cleanEnvironment());
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const std::string raw = readFile(prefix.file("r.raw"));
+  EXPECT_EQ(linesContaining(raw, "data_AS=\"before exec\"").size(), 2u) << raw;
+  EXPECT_EQ(linesContaining(raw, "data_AS=\"installed\"").size(), 2u) << raw;
+  // With the clock beside each agent, every message carries nanoseconds.
+  EXPECT_EQ(linesContaining(raw, "timestamp_ns_I8=").size(), splitLines(raw).size()) << raw;
+}

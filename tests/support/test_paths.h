@@ -24,4 +24,5 @@ constexpr const char* kStrlenStandinPath = TALVEX_STRLEN_STANDIN_PATH;
 constexpr const char* kNoPselectStandinPath = TALVEX_NO_PSELECT_STANDIN_PATH;
 constexpr const char* kCrashProbePath = TALVEX_CRASH_PROBE_PATH;
 constexpr const char* kRecordPath = TALVEX_RECORD_PATH;
+constexpr const char* kBuildDir = TALVEX_BUILD_DIR;
 constexpr const char* kExpectedTranscriptPath = TALVEX_EXPECTED_TRANSCRIPT_PATH;
