@@ -5,3 +5,5 @@ bool isVariableSet(const char* name);
 
 // The variable's base-10 value, or `fallback` when it is unset or parses to 0.
 int numberOrDefault(const char* name, int fallback);
+// A text's base-10 value as an int, out-of-range values saturated.
+int intFromText(const char* text);

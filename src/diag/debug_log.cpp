@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "agent/agent_startup.h"
+#include "agent/environment.h"
 #include "diag/debug_server.h"
 #include "diag/log_file.h"
 #include "hooks/critical_section.h"
@@ -192,7 +193,7 @@ void set_file_display(const char* fileName, const char* directoryName) {
 void set_default_debug_display(const char* baseName) {
   if (defaultDebugDisplayInitialized) return;
   const char* level = getenv(kLogLevelVariable);
-  debugLvl = level != nullptr ? static_cast<int>(strtol(level, nullptr, 10)) : 0;
+  debugLvl = level != nullptr ? intFromText(level) : 0;
   const char* dir = getenv(kLogDirectoryVariable);
   // An empty directory names none: taken as it stands it would put the log at the root.
   if (dir != nullptr && dir[0] != '\0' && debugLvl != 0) {

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "agent/agent_startup.h"
+#include "agent/environment.h"
 #include "agent/time_base.h"
 #include "diag/debug_log.h"
 #include "diag/name_tables.h"
@@ -51,7 +52,7 @@ AgentInterface::AgentInterface(const char* address, const char* port, RecorderMe
     }
   }
   if (port != nullptr) {
-    const long parsed = strtol(port, nullptr, 10);
+    const int parsed = intFromText(port);
     // A number that is no port would wrap to some other port, and messages would go to whatever
     // listens there.
     if (parsed < 0 || parsed > 65535) {
