@@ -287,3 +287,31 @@ TEST(TalvexRecord, InstalledLayoutRecordsBothAbis) {
   // With the clock beside each agent, every message carries nanoseconds.
   EXPECT_EQ(linesContaining(raw, "timestamp_ns_I8=").size(), splitLines(raw).size()) << raw;
 }
+
+TEST(TalvexRecord, RecordsTheSystemsCurlUnderAShellByteForByte) {
+  TempDir tmp;
+  BackgroundProcess server({kRecordingProbePath, "http-serve", tmp.file("port"), "1"}, cleanEnvironment());
+  const int port = waitForPortFile(tmp.file("port"));
+  ASSERT_GT(port, 0);
+  const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/hello";
+  const ProcessResult r = record({"--raw", tmp.file("r.raw")}, {"/bin/sh", "-c", "curl -s " + url});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out, "Hello, world!\n");
+  const std::string raw = readFile(tmp.file("r.raw"));
+  const auto sends = linesContaining(raw, "<send ");
+  ASSERT_EQ(sends.size(), 1u) << raw;
+  EXPECT_NE(sends[0].find("data_AS=\"GET /hello HTTP/1.1\\x0d&#x0a;Host: 127.0.0.1:" + std::to_string(port) +
+                          "\\x0d&#x0a;User-Agent: curl/"),
+            std::string::npos)
+      << sends[0];
+  const auto receives = linesContaining(raw, "<receive ");
+  std::string received;
+  for (const auto& line : receives) {
+    const size_t at = line.find("data_AS=\"");
+    if (at != std::string::npos) received += line.substr(at + 9, line.find('"', at + 9) - at - 9);
+  }
+  EXPECT_EQ(received,
+            "HTTP/1.0 200 OK\\x0d&#x0a;Content-Type: text/plain\\x0d&#x0a;Content-Length: 14\\x0d&#x0a;\\x0d&#x0a;"
+            "Hello, world!&#x0a;")
+      << raw;
+}
