@@ -62,15 +62,18 @@ void setSlot(unsigned socket, SOCKETINFO* record) {
   if (chunk != nullptr) __atomic_store_n(&chunk[socket % kSlotsPerChunk], record, __ATOMIC_RELEASE);
 }
 
-// The kernel's cookie of the socket a descriptor names, or 0 when there is none to be had.
+// The kernel's cookie of the socket a descriptor names, or 0 when there is none to be had (and
+// `error` says why). The host's errno is left as it was.
 uint64_t socketCookie(unsigned socket, int* error) {
+  const int savedErrno = errno;
   uint64_t cookie = 0;
   socklen_t length = sizeof cookie;
+  *error = 0;
   if (True_getsockopt(static_cast<int>(socket), SOL_SOCKET, SO_COOKIE, &cookie, &length) != 0) {
     *error = errno;
-    return 0;
+    cookie = 0;
   }
-  *error = 0;
+  errno = savedErrno;
   return cookie;
 }
 
@@ -163,10 +166,8 @@ SOCKETINFO* createSocketInfo(unsigned socket, unsigned family, unsigned type, in
   }
   // Remembered so that a descriptor closed behind the agent's back and reused for something else
   // is never taken for this socket.
-  const int savedErrno = errno;
   int error = 0;
   record->cookie = socketCookie(socket, &error);
-  errno = savedErrno;
   StartCriticalSectionBase(&criticalSectionSocketInfoData);
   record->type = type;
   if (nonBlocking & 1) {
@@ -208,10 +209,8 @@ int freeSocketInfo(unsigned socket) {
 SOCKETINFO* getCurrentSocketInfo(unsigned socket) {
   SOCKETINFO* record = getSocketInfo(socket);
   if (record == nullptr || record->cookie == 0) return record;
-  const int savedErrno = errno;
   int error = 0;
   const uint64_t now = socketCookie(socket, &error);
-  errno = savedErrno;
   // Not a socket any more, or another socket: the old one was closed without the agent seeing
   // it, and its record goes with it.
   if (error == EBADF || error == ENOTSOCK || (error == 0 && now != record->cookie)) {
