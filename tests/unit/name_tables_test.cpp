@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
+#include <vector>
 
 TEST(FamilyTable, EveryClassicEntryWithItsComment) {
   const char* names[26] = {"AF_UNSPEC", "AF_UNIX",      "AF_INET",     "AF_IMPLINK", "AF_PUP",      "AF_CHAOS",
@@ -95,7 +98,7 @@ TEST(TypeTable, BaseTypesAndFlags) {
   EXPECT_STREQ(typeToString(-1), "SOCK_NONBLOCK | SOCK_CLOEXEC | <unknown>");
 }
 
-TEST(TypeTable, OneSharedBufferOverwrittenByEachCall) {
+TEST(TypeTable, OneBufferPerThreadOverwrittenByEachCall) {
   char* first = typeToString(1);
   char* second = typeToString(2);
   EXPECT_EQ(first, second);
@@ -209,4 +212,22 @@ TEST(FlagImage, ShortOrNullBufferIsLeftAlone) {
   fifty[50] = '\0';
   getFlagImage(2, fifty);
   EXPECT_STREQ(fifty, "MSG_PEEK");
+}
+
+TEST(TypeTable, NamesFromManyThreadsAtOnceAreEachWhole) {
+  // Threads that name types at the same moment each get their own text: a shared buffer would
+  // hand them each other's halves, or run past its end.
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&wrong, t] {
+      const int type = t % 2 == 0 ? 0x80805 : 0x2;
+      const char* expected = t % 2 == 0 ? "SOCK_NONBLOCK | SOCK_CLOEXEC | SOCK_SEQPACKET" : "SOCK_DGRAM";
+      for (int i = 0; i < 200000; ++i) {
+        if (strcmp(typeToString(type), expected) != 0) ++wrong;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(wrong.load(), 0);
 }
