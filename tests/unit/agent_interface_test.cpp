@@ -326,3 +326,18 @@ TEST(RecorderChannelStartup, RunAgainAfterCleanBuildsANewInterface) {
   agentInterface = saved;
   globalInitDone = savedDone;
 }
+
+TEST(RecorderChannelStartup, StartUpLineNamesTheWordSize) {
+  const int savedDone = globalInitDone;
+  globalInitDone = 1;
+  AgentInterface* saved = agentInterface;
+  talvex_test::LogCapture log("2");
+  cleanSocketPointers();
+  initializeSocketPointers();
+  const auto lines = log.lines();
+  agentInterface = saved;
+  globalInitDone = savedDone;
+  // The first line after the log header: the agent says which of its two builds it is.
+  ASSERT_GE(lines.size(), 2u) << log.content();
+  EXPECT_EQ(lines[1], sizeof(void*) == 8 ? "[INFO ]initialize library 64" : "[INFO ]initialize library 32") << log.content();
+}
