@@ -238,14 +238,14 @@ TEST(HostileHost, RecorderCorePathThatIsAFifoDoesNotBlockStartUp) {
   TempDir files;
   const std::string fifo = files.file("core.fifo");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  const std::vector<std::string> argv = {kClockNameProbePath};
+  const std::vector<std::string> argv = {kProbePath, "first-close"};
   const ProcessResult plain = plainRun(argv);
   const Recording r = recordRun(argv, {{kRecorderCoreVariable, fifo}}, "", kBound);
   expectSameOutcome(plain, r.run);
 }
 
 TEST(HostileHost, EmptyLogDirectoryWritesNoLogAnywhere) {
-  const std::vector<std::string> argv = {kClockNameProbePath};
+  const std::vector<std::string> argv = {kProbePath, "first-close"};
   const Recording r = recordRun(argv, {{"TALVEX_SOCKET_AGENT_DEBUG_DIR", ""}}, "", kBound);
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
   // Taken as it stands, the empty directory put the log at the root of the file system.
@@ -259,7 +259,7 @@ TEST(HostileHost, RecorderPortOutOfRangeSendsNothingAndSaysSo) {
   endpoint.start("127.0.0.1", 0, nullptr);
   EchoServer echo;
   // 65,536 above a port that listens: cut to 16 bits, it would be that port.
-  const Recording r = recordRun(hostile({"bad-pointers", std::to_string(echo.port())}),
+  const Recording r = recordRun({kRecordingProbePath, "nonblock-connect", std::to_string(echo.port())},
                                 {{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(endpoint.port() + 65536)}}, "",
                                 kBound);
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
