@@ -142,7 +142,7 @@ ssize_t Mysend(int socket, const void* buffer, size_t length, int flags) {
   const ssize_t result = True_send(socket, buffer, length, flags);
   const int error = readErrorCode();
   if (result == -1) {
-    si_disp(record, DMK_WARNING, "[%d]send (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "",
+    si_disp(record, DMK_WARNING, "[%d]send (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS,
             start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
             static_cast<int>(length), flags, logAddress(buffer));
   } else {
@@ -173,11 +173,11 @@ ssize_t Mysendto(int socket, const void* buffer, size_t length, int flags, const
   const ssize_t result = True_sendto(socket, buffer, length, flags, address, addressLength);
   const int error = readErrorCode();
   if (result == -1) {
-    si_disp(record, DMK_WARNING, "[%d]sendto (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "",
+    si_disp(record, DMK_WARNING, "[%d]sendto (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS,
             start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
             static_cast<int>(length), flags, logAddress(buffer));
   } else {
-    si_disp(record, DMK_RET, "[%d]sendto (OK):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "", start.cpt,
+    si_disp(record, DMK_RET, "[%d]sendto (OK):\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS, start.cpt,
             static_cast<unsigned long>(fd), static_cast<int>(length), flags,
             logAddress(buffer));
   }
@@ -203,7 +203,7 @@ ssize_t Mywrite(int descriptor, const void* buffer, size_t count) {
   const ssize_t result = True_write(descriptor, buffer, count);
   const int error = readErrorCode();
   if (result == -1) {
-    si_disp(record, DMK_WARNING, "[%d]write (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t count = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "",
+    si_disp(record, DMK_WARNING, "[%d]write (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t count = %d,\t buf = 0x" TALVEX_HEX_ADDRESS,
             start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
             static_cast<int>(count), logAddress(buffer));
   } else {
@@ -232,7 +232,7 @@ ssize_t Mysendmsg(int socket, const msghdr* header, int flags) {
   const ssize_t result = True_sendmsg(socket, header, flags);
   const int error = readErrorCode();
   if (result == -1) {
-    si_disp(record, DMK_WARNING, "[%d]sendmsg (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t buf = 0x" TALVEX_HEX_ADDRESS "", start.cpt,
+    si_disp(record, DMK_WARNING, "[%d]sendmsg (SOCKET ERROR : %d %s : %s):\tsocket : %lx\t buf = 0x" TALVEX_HEX_ADDRESS, start.cpt,
             error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
             logAddress(header));
   } else {
@@ -270,11 +270,11 @@ ssize_t Myrecv(int socket, void* buffer, size_t length, int flags) {
   const ssize_t result = True_recv(socket, buffer, length, flags);
   const int error = readErrorCode();
   if (result == -1) {
-    si_disp(record, DMK_WARNING, "[%d]recv (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "",
+    si_disp(record, DMK_WARNING, "[%d]recv (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS,
             start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
             static_cast<int>(length), flags, logAddress(buffer));
   } else {
-    si_disp(record, DMK_RET, "[%d]recv (OK) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "", start.cpt,
+    si_disp(record, DMK_RET, "[%d]recv (OK) :\tsocket : %lx\t len = %d,\t flags = %d,\t buf = 0x" TALVEX_HEX_ADDRESS, start.cpt,
             static_cast<unsigned long>(fd), static_cast<int>(length), flags,
             logAddress(buffer));
   }
@@ -356,11 +356,11 @@ ssize_t Myread(int descriptor, void* buffer, size_t count) {
   const ssize_t result = True_read(descriptor, buffer, count);
   const int error = readErrorCode();
   if (result == -1) {
-    si_disp(record, DMK_WARNING, "[%d]read (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t len = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "",
+    si_disp(record, DMK_WARNING, "[%d]read (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t len = %d,\t buf = 0x" TALVEX_HEX_ADDRESS,
             start.cpt, error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
             static_cast<int>(count), logAddress(buffer));
   } else {
-    si_disp(record, DMK_RET, "[%d]read (OK) :\tsocket : %lx\t len = %d,\t buf = 0x" TALVEX_HEX_ADDRESS "", start.cpt,
+    si_disp(record, DMK_RET, "[%d]read (OK) :\tsocket : %lx\t len = %d,\t buf = 0x" TALVEX_HEX_ADDRESS, start.cpt,
             static_cast<unsigned long>(fd), static_cast<int>(count),
             logAddress(buffer));
   }
@@ -385,11 +385,11 @@ ssize_t Myrecvmsg(int socket, msghdr* header, int flags) {
   const ssize_t result = True_recvmsg(socket, header, flags);
   const int error = readErrorCode();
   if (result == -1) {
-    si_disp(record, DMK_WARNING, "[%d]recvmsg (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t buf = 0x" TALVEX_HEX_ADDRESS "", start.cpt,
+    si_disp(record, DMK_WARNING, "[%d]recvmsg (SOCKET ERROR : %d %s : %s) :\tsocket : %lx\t buf = 0x" TALVEX_HEX_ADDRESS, start.cpt,
             error, getSocketErrorKind(error), getSocketErrorMsg(error), static_cast<unsigned long>(fd),
             logAddress(header));
   } else {
-    si_disp(record, DMK_RET, "[%d]recvmsg (OK) :\tsocket : %lx\t buf = 0x" TALVEX_HEX_ADDRESS "", start.cpt,
+    si_disp(record, DMK_RET, "[%d]recvmsg (OK) :\tsocket : %lx\t buf = 0x" TALVEX_HEX_ADDRESS, start.cpt,
             static_cast<unsigned long>(fd), logAddress(header));
   }
   const int reason = shouldBeLogged(record);

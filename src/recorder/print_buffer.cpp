@@ -11,8 +11,6 @@ const unsigned kAppendMargin = 9;
 const unsigned kExpandMargin = 8;
 const char kEmpty[1] = {'\0'};
 
-bool needsEntity(unsigned char c) { return c == 0x09 || c == 0x0a || c == 0x22 || c == 0x26 || c == 0x3c; }
-
 // Every byte's escaped form, worked out by the compiler: encoding is then one table lookup and a
 // small copy per byte, with no branch on the byte's class.
 struct EscapeTable {
@@ -147,25 +145,9 @@ void PrintBuffer::startData(RecorderMessageAttribute attribute, RecorderMessageA
 void PrintBuffer::endData() { append("\"", 1); }
 
 char* PrintBuffer::writeEscaped(char* out, unsigned char c) {
-  if (needsEntity(c)) {
-    *out++ = '&';
-    *out++ = '#';
-    *out++ = 'x';
-    *out++ = HexaTable[c >> 4];
-    *out++ = HexaTable[c & 0xf];
-    *out++ = ';';
-  } else if (c == 0x5c) {
-    *out++ = '\\';
-    *out++ = '\\';
-  } else if (c < 0x20 || c > 0x7e) {
-    *out++ = '\\';
-    *out++ = 'x';
-    *out++ = HexaTable[c >> 4];
-    *out++ = HexaTable[c & 0xf];
-  } else {
-    *out++ = static_cast<char>(c);
-  }
-  return out;
+  const unsigned size = kEscapes.size[c];
+  memcpy(out, kEscapes.text[c], size);
+  return out + size;
 }
 
 void PrintBuffer::appendEscaped(unsigned char c) {
