@@ -1,4 +1,5 @@
 #include "agent/agent_startup.h"
+#include "agent/complete_capture.h"
 #include "interpose/symbol_versions.h"
 
 #include <arpa/inet.h>
@@ -129,6 +130,7 @@ void initializeSocketPointers() {
   locateAgentFile();
   doubleLogSocks = getenv(kDoubleLogSocksVariable) != nullptr;
   readFollowForks();
+  readCompleteCapture();
   locateRecorderCore();
   startRecorderChannel();
   initializeRealFunctionPointers();

@@ -7,7 +7,9 @@
 #include "agent/agent_startup.h"
 #include "diag/debug_log.h"
 #include "diag/name_tables.h"
+#include "hooks/complete_capture_rules.h"
 #include "hooks/handler_support.h"
+#include "interpose/capture_real_functions.h"
 #include "hooks/handlers.h"
 #include "hooks/socket_registry.h"
 #include "interpose/real_functions.h"
@@ -123,6 +125,10 @@ int Mybind(int socket, const sockaddr* address, socklen_t length) {
 }
 
 int Myaccept(int socket, sockaddr* address, socklen_t* length) {
+  return acceptConnection(socket, address, length, AcceptCall{false, 0});
+}
+
+int acceptConnection(int socket, sockaddr* address, socklen_t* length, AcceptCall call) {
   const CallStart start = beginCall();
   const unsigned fd = static_cast<unsigned>(socket);
   // The peer's address is always wanted. Without a caller's buffer the agent's own takes the
@@ -137,7 +143,8 @@ int Myaccept(int socket, sockaddr* address, socklen_t* length) {
   socklen_t callerCapacity = 0;
   if (address != nullptr && length != nullptr) copyHostBytes(&callerCapacity, length, sizeof callerCapacity, 0);
   s_disp(fd, DMK_CALL, "[%d]accept \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
-  const int result = True_accept(socket, callAddress, callLength);
+  const int result = call.four ? True_accept4(socket, callAddress, callLength, call.flags)
+                               : True_accept(socket, callAddress, callLength);
   const int error = readErrorCode();
   if (result == -1) {
     s_disp(fd, DMK_WARNING, "[%d]accept (INVALID_SOCKET : %d %s : %s):\tsocket : %lx\t addrlen %d, addr = (0x" TALVEX_HEX_ADDRESS_LOWER ")",
@@ -152,8 +159,9 @@ int Myaccept(int socket, sockaddr* address, socklen_t* length) {
          logAddress(callAddress));
   SOCKETINFO* listener = getSocketInfo(fd);
   // Only the first connection accepted on a listener is recorded; the recorder learns the rest
-  // from the traffic itself.
-  if (!isAcceptedSocket(listener)) {
+  // from the traffic itself (unless every accept is).
+  const bool followed = everyAcceptRecorded();
+  if (!isAcceptedSocket(listener) || followed) {
     if (address != nullptr && True_getpeername(result, reinterpret_cast<sockaddr*>(&peer), &peerLength) != 0) {
       // The peer may already be gone; the caller's buffer then holds what the kernel gave, as
       // far as it fitted: the length the kernel reports is the full one, maybe past the buffer.
@@ -169,6 +177,7 @@ int Myaccept(int socket, sockaddr* address, socklen_t* length) {
     fillMsgWithName(&message, reinterpret_cast<sockaddr*>(&peer));
     sendToRecorder(message);
     createMemoAcceptedSocket(listener);
+    if (followed) followAcceptedSocket(result, listener, peer.ss_family, call.flags);
   }
   restoreErrorCode(error);
   return result;
@@ -261,6 +270,7 @@ int Myclose(int socket) {
   errno = start.callerErrno;
   const int result = True_close(socket);
   const int error = readErrorCode();
+  forgetDescriptor(fd);
   if (record == nullptr) {
     restoreErrorCode(error);
     return result;

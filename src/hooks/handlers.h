@@ -15,6 +15,12 @@ int Mysocket(int domain, int type, int protocol);
 int Mybind(int socket, const sockaddr* address, socklen_t length);
 int Mylisten(int socket, int backlog);
 int Myaccept(int socket, sockaddr* address, socklen_t* length);
+// accept and accept4 share one handler; `four` says which real function to call.
+struct AcceptCall {
+  bool four;
+  int flags;
+};
+int acceptConnection(int socket, sockaddr* address, socklen_t* length, AcceptCall call);
 int Myconnect(int socket, const sockaddr* address, socklen_t length);
 int Myclose(int socket);
 

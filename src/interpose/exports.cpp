@@ -4,6 +4,9 @@
 #include <errno.h>
 
 #include "agent/agent_startup.h"
+#include "agent/complete_capture.h"
+#include "hooks/capture_handlers.h"
+#include "interpose/capture_real_functions.h"
 #include "hooks/handlers.h"
 #include "interpose/companions.h"
 #include "interpose/dlsym_bootstrap.h"
@@ -20,25 +23,48 @@
 // Each export is an alias of a hidden twin: the twin's address is the agent's own function, while
 // the address of the exported name, taken inside the agent, would be whatever the host put in
 // front of it (a sanitizer runtime's interceptor of the same name).
+#define TALVEX_ENTER_AGENT()                 \
+  AgentScope scope;                          \
+  if (globalInit == 0) {                     \
+    const int callerErrno = errno;           \
+    GlobalInit();                            \
+    waitForStartupElsewhere();               \
+    errno = callerErrno;                     \
+  }
+
 #define TALVEX_DEFINE_EXPORT(result, name, parameters, arguments, throws)                                   \
   extern "C" __attribute__((visibility("hidden"))) result talvexExport_##name parameters throws {          \
     if (insideAgent()) {                                                                                  \
       if (name##_ptr == nullptr) fillFromNext(name##_ptr, #name);                                         \
       return name##_ptr arguments;                                                                        \
     }                                                                                                     \
-    AgentScope scope;                                                                                     \
-    if (globalInit == 0) {                                                                                \
-      const int callerErrno = errno;                                                                      \
-      GlobalInit();                                                                                       \
-      waitForStartupElsewhere();                                                                          \
-      errno = callerErrno;                                                                                \
-    }                                                                                                     \
+    TALVEX_ENTER_AGENT()                                                                                  \
     if (name##_ptr == nullptr) fillFromNext(name##_ptr, #name);                                           \
     return My##name arguments;                                                                            \
   }                                                                                                       \
   extern "C" TALVEX_EXPORT result name parameters throws __attribute__((alias("talvexExport_" #name)));
 TALVEX_SOCKET_EXPORTS(TALVEX_DEFINE_EXPORT)
 #undef TALVEX_DEFINE_EXPORT
+
+// The extension's entry points neither start the agent nor record anything unless it is on: a
+// program that never asked for it runs as if they were not there.
+#define TALVEX_DEFINE_CAPTURE_EXPORT(result, name, parameters, arguments, throws)                           \
+  extern "C" __attribute__((visibility("hidden"))) result talvexExport_##name parameters throws {          \
+    if (insideAgent() || !completeCaptureRequested()) {                                                   \
+      if (name##_ptr == nullptr) fillFromNext(name##_ptr, #name);                                         \
+      if (name##_ptr == nullptr) {                                                                        \
+        errno = ENOSYS;                                                                                   \
+        return -1;                                                                                        \
+      }                                                                                                   \
+      return name##_ptr arguments;                                                                        \
+    }                                                                                                     \
+    TALVEX_ENTER_AGENT()                                                                                  \
+    return My##name arguments;                                                                            \
+  }                                                                                                       \
+  extern "C" TALVEX_EXPORT result name parameters throws __attribute__((alias("talvexExport_" #name)));
+TALVEX_CAPTURE_EXPORTS(TALVEX_DEFINE_CAPTURE_EXPORT)
+#undef TALVEX_DEFINE_CAPTURE_EXPORT
+#undef TALVEX_ENTER_AGENT
 
 namespace {
 
@@ -49,7 +75,7 @@ struct OwnExport {
 
 #define TALVEX_OWN_EXPORT(result, name, parameters, arguments, throws) \
   {#name, reinterpret_cast<void*>(&talvexExport_##name)},
-const OwnExport ownExports[] = {TALVEX_SOCKET_EXPORTS(TALVEX_OWN_EXPORT)};
+const OwnExport ownExports[] = {TALVEX_SOCKET_EXPORTS(TALVEX_OWN_EXPORT) TALVEX_CAPTURE_EXPORTS(TALVEX_OWN_EXPORT)};
 #undef TALVEX_OWN_EXPORT
 
 // Compared by hand: this runs while a sanitizer runtime starts, when its own strcmp, which stands

@@ -15,6 +15,7 @@ constexpr const char* kRecorderCoreStandinPath = TALVEX_RECORDER_CORE_STANDIN_PA
 constexpr const char* kRecorderPath = TALVEX_RECORDER_PATH;
 constexpr const char* kRecordingProbePath = TALVEX_RECORDING_PROBE_PATH;
 constexpr const char* kHostileProbePath = TALVEX_HOSTILE_PROBE_PATH;
+constexpr const char* kCaptureProbePath = TALVEX_CAPTURE_PROBE_PATH;
 constexpr const char* kSanitizedHostProbePath = TALVEX_SANITIZED_HOST_PROBE_PATH;
 constexpr const char* kClockNameProbePath = TALVEX_CLOCK_NAME_PROBE_PATH;
 constexpr const char* kFreshProcessChecksPath = TALVEX_FRESH_PROCESS_CHECKS_PATH;

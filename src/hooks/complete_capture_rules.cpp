@@ -1,0 +1,116 @@
+#include "hooks/complete_capture_rules.h"
+
+#include <errno.h>
+#include <netinet/in.h>
+#include <stdint.h>
+
+#include "agent/agent_startup.h"
+#include "agent/complete_capture.h"
+#include "hooks/handler_support.h"
+#include "hooks/socket_registry.h"
+#include "interpose/real_functions.h"
+#include "recorder/address_attributes.h"
+#include "recorder/agent_interface.h"
+#include "recorder/recorder_message.h"
+
+namespace {
+
+// Descriptors already found not to be connected TCP sockets, so that a program's file and pipe
+// I/O costs one bit test rather than system calls on every read and write. A close clears the
+// bit; numbers past the table are looked at on every call.
+const unsigned kMarkedDescriptors = 65536;
+uint32_t notTcpSocket[kMarkedDescriptors / 32];
+
+bool marked(unsigned fd) {
+  return fd < kMarkedDescriptors && (__atomic_load_n(&notTcpSocket[fd / 32], __ATOMIC_RELAXED) & (1u << (fd % 32))) != 0;
+}
+
+void mark(unsigned fd) {
+  if (fd < kMarkedDescriptors) __atomic_fetch_or(&notTcpSocket[fd / 32], 1u << (fd % 32), __ATOMIC_RELAXED);
+}
+
+bool socketOption(unsigned fd, int name, int* value) {
+  socklen_t length = sizeof *value;
+  return True_getsockopt(static_cast<int>(fd), SOL_SOCKET, name, value, &length) == 0;
+}
+
+// The family of the socket `fd`, or 0 when it is not an IP one.
+unsigned ipFamily(unsigned fd) {
+  int domain = 0;
+  if (!socketOption(fd, SO_DOMAIN, &domain)) return 0;
+  return domain == AF_INET || domain == AF_INET6 ? static_cast<unsigned>(domain) : 0;
+}
+
+// Tells the recorder of a socket met first in its traffic, as an accept of unknown listener.
+void announceAdopted(unsigned fd, const sockaddr_storage& peer) {
+  const CallStart start = beginCall();
+  RecorderMessage message(RMT_ACCEPT, start.cpt);
+  if (start.stampNs != -1) message.set(RMA_TIMESTAMP_NS, start.stampNs);
+  message.set(RMA_PID, currentProcessId);
+  message.set(RMA_TIMESTAMP, start.stamp);
+  message.setInt(RMA_TICKET, start.ticket);
+  message.setInt64(RMA_SOCKET, static_cast<int64_t>(fd));
+  message.set(RMA_INFO, "ADOPTED", 0);
+  fillMsgWithName(&message, reinterpret_cast<const sockaddr*>(&peer));
+  sendToRecorder(message);
+}
+
+SOCKETINFO* adopt(unsigned fd) {
+  const int savedErrno = errno;
+  SOCKETINFO* record = nullptr;
+  int type = 0;
+  int protocol = 0;
+  const unsigned family = ipFamily(fd);
+  if (family == 0 || !socketOption(fd, SO_TYPE, &type) || type != SOCK_STREAM ||
+      !socketOption(fd, SO_PROTOCOL, &protocol) || protocol != IPPROTO_TCP) {
+    mark(fd);
+  } else {
+    sockaddr_storage peer = {};
+    socklen_t length = sizeof peer;
+    // One not connected yet is looked at again on its next use.
+    if (True_getpeername(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&peer), &length) == 0) {
+      record = createSocketInfo(fd, family, SOCK_STREAM, 0, IPPROTO_TCP);
+      if (record != nullptr) {
+        createMemoAcceptedSocket(record);
+        announceAdopted(fd, peer);
+      }
+    }
+  }
+  errno = savedErrno;
+  return record;
+}
+
+}  // namespace
+
+SentBytes sentBytes(size_t asked, ssize_t result) {
+  if (!completeCaptureOn()) return {true, asked};
+  if (result <= 0) return {false, 0};
+  return {true, static_cast<size_t>(result) < asked ? static_cast<size_t>(result) : asked};
+}
+
+bool emptyReceiveCarriesData() { return !completeCaptureOn(); }
+
+bool peekIsLeftOut(int flags) { return (flags & MSG_PEEK) != 0 && completeCaptureOn(); }
+
+SOCKETINFO* socketForCall(unsigned fd) {
+  SOCKETINFO* record = getCurrentSocketInfo(fd);
+  // Descriptor 0 is never followed, whoever created it.
+  if (record != nullptr || fd == 0 || !completeCaptureOn() || marked(fd)) return record;
+  return adopt(fd);
+}
+
+void forgetDescriptor(unsigned fd) {
+  if (fd < kMarkedDescriptors) __atomic_fetch_and(&notTcpSocket[fd / 32], ~(1u << (fd % 32)), __ATOMIC_RELAXED);
+}
+
+bool everyAcceptRecorded() { return completeCaptureOn(); }
+
+void followAcceptedSocket(int socket, SOCKETINFO* listener, unsigned family, int acceptFlags) {
+  const int savedErrno = errno;
+  if (family != AF_INET && family != AF_INET6) family = ipFamily(static_cast<unsigned>(socket));
+  const unsigned protocol = getProtocol(listener) != 0 ? getProtocol(listener) : static_cast<unsigned>(IPPROTO_TCP);
+  SOCKETINFO* record = createSocketInfo(static_cast<unsigned>(socket), family, SOCK_STREAM,
+                                        (acceptFlags & static_cast<int>(SOCK_NONBLOCK)) != 0 ? 1 : 0, protocol);
+  if (record != nullptr) createMemoAcceptedSocket(record);
+  errno = savedErrno;
+}

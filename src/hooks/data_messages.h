@@ -1,0 +1,42 @@
+// The send and receive messages every data handler builds, whichever entry point moved the
+// bytes: send, write and writev are all sends to the recorder, recv, read and readv receives.
+#pragma once
+
+#include <stddef.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include "hooks/handler_support.h"
+
+class HostVectors;
+struct SOCKETINFO;
+
+void logNotRecorded(SOCKETINFO* record, const char* name, int cpt, unsigned fd, int reason);
+
+// A send-like call's destination, for sendto.
+struct SendDestination {
+  bool possibleUdp;
+  const sockaddr* address;
+  socklen_t length;
+};
+
+// A receive-like call's source, for recvfrom.
+struct ReceiveSource {
+  bool possibleUdp;
+  const sockaddr* address;
+};
+
+// A send of `length` bytes at `buffer` whose real call gave `result` and `error`.
+void recordSend(const CallStart& start, int socket, const void* buffer, size_t length, ssize_t result, int error,
+                const SendDestination* destination = nullptr);
+// A send whose bytes are spread over the host's vectors (sendmsg, writev).
+void recordVectorSend(const CallStart& start, int socket, const HostVectors& vectors, ssize_t result, int error);
+// A receive into `buffer`, stamped now: its data arrived when the call returned.
+void recordReceive(int cpt, int ticket, int socket, const void* buffer, size_t length, ssize_t result, int error,
+                   const ReceiveSource* source = nullptr);
+// A receive spread over the host's vectors (recvmsg, readv).
+void recordVectorReceive(const CallStart& start, int socket, const HostVectors& vectors, ssize_t result, int error);
+
+// Whether a receive with these flags and this outcome is an event for the recorder: an empty
+// poll of a non-blocking socket is not.
+bool receiveIsRecorded(int flags, int error, ssize_t result);
