@@ -72,6 +72,11 @@ TEST(AgentBinary, ExportsExactlyItsInterface) {
     expected.insert("_Z" + std::to_string(init.size()) + init + "v");
   }
   for (const char* name : kCompanionSignatures) expected.insert(name);
+  // The complete-capture extension's entry points.
+  for (const char* name : {"writev", "readv", "sendfile", "sendfile64", "accept4", "__recv_chk", "__recvfrom_chk",
+                           "__read_chk"}) {
+    expected.insert(name);
+  }
 
   std::set<std::string> actual;
   for (const auto& line : splitLines(tool({"/usr/bin/nm", "-D", "--defined-only", kAgentPath}))) {

@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <map>
 #include <regex>
 #include <string>
 
@@ -314,4 +315,100 @@ TEST(TalvexRecord, RecordsTheSystemsCurlUnderAShellByteForByte) {
             "HTTP/1.0 200 OK\\x0d&#x0a;Content-Type: text/plain\\x0d&#x0a;Content-Length: 14\\x0d&#x0a;\\x0d&#x0a;"
             "Hello, world!&#x0a;")
       << raw;
+}
+
+namespace {
+
+// An HTTP server as Python's standard library makes one: http.server reads the request body and
+// answers with the file through socket.sendfile.
+const char* const kSendfileServer = R"(import http.server, os, sys
+class Handler(http.server.BaseHTTPRequestHandler):
+    def do_POST(self):
+        self.rfile.read(int(self.headers['Content-Length']))
+        self.send_response(200)
+        self.send_header('Content-Length', str(os.path.getsize(sys.argv[1])))
+        self.end_headers()
+        self.wfile.flush()
+        with open(sys.argv[1], 'rb') as f:
+            self.connection.sendfile(f)
+    def log_message(self, *arguments):
+        pass
+server = http.server.HTTPServer(('127.0.0.1', 8080), Handler)
+open(sys.argv[2], 'w').write('ready')
+server.handle_request()
+)";
+
+// Its client, through http.client: a POST of binary bytes, the answer read to its end.
+const char* const kPostClient = R"(import http.client
+body = bytes((i * 7 + i // 300) % 256 for i in range(150000))
+c = http.client.HTTPConnection('127.0.0.1', 8080)
+c.request('POST', '/upload', body=body, headers={'Content-Type': 'application/octet-stream'})
+print(len(c.getresponse().read()))
+)";
+
+struct Direction {
+  std::string sent, received;
+};
+
+// What each process of a raw recording sent and received on its TCP connections, by pid.
+std::map<std::string, Direction> bytesByProcess(const std::string& raw) {
+  std::map<std::string, Direction> out;
+  for (const auto& line : splitLines(raw)) {
+    talvex::ParsedMessage m;
+    if (!talvex::parseRecorderMessage(line, &m, nullptr)) continue;
+    const talvex::MessageAttribute* pid = m.find("pid");
+    const talvex::MessageAttribute* data = m.find("data");
+    if (pid == nullptr || data == nullptr) continue;
+    if (m.kind == "send") out[pid->raw].sent += data->bytes;
+    if (m.kind == "receive") out[pid->raw].received += data->bytes;
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST(TalvexRecord, PythonHttpServerAndClientAreRecordedAsTheWireCarriedThem) {
+  TempDir tmp;
+  std::string file(200000, '\0');
+  for (size_t i = 0; i < file.size(); ++i) file[i] = static_cast<char>((i * 13 + i / 977) & 0xff);
+  FILE* f = fopen(tmp.file("payload").c_str(), "wb");
+  fwrite(file.data(), 1, file.size(), f);
+  fclose(f);
+  f = fopen(tmp.file("server.py").c_str(), "w");
+  fputs(kSendfileServer, f);
+  fclose(f);
+  f = fopen(tmp.file("client.py").c_str(), "w");
+  fputs(kPostClient, f);
+  fclose(f);
+  // In a network namespace of its own, so that the capture holds this conversation only; the
+  // capture has started once dumpcap says so and its filter is in place a moment later.
+  const std::string script =
+      "ip link set lo up || exit 3\n"
+      "dumpcap -q -i lo -f 'tcp port 8080' -w " + tmp.file("wire.pcapng") + " 2>" + tmp.file("dumpcap.err") +
+      " & D=$!\n"
+      "i=0; while ! grep -q 'Capturing on' " + tmp.file("dumpcap.err") + " && [ $i -lt 100 ]; do sleep 0.1; i=$((i+1)); done\n"
+      "sleep 1\n" +
+      std::string(kRecordPath) + " --raw " + tmp.file("r.raw") + " -- /bin/sh -c '"
+      "python3 " + tmp.file("server.py") + " " + tmp.file("payload") + " " + tmp.file("ready") + " & "
+      "i=0; while [ ! -s " + tmp.file("ready") + " ] && [ $i -lt 100 ]; do sleep 0.1; i=$((i+1)); done; "
+      "python3 " + tmp.file("client.py") + "; wait'\n"
+      "R=$?\n"
+      "sleep 0.5; kill -INT $D; wait $D\n"
+      "exit $R\n";
+  const ProcessResult r = runProcess({"/usr/bin/unshare", "--net", "/bin/sh", "-c", script},
+                                     cleanEnvironment({{"HOME", "/tmp"}}), std::chrono::seconds(120));
+  ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+  EXPECT_EQ(r.out, "200000\n");
+  std::string fromClient, fromServer;
+  followStream(tmp.file("wire.pcapng"), &fromClient, &fromServer);
+  ASSERT_GT(fromClient.size(), 150000u);
+  ASSERT_EQ(fromServer.substr(fromServer.size() - file.size()), file);
+  const auto processes = bytesByProcess(readFile(tmp.file("r.raw")));
+  int client = 0, server = 0;
+  for (const auto& entry : processes) {
+    if (entry.second.sent == fromClient && entry.second.received == fromServer) ++client;
+    if (entry.second.sent == fromServer && entry.second.received == fromClient) ++server;
+  }
+  EXPECT_EQ(client, 1);
+  EXPECT_EQ(server, 1);
 }

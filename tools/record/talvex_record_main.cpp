@@ -205,6 +205,8 @@ int main(int argc, char** argv) {
   environment["LD_PRELOAD"] = (preloaded.empty() ? "" : preloaded + ":") + agent;
   // Every process of the command's tree records as itself: forked children too.
   environment["TALVEX_SOCKET_AGENT_FOLLOW_FORKS"] = "1";
+  // Every byte on the wire, whichever call moved it, and accepted connections too.
+  environment["TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE"] = "1";
   environment["TALVEX_SOCKET_AGENT_IP_ADDRESS"] = where.host;
   environment["TALVEX_SOCKET_AGENT_PORT_NUMBER"] = std::to_string(endpoint.port());
   const std::string clock32 = top + "/lib/i386-linux-gnu/libRecorderCore.so";
