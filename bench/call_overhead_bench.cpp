@@ -2,6 +2,9 @@
 //   plain       no agent (the baseline)
 //   unplugged   the agent preloaded, encoding every message but sending none
 //   recording   the agent preloaded, each send and receive delivered to an endpoint
+//   +capture    each of the two with TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE, against the same
+//               mode without it: what the extension adds to a call on a known socket and to a
+//               write on a descriptor that is not one
 // A send/recv pair on a recorded loopback socket, and a write to /dev/null (a descriptor the
 // agent only looks up).
 #include <stdio.h>
@@ -54,6 +57,13 @@ int main() {
   const Figures unplugged = run(agentEnvironment({{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}}), echo.port());
   const Figures recording =
       run(agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(endpoint.port())}}), echo.port());
+  const Figures unpluggedCapture = run(
+      agentEnvironment({{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}, {"TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE", "1"}}),
+      echo.port());
+  const Figures recordingCapture =
+      run(agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(endpoint.port())},
+                            {"TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE", "1"}}),
+          echo.port());
   printf("per call, %d rounds, best of 3, 32-bit probe on loopback\n", kRounds);
   printf("  %-12s send+recv pair %8.0f ns   write to /dev/null %6.0f ns   (baseline)\n", "plain", plain.pairNs,
          plain.writeNs);
@@ -61,5 +71,11 @@ int main() {
          unplugged.pairNs, unplugged.pairNs / plain.pairNs, unplugged.writeNs, unplugged.writeNs / plain.writeNs);
   printf("  %-12s send+recv pair %8.0f ns   ratio %5.2f   write %6.0f ns   ratio %5.2f\n", "recording",
          recording.pairNs, recording.pairNs / plain.pairNs, recording.writeNs, recording.writeNs / plain.writeNs);
+  printf("  %-12s send+recv pair %8.0f ns   vs unplugged %5.2f   write %6.0f ns   vs unplugged %5.2f\n",
+         "unplugged+capture", unpluggedCapture.pairNs, unpluggedCapture.pairNs / unplugged.pairNs,
+         unpluggedCapture.writeNs, unpluggedCapture.writeNs / unplugged.writeNs);
+  printf("  %-12s send+recv pair %8.0f ns   vs recording %5.2f   write %6.0f ns   vs recording %5.2f\n",
+         "recording+capture", recordingCapture.pairNs, recordingCapture.pairNs / recording.pairNs,
+         recordingCapture.writeNs, recordingCapture.writeNs / recording.writeNs);
   return 0;
 }

@@ -1,0 +1,82 @@
+// Instructions the agent spends in one intercepted call, counted by callgrind (stable where wall
+// time on a shared machine is not): the probe's send/recv loop and its writes to /dev/null run
+// under valgrind, collecting only inside the agent's send, recv and write handlers (the C
+// library's work below them included, the kernel's not). Modes:
+//   pass-through  the agent with its extensions off and unplugged: nothing leaves the process
+//   +capture      the same with TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE: what the extension adds
+//   recording     the agent delivering every message to an endpoint
+//   +capture      the same with the extension
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <string>
+
+#include "process_runner.h"
+#include "recorder_endpoint.h"
+#include "test_paths.h"
+
+using namespace talvex_test;
+
+namespace {
+
+const int kRounds = 2000;
+
+// The instructions collected in `entry` over the run, divided by the calls made to it.
+double perCall(const Environment& environment, int echoPort, const std::string& entry) {
+  TempDir out;
+  const ProcessResult r = runProcess({"/usr/bin/valgrind", "--tool=callgrind", "--callgrind-out-file=" + out.file("cg"),
+                                      "--toggle-collect=My" + entry + "(*", kRecordingProbePath, "loop",
+                                      std::to_string(echoPort), std::to_string(kRounds)},
+                                     environment, std::chrono::seconds(300));
+  if (r.exitCode != 0) {
+    fprintf(stderr, "valgrind run failed: %s\n", r.err.c_str());
+    exit(1);
+  }
+  for (const auto& line : splitLines(readFile(out.file("cg")))) {
+    if (line.rfind("totals: ", 0) == 0) return atof(line.c_str() + 8) / kRounds;
+    if (line.rfind("summary: ", 0) == 0) return atof(line.c_str() + 9) / kRounds;
+  }
+  fprintf(stderr, "no totals in the callgrind output\n");
+  exit(1);
+}
+
+struct Row {
+  double send, recv, write;
+};
+
+Row measure(const Environment& environment, int echoPort) {
+  return {perCall(environment, echoPort, "send"), perCall(environment, echoPort, "recv"),
+          perCall(environment, echoPort, "write")};
+}
+
+}  // namespace
+
+int main() {
+  EchoServer echo;
+  talvex::RecorderEndpoint endpoint;
+  endpoint.start("127.0.0.1", 0, nullptr);
+  const std::string port = std::to_string(endpoint.port());
+  const Environment unplug = {{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}};
+  const Row passThrough = measure(agentEnvironment(unplug), echo.port());
+  const Row passCapture =
+      measure(agentEnvironment({{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}, {"TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE", "1"}}),
+              echo.port());
+  const Row recording = measure(agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", port}}), echo.port());
+  const Row recordingCapture = measure(
+      agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", port}, {"TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE", "1"}}),
+      echo.port());
+  printf("instructions per call (callgrind), %d calls each, 64-byte payloads, 32-bit probe\n", kRounds);
+  printf("  %-20s %10s %10s %10s\n", "", "send", "recv", "write(file)");
+  const auto print = [](const char* name, const Row& row) {
+    printf("  %-20s %10.0f %10.0f %10.0f\n", name, row.send, row.recv, row.write);
+  };
+  print("unplugged", passThrough);
+  print("unplugged+capture", passCapture);
+  print("recording", recording);
+  print("recording+capture", recordingCapture);
+  printf("  capture adds: unplugged %+.0f / %+.0f / %+.0f, recording %+.0f / %+.0f / %+.0f\n",
+         passCapture.send - passThrough.send, passCapture.recv - passThrough.recv,
+         passCapture.write - passThrough.write, recordingCapture.send - recording.send,
+         recordingCapture.recv - recording.recv, recordingCapture.write - recording.write);
+  return 0;
+}
