@@ -46,7 +46,8 @@ void followStream(const std::string& capture, std::string* client, std::string* 
 
 std::string masked(std::string transcript) {
   transcript = std::regex_replace(transcript, std::regex(R"(\d\d:\d\d:\d\d\.\d\d\d)"), "HH:MM:SS.mmm");
-  transcript = std::regex_replace(transcript, std::regex(R"(process \d+ in \S+)"), "process PID in DIR");
+  transcript = std::regex_replace(transcript, std::regex(R"(; times are local \([^)]*\))"), "; times are local (ZONE)");
+  transcript = std::regex_replace(transcript, std::regex(R"(process \d+ in [^;\s]+)"), "process PID in DIR");
   transcript = std::regex_replace(transcript, std::regex(R"(127\.0\.0\.1:\d+)"), "127.0.0.1:PORT");
   transcript = std::regex_replace(transcript, std::regex(R"(\(\d+ ms\))"), "(N ms)");
   // Descriptor numbers depend on what the launching environment left open.
@@ -77,11 +78,11 @@ TEST(TalvexRecord, OneConversationInAllFourOutputs) {
   EXPECT_EQ(kinds, (std::vector<std::string>{"process", "connect", "send", "receive", "close"}));
   const auto json = splitLines(readFile(tmp.file("r.jsonl")));
   EXPECT_EQ(json.size(), raw.size());
-  EXPECT_EQ(linesContaining(readFile(tmp.file("r.jsonl")), "\"base64\":\"YWJjZGVmZw==\"").size(), 2u);
+  EXPECT_EQ(linesContaining(readFile(tmp.file("r.jsonl")), "\"data_b64\":\"YWJjZGVmZw==\"").size(), 2u);
   const std::string transcript = readFile(tmp.file("r.txt"));
   EXPECT_NE(transcript.find("> sent 7 bytes\n      abcdefg\n"), std::string::npos) << transcript;
   EXPECT_NE(transcript.find("< received 7 bytes\n      abcdefg\n"), std::string::npos);
-  EXPECT_NE(transcript.find("summary: 1 sockets, 5 messages, 7 bytes sent, 7 bytes received, 0 failures\n"),
+  EXPECT_NE(transcript.find("summary: 1 socket, 5 messages, 7 bytes sent, 7 bytes received, 0 failures\n"),
             std::string::npos);
   std::string client, server;
   followStream(tmp.file("r.pcap"), &client, &server);
@@ -163,7 +164,7 @@ TEST(TalvexRecord, RefusesWhatItCannotRecord) {
   EXPECT_EQ(r.exitCode, 2);
   r = runProcess({kRecordPath, "--help"}, cleanEnvironment());
   EXPECT_EQ(r.exitCode, 0);
-  EXPECT_EQ(r.out.rfind("usage: talvex-record [options] -- COMMAND [ARGS...]\n", 0), 0u);
+  EXPECT_EQ(r.out.rfind("usage: talvex-record [options] [--] COMMAND [ARGS...]\n", 0), 0u);
 }
 
 TEST(TalvexRecord, PutsTheAgentBehindTheUsersPreload) {
@@ -210,7 +211,7 @@ TEST(TalvexRecord, SocksOption) {
                                  {kRecordingProbePath, "socks-echo", std::to_string(echo.port())});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   const std::string transcript = readFile(tmp.file("s.txt"));
-  EXPECT_NE(transcript.find("[via SOCKS, status 0]"), std::string::npos) << transcript;
+  EXPECT_NE(transcript.find("[via SOCKS]"), std::string::npos) << transcript;
   EXPECT_NE(transcript.find("> sent 4 bytes\n      ping\n"), std::string::npos);
 }
 

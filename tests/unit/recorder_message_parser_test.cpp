@@ -117,23 +117,44 @@ TEST(MessageParser, RoundTripOfRandomPayloads) {
 TEST(MessageJson, WorkedExample) {
   ParsedMessage m;
   ASSERT_TRUE(parseRecorderMessage(kWorkedExample, &m, nullptr));
+  // One flat object: numbers while a double holds them, the nanoseconds as a string.
   EXPECT_EQ(talvex::messageToJson(m),
-            "{\"kind\":\"send\",\"attributes\":["
-            "{\"name\":\"timestamp_ns\",\"type\":\"I8\",\"value\":1700000000123456789,\"hex\":\"17979cfe3d85cd15\"},"
-            "{\"name\":\"timestamp\",\"type\":\"I8\",\"value\":1700000000123,\"hex\":\"18bcfe5687b\"},"
-            "{\"name\":\"ticket\",\"type\":\"I4\",\"value\":5,\"hex\":\"5\"},"
-            "{\"name\":\"socket\",\"type\":\"I8\",\"value\":7,\"hex\":\"7\"},"
-            "{\"name\":\"pid\",\"type\":\"I4\",\"value\":4242,\"hex\":\"1092\"},"
-            "{\"name\":\"data\",\"type\":\"AS\",\"text\":\"PING 1\\r\\n\",\"base64\":\"UElORyAxDQo=\"},"
-            "{\"name\":\"length\",\"type\":\"U4\",\"value\":8,\"hex\":\"8\"}]}");
+            "{\"kind\":\"send\",\"timestamp_ns\":\"1700000000123456789\",\"timestamp\":1700000000123,\"ticket\":5,"
+            "\"socket\":7,\"pid\":4242,\"data\":\"PING 1\\r\\n\",\"data_b64\":\"UElORyAxDQo=\",\"length\":8}");
+  talvex::ConnectionEnds ends;
+  ends.family = "AF_INET6";
+  ends.remoteIp = "::1";
+  ends.remotePort = 8080;
+  ends.localPort = 40000;
+  EXPECT_EQ(talvex::messageToJson(m, &ends),
+            "{\"kind\":\"send\",\"timestamp_ns\":\"1700000000123456789\",\"timestamp\":1700000000123,\"ticket\":5,"
+            "\"socket\":7,\"pid\":4242,\"data\":\"PING 1\\r\\n\",\"data_b64\":\"UElORyAxDQo=\",\"length\":8,"
+            "\"family\":\"AF_INET6\",\"local_port\":40000,\"remote_ip\":\"::1\",\"remote_port\":8080}");
+}
+
+TEST(MessageJson, AddressesErrorsAndLargeNumbersAsJqReadsThem) {
+  ParsedMessage m;
+  ASSERT_TRUE(parseRecorderMessage("<connect timestamp_I8=\"20000000000001\" ticket_I4=\"ffffffff\" "
+                                   "family_AS=\"AF_CCITT\" ip_AS=\"0:0:0:0:0:0:0:1\" port_I4=\"50\" error_I4=\"6f\"/>\n",
+                                   &m, nullptr));
+  EXPECT_EQ(talvex::messageToJson(m),
+            "{\"kind\":\"connect\",\"timestamp\":\"9007199254740993\",\"ticket\":-1,\"family\":\"AF_INET6\","
+            "\"ip\":\"::1\",\"port\":80,\"error\":111,\"error_name\":\"ECONNREFUSED\"}");
 }
 
 TEST(MessageJson, BinaryPayloadHasNoTextButBase64) {
   ParsedMessage m;
   ASSERT_TRUE(parseRecorderMessage("<receive data_AS=\"\\x00\\xff\"/>\n", &m, nullptr));
-  EXPECT_EQ(talvex::messageToJson(m),
-            "{\"kind\":\"receive\",\"attributes\":[{\"name\":\"data\",\"type\":\"AS\",\"text\":null,\"base64\":\"AP8=\"}]}");
-  EXPECT_EQ(talvex::malformedToJson("<x", "why \"so\""), "{\"error\":\"why \\\"so\\\"\",\"raw_base64\":\"PHg=\"}");
+  EXPECT_EQ(talvex::messageToJson(m), "{\"kind\":\"receive\",\"data\":null,\"data_b64\":\"AP8=\"}");
+  EXPECT_EQ(talvex::malformedToJson("<x", "why \"so\""),
+            "{\"kind\":\"malformed\",\"reason\":\"why \\\"so\\\"\",\"raw_b64\":\"PHg=\"}");
+  // UTF-8 text is text; a lone continuation byte or an overlong form is not.
+  ASSERT_TRUE(parseRecorderMessage("<receive data_AS=\"caf\\xc3\\xa9\"/>\n", &m, nullptr));
+  EXPECT_EQ(talvex::messageToJson(m), "{\"kind\":\"receive\",\"data\":\"caf\xc3\xa9\",\"data_b64\":\"Y2Fmw6k=\"}");
+  EXPECT_FALSE(talvex::isUtf8("\x80"));
+  EXPECT_FALSE(talvex::isUtf8("\xc0\xaf"));
+  EXPECT_FALSE(talvex::isUtf8("\xe2\x82"));
+  EXPECT_TRUE(talvex::isUtf8("\xe2\x82\xac"));
   EXPECT_EQ(talvex::base64Encode(""), "");
   EXPECT_EQ(talvex::base64Encode("a"), "YQ==");
   EXPECT_EQ(talvex::base64Encode("ab"), "YWI=");

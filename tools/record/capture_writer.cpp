@@ -39,9 +39,11 @@ bool sideOf(const Peer& peer, Side* side) {
   return inet_pton(AF_INET, peer.ip.c_str(), side->address) == 1;
 }
 
-class Stream {
+}  // namespace
+
+class CaptureStream {
  public:
-  Stream(pcap_dumper_t* dumper, const Side& client, const Side& server) : dumper_(dumper), client_(client), server_(server) {}
+  CaptureStream(pcap_dumper_t* dumper, const Side& client, const Side& server) : dumper_(dumper), client_(client), server_(server) {}
 
   void handshake(int64_t timeNs) {
     packet(timeNs, true, kSyn, "");
@@ -138,9 +140,13 @@ class Stream {
   uint16_t ipId_ = 1;
 };
 
-}  // namespace
+CaptureFile::~CaptureFile() {
+  for (auto& entry : streams_) delete entry.second;
+  if (dumper_ != nullptr) pcap_dump_close(dumper_);
+  if (dead_ != nullptr) pcap_close(dead_);
+}
 
-bool writeCapture(const Recording& recording, const std::string& path, std::string* error) {
+bool CaptureFile::open(const std::string& path, std::string* error) {
   pcap_t* dead = pcap_open_dead(DLT_RAW, 65535);
   if (dead == nullptr) {
     *error = "cannot start a capture";
@@ -152,19 +158,39 @@ bool writeCapture(const Recording& recording, const std::string& path, std::stri
     pcap_close(dead);
     return false;
   }
-  for (const Conversation& c : recording.conversations) {
-    Side client, server;
-    if (c.opening != "connect" || c.failed || !sideOf(c.local, &client) || !sideOf(c.remote, &server)) continue;
-    Stream stream(dumper, client, server);
-    stream.handshake(c.openTimeNs);
-    for (const Event& e : c.events) {
-      if (!e.failed) stream.data(e.timeNs, e.kind == "send", e.data);
-    }
-    if (c.closed) stream.close(c.closeTimeNs);
-  }
-  pcap_dump_close(dumper);
-  pcap_close(dead);
+  dead_ = dead;
+  dumper_ = dumper;
   return true;
+}
+
+void CaptureFile::opened(uint64_t id, const Peer& client, const Peer& server, int64_t timeNs) {
+  Side clientSide, serverSide;
+  if (dumper_ == nullptr || !sideOf(client, &clientSide) || !sideOf(server, &serverSide)) return;
+  CaptureStream* stream = new CaptureStream(dumper_, clientSide, serverSide);
+  streams_[id] = stream;
+  stream->handshake(timeNs);
+  flush();
+}
+
+void CaptureFile::data(uint64_t id, bool fromClient, const std::string& bytes, int64_t timeNs) {
+  const auto found = streams_.find(id);
+  if (found == streams_.end() || bytes.empty()) return;
+  found->second->data(timeNs, fromClient, bytes);
+  flush();
+}
+
+void CaptureFile::closed(uint64_t id, int64_t timeNs) {
+  const auto found = streams_.find(id);
+  if (found == streams_.end()) return;
+  CaptureStream* stream = found->second;
+  stream->close(timeNs);
+  delete stream;
+  streams_.erase(found);
+  flush();
+}
+
+bool CaptureFile::flush() {
+  return dumper_ != nullptr && pcap_dump_flush(dumper_) == 0;
 }
 
 }  // namespace talvex

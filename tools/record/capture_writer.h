@@ -1,15 +1,44 @@
-// Recorded TCP conversations as a capture file that Wireshark and tshark open.
+// Recorded TCP conversations as a capture file that Wireshark and tshark open, written as the
+// messages arrive: each connection the program made becomes one TCP stream between the
+// addresses its messages name, with a made-up handshake and close around the recorded payloads,
+// sequence numbers consistent, time stamps from the messages.
 #pragma once
 
+#include <stdint.h>
+
+#include <pcap/pcap.h>
+
+#include <map>
 #include <string>
 
 #include "conversations.h"
 
 namespace talvex {
 
-// Each connected socket becomes one TCP stream between the addresses its messages name, with a
-// made-up handshake and close around the recorded payloads, sequence numbers consistent, time
-// stamps from the messages. Returns false with `error` filled in when the file cannot be written.
-bool writeCapture(const Recording& recording, const std::string& path, std::string* error);
+class CaptureStream;
+
+class CaptureFile {
+ public:
+  CaptureFile() = default;
+  ~CaptureFile();
+  CaptureFile(const CaptureFile&) = delete;
+  CaptureFile& operator=(const CaptureFile&) = delete;
+
+  // Creates the file with its header. Returns false with `error` filled in when it cannot.
+  bool open(const std::string& path, std::string* error);
+  // A connection `id` opened: its handshake.
+  void opened(uint64_t id, const Peer& client, const Peer& server, int64_t timeNs);
+  // Bytes one side sent on it.
+  void data(uint64_t id, bool fromClient, const std::string& bytes, int64_t timeNs);
+  // Its close.
+  void closed(uint64_t id, int64_t timeNs);
+  // Everything written so far on disk. False when it could not be written.
+  bool flush();
+
+ private:
+  pcap_t* dead_ = nullptr;
+  pcap_dumper_t* dumper_ = nullptr;
+  std::map<uint64_t, CaptureStream*> streams_;
+};
 
 }  // namespace talvex

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 
+#include "address_text.h"
 #include "recorder_message_parser.h"
 
 namespace talvex {
@@ -32,13 +33,6 @@ int familyNumber(const std::string& name) {
   return 0;
 }
 
-// The address a connect left from is not recorded, only its port: a loopback destination was
-// reached from loopback; anything else is shown from a documentation address.
-std::string localAddressFor(const Peer& remote) {
-  if (remote.family == 10) return remote.ip == "0:0:0:0:0:0:0:1" ? remote.ip : "2001:db8:0:0:0:0:0:1";
-  return remote.ip.rfind("127.", 0) == 0 ? "127.0.0.1" : "192.0.2.1";
-}
-
 Peer peerOf(const ParsedMessage& m) {
   Peer p;
   p.family = familyNumber(text(m, "family"));
@@ -48,6 +42,11 @@ Peer peerOf(const ParsedMessage& m) {
 }
 
 }  // namespace
+
+std::string localAddressFor(const Peer& remote) {
+  if (remote.family == 10) return normalIp(remote.ip) == "::1" ? remote.ip : "2001:db8::1";
+  return remote.ip.rfind("127.", 0) == 0 ? "127.0.0.1" : "192.0.2.1";
+}
 
 Recording buildRecording(const std::vector<std::string>& raw) {
   Recording recording;

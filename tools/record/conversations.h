@@ -66,4 +66,8 @@ struct Recording {
 
 Recording buildRecording(const std::vector<std::string>& raw);
 
+// The address a connect to `remote` left from, as far as it can be told: only its port is
+// recorded. Loopback for a loopback destination, a documentation address otherwise.
+std::string localAddressFor(const Peer& remote);
+
 }  // namespace talvex

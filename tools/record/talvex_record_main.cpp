@@ -1,95 +1,79 @@
-// talvex-record: runs a command with the agent preloaded and a recorder endpoint of its own, then
-// writes what the command said on the network.
+// talvex-record: runs a command with the agent preloaded and a recorder endpoint of its own, and
+// writes what the command said on the network as it says it.
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "capture_writer.h"
-#include "conversations.h"
 #include "listen_address.h"
-#include "message_json.h"
+#include "record_options.h"
+#include "record_outputs.h"
 #include "recorder_endpoint.h"
-#include "recorder_message_parser.h"
+#include "signal_forwarding.h"
 #include "target_check.h"
-#include "transcript.h"
 
 extern char** environ;
 
 namespace {
 
 const char* const kUsage =
-    "usage: talvex-record [options] -- COMMAND [ARGS...]\n"
+    "usage: talvex-record [options] [--] COMMAND [ARGS...]\n"
     "\n"
-    "Runs COMMAND with the Talvex socket agent preloaded, every process of it (32- or 64-bit),\n"
-    "records every network call they make\n"
-    "makes, and shows what it said. Exits with COMMAND's exit status.\n"
+    "Runs COMMAND with the Talvex socket agent preloaded into every process of it (32- or\n"
+    "64-bit), records every byte they move on their TCP connections, and shows what they said.\n"
+    "Exits with COMMAND's exit status (128+N when signal N ended it).\n"
     "\n"
-    "Outputs (a transcript on standard error unless --transcript names a file):\n"
-    "  --transcript FILE    readable transcript: one block per socket, payloads as text or hex\n"
+    "Outputs, each written as the messages arrive (the transcript when the run ends):\n"
+    "  --transcript FILE    readable transcript, one block per process and per socket\n"
+    "                       (default: on standard error, unless --live or --quiet)\n"
     "  --full               show every byte of long payloads in the transcript\n"
     "  --raw FILE           the recorder messages exactly as received, one per line\n"
-    "  --jsonl FILE         the messages decoded, one JSON object per line\n"
-    "  --pcap FILE          the TCP conversations as a capture file for Wireshark or tshark\n"
+    "  --jsonl FILE         one flat JSON object per message (see the README for jq examples)\n"
+    "  --pcap FILE          the TCP connections COMMAND made, as a capture file for Wireshark\n"
+    "  --live               print each event on standard error as it happens (the default\n"
+    "                       when standard error is a terminal); --no-live to turn it off\n"
+    "  -q, --quiet          no transcript on standard error\n"
+    "\n"
+    "Filters (repeatable; the program itself is not affected):\n"
+    "  --only HOST[:PORT]   show only connections with this far end (or this port at either end)\n"
+    "  --exclude HOST[:PORT]  leave these out; HOST is a name or an address, [IPV6]:PORT or :PORT\n"
     "\n"
     "Recording:\n"
     "  --listen ADDR:PORT   where the recorder endpoint listens (default: a free loopback port)\n"
     "  --socks ADDR:PORT    reroute connects through this SOCKS5 server ([IPV6]:PORT for IPv6)\n"
     "  --double-log-socks   record traffic on rerouted sockets as well\n"
     "  --log-dir DIR        write the agent's diagnostic log in DIR\n"
-    "  --log-level LEVEL    its kinds of line: a number (bit mask) or names separated by commas\n"
-    "                       among error,info,call,ret,warning,data,all (default with --log-dir:\n"
-    "                       error,info)\n"
-    "  --traceback          print a backtrace if COMMAND crashes\n"
+    "  --log-level LEVEL    its kinds of line (with --log-dir): a number (bit mask) or names\n"
+    "                       among error,info,call,ret,warning,data,all (default error,info)\n"
+    "  --traceback          print a backtrace if COMMAND crashes. The agent's crash handler then\n"
+    "                       ends it with status 0; talvex-record reports the crash (COMMAND's\n"
+    "                       standard output passes through talvex-record to be watched)\n"
     "  --unplug             run with the agent but send nothing\n"
-    "  --help               this text\n"
+    "  -h, --help           this text\n"
+    "  -V, --version        the version\n"
     "\n"
     "Examples:\n"
-    "  talvex-record -- ./client 127.0.0.1 8080\n"
-    "  talvex-record --pcap out.pcap --jsonl out.jsonl -- ./client\n"
-    "  talvex-record --socks 127.0.0.1:1081 --log-dir /tmp/logs --log-level all -- ./client\n"
-    "  tshark -r out.pcap -q -z follow,tcp,ascii,0\n";
-
-struct Options {
-  std::string transcript, raw, jsonl, pcap, listen = "127.0.0.1:0", socks, logDir, logLevel;
-  bool full = false, doubleLogSocks = false, traceback = false, unplug = false;
-  std::vector<std::string> command;
-};
+    "  talvex-record curl -s http://127.0.0.1:8080/\n"
+    "  talvex-record --pcap out.pcap --jsonl out.jsonl -- ./client --port 8080\n"
+    "  talvex-record --only api.internal:443 --exclude :5432 -- ./service-tests\n"
+    "  jq -r 'select(.kind==\"send\") | .data' out.jsonl\n";
 
 int usageError(const std::string& message) {
-  fprintf(stderr, "talvex-record: %s\n\n%s", message.c_str(), kUsage);
+  fprintf(stderr, "talvex-record: %s\nTry 'talvex-record --help' for more information.\n", message.c_str());
   return 2;
-}
-
-// A level as the agent reads it: a number, or names of kinds.
-bool parseLevel(const std::string& text, std::string* out) {
-  if (!text.empty() && text.find_first_not_of("0123456789") == std::string::npos) {
-    *out = text;
-    return true;
-  }
-  static const std::map<std::string, int> bits = {{"error", 1},    {"info", 2},  {"call", 8},  {"ret", 16},
-                                                  {"warning", 32}, {"data", 64}, {"all", 127}};
-  int mask = 0;
-  size_t start = 0;
-  while (start <= text.size()) {
-    const size_t comma = text.find(',', start);
-    const std::string name = text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
-    const auto found = bits.find(name);
-    if (found == bits.end()) return false;
-    mask |= found->second;
-    if (comma == std::string::npos) break;
-    start = comma + 1;
-  }
-  *out = std::to_string(mask);
-  return true;
 }
 
 std::string directoryOfSelf() {
@@ -101,65 +85,90 @@ std::string directoryOfSelf() {
   return self.substr(0, self.rfind('/'));
 }
 
-bool writeFile(const std::string& path, const std::string& content) {
-  FILE* f = fopen(path.c_str(), "wb");
-  if (f == nullptr) return false;
-  const bool ok = fwrite(content.data(), 1, content.size(), f) == content.size();
-  return fclose(f) == 0 && ok;
-}
+// With --traceback, the command's standard output passes through here, so that the backtrace
+// the agent's crash handler prints there tells that the command crashed even though it then
+// exits with status 0.
+class CrashWatch {
+ public:
+  int start() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) return -1;
+    read_ = ends[0];
+    thread_ = std::thread([this] { relay(); });
+    return ends[1];
+  }
+  // Waits a moment for the last of the output; a process of the command that keeps its standard
+  // output open (a daemon) is not waited for.
+  bool crashed() {
+    if (thread_.joinable()) {
+      for (int i = 0; i < 50 && !done_; ++i) usleep(20000);
+      if (done_) thread_.join();
+      else thread_.detach();
+    }
+    return crashed_;
+  }
+
+ private:
+  void relay() {
+    char chunk[65536];
+    std::string line;
+    for (;;) {
+      const ssize_t n = read(read_, chunk, sizeof chunk);
+      if (n <= 0) break;
+      for (ssize_t done = 0; done < n;) {
+        const ssize_t k = write(STDOUT_FILENO, chunk + done, static_cast<size_t>(n - done));
+        if (k <= 0) break;
+        done += k;
+      }
+      for (ssize_t i = 0; i < n; ++i) {
+        if (chunk[i] == '\n') {
+          if (line.rfind("SigSEV @", 0) == 0) crashed_ = true;
+          line.clear();
+        } else if (line.size() < 16) {
+          line += chunk[i];
+        }
+      }
+    }
+    done_ = true;
+  }
+
+  int read_ = -1;
+  std::thread thread_;
+  std::atomic<bool> done_{false};
+  std::atomic<bool> crashed_{false};
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  Options o;
-  int i = 1;
-  for (; i < argc; ++i) {
-    const std::string arg = argv[i];
-    auto value = [&](std::string* into) {
-      if (i + 1 >= argc) return false;
-      *into = argv[++i];
-      return true;
-    };
-    if (arg == "--") {
-      ++i;
-      break;
-    } else if (arg == "--help" || arg == "-h") {
+  talvex::RecordOptions o;
+  std::string error;
+  switch (talvex::parseRecordOptions(argc, argv, &o, &error)) {
+    case talvex::ParseOutcome::Help:
       fputs(kUsage, stdout);
       return 0;
-    } else if (arg == "--full") {
-      o.full = true;
-    } else if (arg == "--double-log-socks") {
-      o.doubleLogSocks = true;
-    } else if (arg == "--traceback") {
-      o.traceback = true;
-    } else if (arg == "--unplug") {
-      o.unplug = true;
-    } else if (arg == "--transcript" || arg == "--raw" || arg == "--jsonl" || arg == "--pcap" || arg == "--listen" ||
-               arg == "--socks" || arg == "--log-dir" || arg == "--log-level") {
-      std::string* into = arg == "--transcript" ? &o.transcript
-                          : arg == "--raw"      ? &o.raw
-                          : arg == "--jsonl"    ? &o.jsonl
-                          : arg == "--pcap"     ? &o.pcap
-                          : arg == "--listen"   ? &o.listen
-                          : arg == "--socks"    ? &o.socks
-                          : arg == "--log-dir"  ? &o.logDir
-                                                : &o.logLevel;
-      if (!value(into)) return usageError(arg + " needs a value");
-    } else {
-      return usageError("unknown option " + arg + " (the command goes after --)");
+    case talvex::ParseOutcome::Version:
+      printf("talvex-record %s\n", TALVEX_VERSION);
+      return 0;
+    case talvex::ParseOutcome::Error:
+      return usageError(error);
+    case talvex::ParseOutcome::Run:
+      break;
+  }
+
+  talvex::ListenAddress where;
+  if (!talvex::parseListenAddress(o.listen, &where, &error, AF_INET)) return usageError("--listen: " + error);
+  talvex::ListenAddress socks;
+  if (!o.socks.empty() && !talvex::parseListenAddress(o.socks, &socks, &error)) return usageError("--socks: " + error);
+  if (!o.logDir.empty()) {
+    // Made if missing, as the agent would; one that cannot be written stops the run now.
+    mkdir(o.logDir.c_str(), 0777);
+    struct stat status;
+    if (stat(o.logDir.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || access(o.logDir.c_str(), W_OK) != 0) {
+      fprintf(stderr, "talvex-record: --log-dir %s: not a directory this user can write\n", o.logDir.c_str());
+      return 2;
     }
   }
-  for (; i < argc; ++i) o.command.push_back(argv[i]);
-  if (o.command.empty()) return usageError("no command to record");
-
-  std::string level = "3";
-  if (!o.logLevel.empty() && !parseLevel(o.logLevel, &level)) return usageError("unknown log level " + o.logLevel);
-  talvex::ListenAddress where;
-  std::string error;
-  if (!talvex::parseListenAddress(o.listen, &where, &error)) return usageError(error);
-  if (where.host.find(':') != std::string::npos) return usageError("the agent reaches its recorder over IPv4 only");
-  talvex::ListenAddress socks;
-  if (!o.socks.empty() && !talvex::parseListenAddress(o.socks, &socks, &error)) return usageError(error);
 
   std::string program;
   const talvex::TargetKind kind = talvex::checkTarget(o.command[0], &program, &error);
@@ -167,7 +176,6 @@ int main(int argc, char** argv) {
     fprintf(stderr, "talvex-record: %s\n", error.c_str());
     return kind == talvex::TargetKind::NotFound ? 127 : 126;
   }
-
   // The agents live in lib/<multiarch>/ beside this program in the build tree, and one level up
   // (PREFIX/bin, PREFIX/lib) once installed; the loader picks each process's own through $LIB.
   std::string top;
@@ -185,7 +193,18 @@ int main(int argc, char** argv) {
   }
   const std::string agent = top + "/$LIB/libtalvex_socket_agent.so";
 
+  const bool live = o.live == talvex::RecordOptions::Live::On ||
+                    (o.live == talvex::RecordOptions::Live::Auto && isatty(STDERR_FILENO) && o.transcript.empty() &&
+                     !o.quiet);
+  talvex::RecordOutputs outputs(o, live);
+  if (!outputs.open(&error)) {
+    fprintf(stderr, "talvex-record: %s\n", error.c_str());
+    return 1;
+  }
+
   talvex::RecorderEndpoint endpoint;
+  endpoint.keepMessages(false);
+  endpoint.setHandler([&outputs](const std::string& message) { outputs.onMessage(message); });
   if (!endpoint.start(where.host, where.port, &error)) {
     fprintf(stderr, "talvex-record: cannot listen on %s: %s\n", o.listen.c_str(), error.c_str());
     return 1;
@@ -224,7 +243,7 @@ int main(int argc, char** argv) {
   if (o.unplug) environment["TALVEX_SOCKET_AGENT_UNPLUG_AGENT"] = "";
   if (!o.logDir.empty()) {
     environment["TALVEX_SOCKET_AGENT_DEBUG_DIR"] = o.logDir;
-    environment["TALVEX_SOCKET_AGENT_DEBUG_LVL"] = level;
+    environment["TALVEX_SOCKET_AGENT_DEBUG_LVL"] = o.logLevel;
   }
   std::vector<std::string> pairs;
   for (const auto& e : environment) pairs.push_back(e.first + "=" + e.second);
@@ -234,52 +253,38 @@ int main(int argc, char** argv) {
   for (auto& a : o.command) args.push_back(&a[0]);
   args.push_back(nullptr);
 
-  // Interrupts from the terminal are the command's to handle; the recording goes on until it ends.
-  signal(SIGINT, SIG_IGN);
-  signal(SIGQUIT, SIG_IGN);
+  CrashWatch crashWatch;
+  const int watchedOutput = o.traceback ? crashWatch.start() : -1;
+  talvex::installSignalForwarding();
   const pid_t child = fork();
   if (child == 0) {
-    signal(SIGINT, SIG_DFL);
-    signal(SIGQUIT, SIG_DFL);
+    talvex::restoreDefaultSignals();
+    if (watchedOutput >= 0) dup2(watchedOutput, STDOUT_FILENO);
     execve(program.c_str(), args.data(), envp.data());
     fprintf(stderr, "talvex-record: cannot run %s: %s\n", program.c_str(), strerror(errno));
     _exit(126);
   }
+  if (watchedOutput >= 0) close(watchedOutput);
+  talvex::forwardSignalsTo(child);
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
   // Anything the command's processes still had on the way arrives within a moment.
   endpoint.waitForQuiet(std::chrono::milliseconds(200), std::chrono::seconds(5));
   endpoint.stop(std::chrono::milliseconds(1000));
-  const std::vector<std::string> messages = endpoint.messages();
 
-  bool written = true;
-  if (!o.raw.empty()) {
-    std::string all;
-    for (const auto& m : messages) all += m;
-    written &= writeFile(o.raw, all);
+  std::string note;
+  const bool crashed = o.traceback && crashWatch.crashed();
+  if (crashed) {
+    note = "crash: " + o.command[0] +
+           " crashed (SIGSEGV); the agent's crash handler printed a backtrace and ended it with status 0";
+  } else if (WIFSIGNALED(status)) {
+    note = "signal: " + o.command[0] + " was killed by signal " + std::to_string(WTERMSIG(status)) + " (" +
+           strsignal(WTERMSIG(status)) + ")";
   }
-  if (!o.jsonl.empty()) {
-    std::string all;
-    for (const auto& m : messages) all += talvex::receivedToJson(m) + '\n';
-    written &= writeFile(o.jsonl, all);
-  }
-  const talvex::Recording recording = talvex::buildRecording(messages);
-  if (!o.pcap.empty() && !talvex::writeCapture(recording, o.pcap, &error)) {
-    fprintf(stderr, "talvex-record: cannot write %s: %s\n", o.pcap.c_str(), error.c_str());
-    written = false;
-  }
-  talvex::TranscriptOptions transcriptOptions;
-  transcriptOptions.full = o.full;
-  FILE* transcript = o.transcript.empty() ? stderr : fopen(o.transcript.c_str(), "w");
-  if (transcript == nullptr) {
-    written = false;
-  } else {
-    talvex::writeTranscript(recording, transcriptOptions, transcript);
-    if (transcript != stderr) fclose(transcript);
-  }
-  if (!written) fprintf(stderr, "talvex-record: some outputs could not be written\n");
-  if (messages.empty()) {
+  const bool written = outputs.finish(note);
+  if (!note.empty() && (!o.transcript.empty() || o.quiet)) fprintf(stderr, "talvex-record: %s\n", note.c_str());
+  if (outputs.received() == 0) {
     // The command ran, but no process of it made a socket call through the C library: a program
     // that makes its own system calls (Go programs do) cannot be seen by a preloaded agent.
     fprintf(stderr,
@@ -288,10 +293,12 @@ int main(int argc, char** argv) {
             o.command[0].c_str());
   }
 
+  int exitStatus = 1;
   if (WIFSIGNALED(status)) {
-    const int number = WTERMSIG(status);
-    fprintf(stderr, "talvex-record: %s was killed by signal %d (%s)\n", o.command[0].c_str(), number, strsignal(number));
-    return 128 + number;
+    exitStatus = 128 + WTERMSIG(status);
+  } else if (WIFEXITED(status)) {
+    exitStatus = WEXITSTATUS(status);
   }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+  // Outputs that could not be written fail a run that would otherwise have succeeded.
+  return exitStatus == 0 && !written ? 1 : exitStatus;
 }

@@ -1,28 +1,50 @@
 #include "transcript.h"
 
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
 #include <string>
 
+#include "address_text.h"
+#include "error_text.h"
+#include "recorder_message_parser.h"
+
 namespace talvex {
 
 namespace {
 
+// Times are the reader's local time; the process header names the zone.
 std::string clock(int64_t timeNs) {
   const time_t seconds = static_cast<time_t>(timeNs / 1000000000);
-  struct tm utc;
-  gmtime_r(&seconds, &utc);
+  struct tm local;
+  localtime_r(&seconds, &local);
   char text[32];
-  snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", utc.tm_hour, utc.tm_min, utc.tm_sec,
+  snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec,
            static_cast<int>((timeNs / 1000000) % 1000));
   return text;
 }
 
+// "UTC+01:00, CET" for the zone in force at `timeNs`.
+std::string zone(int64_t timeNs) {
+  const time_t seconds = static_cast<time_t>(timeNs / 1000000000);
+  struct tm local;
+  localtime_r(&seconds, &local);
+  const long offset = local.tm_gmtoff;
+  char text[64];
+  snprintf(text, sizeof text, "UTC%c%02ld:%02ld, %s", offset < 0 ? '-' : '+', labs(offset) / 3600,
+           labs(offset) % 3600 / 60, local.tm_zone != nullptr ? local.tm_zone : "?");
+  return text;
+}
+
 std::string endpoint(const Peer& p) {
-  if (p.family == 10) return "[" + p.ip + "]:" + std::to_string(p.port);
   if (p.ip.empty()) return "?";
+  if (p.family == 10) return "[" + normalIp(p.ip) + "]:" + std::to_string(p.port);
   return p.ip + ":" + std::to_string(p.port);
+}
+
+std::string count(int64_t n, const char* one, const char* many) {
+  return std::to_string(n) + " " + (n == 1 ? one : many);
 }
 
 bool printable(const std::string& bytes) {
@@ -76,7 +98,14 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
     const int64_t pid = recording.pids[i];
     fprintf(out, "== process %lld", static_cast<long long>(pid));
     if (!recording.workingDirectories[i].empty()) fprintf(out, " in %s", recording.workingDirectories[i].c_str());
-    fputs("\n", out);
+    int64_t firstNs = 0;
+    for (const Conversation& c : recording.conversations) {
+      if (c.pid == pid) {
+        firstNs = c.openTimeNs;
+        break;
+      }
+    }
+    fprintf(out, "; times are local (%s)\n", zone(firstNs).c_str());
     for (const Resolution& r : recording.resolutions) {
       if (r.pid != pid) continue;
       fprintf(out, "   resolved %s -> %s (%s)\n", r.name.c_str(), r.ip.empty() ? "?" : r.ip.c_str(), r.family.c_str());
@@ -87,12 +116,18 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
       if (c.opening == "connect") {
         fprintf(out, "connect %s -> %s", endpoint(c.local).c_str(), endpoint(c.remote).c_str());
         if (c.failed) {
-          fprintf(out, " FAILED (error %lld)", static_cast<long long>(c.error));
+          fprintf(out, " FAILED (%s)", errorText(c.error).c_str());
         } else {
           fprintf(out, " (%lld ms)", static_cast<long long>(c.durationMs));
         }
-        if (c.loopback) fputs(" [to this process]", out);
-        if (c.hasSocksError) fprintf(out, " [via SOCKS, status %lld]", static_cast<long long>(c.socksError));
+        if (c.loopback) {
+          fputs(c.hasSocksError ? " [to this process: direct, the SOCKS server was not used]" : " [to this process]", out);
+        } else if (c.hasSocksError && c.socksError != 0) {
+          fprintf(out, " [the SOCKS server was not used: it failed (%lld), the connect went direct]",
+                  static_cast<long long>(c.socksError));
+        } else if (c.hasSocksError) {
+          fputs(" [via SOCKS]", out);
+        }
       } else if (c.opening == "accept") {
         fprintf(out, "accepted from %s", endpoint(c.remote).c_str());
       } else {
@@ -105,9 +140,9 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
           continue;
         }
         const bool sent = e.kind == "send";
-        fprintf(out, "   %s %s %lld bytes", clock(e.timeNs).c_str(), sent ? "> sent" : "< received",
-                static_cast<long long>(e.failed ? e.length : static_cast<int64_t>(e.data.size())));
-        if (e.failed) fprintf(out, " FAILED (error %lld)", static_cast<long long>(e.error));
+        fprintf(out, "   %s %s %s", clock(e.timeNs).c_str(), sent ? "> sent" : "< received",
+                count(e.failed ? e.length : static_cast<int64_t>(e.data.size()), "byte", "bytes").c_str());
+        if (e.failed) fprintf(out, " FAILED (%s)", errorText(e.error).c_str());
         fputs("\n", out);
         if (e.data.empty()) continue;
         if (options.full || e.data.size() <= options.abbreviate) {
@@ -126,13 +161,55 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
     for (const std::string& n : recording.notices) fprintf(out, " %s", n.c_str());
     fputs("\n", out);
   }
-  size_t sockets = 0;
-  for (const Conversation& c : recording.conversations) sockets += c.opening != "accept";
-  fprintf(out, "summary: %zu sockets, %zu messages, %lld bytes sent, %lld bytes received, %d failures", sockets,
-          recording.messages, static_cast<long long>(recording.bytesSent),
-          static_cast<long long>(recording.bytesReceived), recording.failures);
-  if (recording.malformed != 0) fprintf(out, ", %zu malformed messages", recording.malformed);
+  if (!options.note.empty()) fprintf(out, "%s\n", options.note.c_str());
+  fprintf(out, "summary: %s, %s, %s sent, %s received, %s",
+          count(static_cast<int64_t>(recording.conversations.size()), "socket", "sockets").c_str(),
+          count(static_cast<int64_t>(recording.messages), "message", "messages").c_str(),
+          count(recording.bytesSent, "byte", "bytes").c_str(), count(recording.bytesReceived, "byte", "bytes").c_str(),
+          count(recording.failures, "failure", "failures").c_str());
+  if (recording.malformed != 0) {
+    fprintf(out, ", %s", count(static_cast<int64_t>(recording.malformed), "malformed message", "malformed messages").c_str());
+  }
   fputs("\n", out);
+}
+
+void writeLiveEvent(const ParsedMessage& m, const LiveConnection* connection, FILE* out) {
+  const MessageAttribute* stamp = m.find("timestamp_ns");
+  const MessageAttribute* millis = m.find("timestamp");
+  const int64_t timeNs = stamp != nullptr ? stamp->integer : millis != nullptr ? millis->integer * 1000000 : 0;
+  const MessageAttribute* pid = m.find("pid");
+  const MessageAttribute* socket = m.find("socket");
+  std::string line = clock(timeNs);
+  if (pid != nullptr) line += " [" + std::to_string(pid->integer) + "]";
+  if (socket != nullptr) line += " socket " + std::to_string(socket->integer);
+  const MessageAttribute* data = m.find("data");
+  const MessageAttribute* error = m.find("error");
+  if (m.kind == "connect" || m.kind == "accept") {
+    Peer peer;
+    peer.family = connection != nullptr && connection->ends.family == "AF_INET6" ? 10 : 2;
+    peer.ip = connection != nullptr ? connection->ends.remoteIp : "";
+    peer.port = connection != nullptr ? connection->ends.remotePort : 0;
+    line += (m.kind == "connect" ? " connect -> " : " accepted from ") + endpoint(peer);
+  } else if (m.kind == "send" || m.kind == "receive") {
+    const int64_t bytes = data != nullptr ? static_cast<int64_t>(data->bytes.size()) : 0;
+    line += (m.kind == "send" ? " > " : " < ") + count(bytes, "byte", "bytes");
+    if (data != nullptr && !data->bytes.empty()) {
+      std::string shown;
+      for (const char ch : data->bytes.substr(0, 60)) {
+        const unsigned char c = static_cast<unsigned char>(ch);
+        shown += c == '\r' ? "\\r" : c == '\n' ? "\\n" : (c >= 0x20 && c < 0x7f) ? std::string(1, ch) : ".";
+      }
+      line += "  " + shown + (data->bytes.size() > 60 ? "..." : "");
+    }
+  } else if (m.kind == "process") {
+    const MessageAttribute* directory = m.find("workingdir");
+    line += " process started" + (directory != nullptr ? " in " + directory->bytes : std::string());
+  } else {
+    line += " " + m.kind;
+  }
+  if (error != nullptr && (m.kind != "connect" || error->integer != 115)) line += " FAILED (" + errorText(error->integer) + ")";
+  fprintf(out, "%s\n", line.c_str());
+  fflush(out);
 }
 
 }  // namespace talvex

@@ -10,6 +10,8 @@ struct ListenAddress {
   int port = 0;
 };
 
-bool parseListenAddress(const std::string& text, ListenAddress* out, std::string* error);
+// A host given by name ("localhost") is resolved to its address; `family` (AF_INET, or AF_UNSPEC
+// for either) says which kind of address is wanted.
+bool parseListenAddress(const std::string& text, ListenAddress* out, std::string* error, int family = 0);
 
 }  // namespace talvex

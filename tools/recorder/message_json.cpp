@@ -2,6 +2,11 @@
 
 #include <stdio.h>
 
+#include <set>
+
+#include "address_text.h"
+#include "error_text.h"
+
 namespace talvex {
 
 std::string base64Encode(const std::string& bytes) {
@@ -43,7 +48,7 @@ std::string jsonString(const std::string& text) {
       case '\r': out += "\\r"; break;
       case '\t': out += "\\t"; break;
       default:
-        if (c < 0x20 || c >= 0x7f) {
+        if (c < 0x20 || c == 0x7f) {
           char escaped[8];
           snprintf(escaped, sizeof escaped, "\\u%04x", c);
           out += escaped;
@@ -55,39 +60,95 @@ std::string jsonString(const std::string& text) {
   return out + "\"";
 }
 
-namespace {
-
-// Printable means what a reader can take as text: ASCII letters, punctuation and line breaks.
-bool isPrintable(const std::string& bytes) {
-  for (const char ch : bytes) {
-    const unsigned char c = static_cast<unsigned char>(ch);
-    if ((c < 0x20 && c != '\n' && c != '\r' && c != '\t') || c >= 0x7f) return false;
+bool isUtf8(const std::string& bytes) {
+  size_t i = 0;
+  while (i < bytes.size()) {
+    const unsigned char c = static_cast<unsigned char>(bytes[i]);
+    size_t more = 0;
+    unsigned lowest = 0;
+    if (c < 0x80) {
+      ++i;
+      continue;
+    } else if ((c & 0xe0) == 0xc0) {
+      more = 1;
+      lowest = 0x80;
+    } else if ((c & 0xf0) == 0xe0) {
+      more = 2;
+      lowest = 0x800;
+    } else if ((c & 0xf8) == 0xf0) {
+      more = 3;
+      lowest = 0x10000;
+    } else {
+      return false;
+    }
+    if (i + more >= bytes.size()) return false;
+    unsigned value = c & (0x3f >> more);
+    for (size_t k = 1; k <= more; ++k) {
+      const unsigned char next = static_cast<unsigned char>(bytes[i + k]);
+      if ((next & 0xc0) != 0x80) return false;
+      value = value << 6 | (next & 0x3f);
+    }
+    // Overlong forms, surrogates and values past Unicode are not text.
+    if (value < lowest || (value >= 0xd800 && value <= 0xdfff) || value > 0x10ffff) return false;
+    i += more + 1;
   }
   return true;
 }
 
-}  // namespace
+namespace {
 
-std::string messageToJson(const ParsedMessage& message) {
-  std::string out = "{\"kind\":" + jsonString(message.kind) + ",\"attributes\":[";
-  bool first = true;
-  for (const MessageAttribute& a : message.attributes) {
-    if (!first) out += ',';
-    first = false;
-    out += "{\"name\":" + jsonString(a.name) + ",\"type\":\"" + valueTypeTag(a.type) + "\"";
-    if (a.type == ValueType::AS || a.type == ValueType::UN) {
-      out += ",\"text\":" + (isPrintable(a.bytes) ? jsonString(a.bytes) : std::string("null"));
-      out += ",\"base64\":\"" + base64Encode(a.bytes) + "\"";
-    } else {
-      out += ",\"value\":" + std::to_string(a.integer) + ",\"hex\":\"" + a.raw + "\"";
-    }
-    out += '}';
-  }
-  return out + "]}";
+const int64_t kLargestExactDouble = int64_t(1) << 53;
+
+std::string jsonInteger(int64_t value) {
+  const std::string digits = std::to_string(value);
+  return value > kLargestExactDouble || value < -kLargestExactDouble ? "\"" + digits + "\"" : digits;
 }
 
-std::string malformedToJson(const std::string& raw, const std::string& error) {
-  return "{\"error\":" + jsonString(error) + ",\"raw_base64\":\"" + base64Encode(raw) + "\"}";
+class FlatObject {
+ public:
+  explicit FlatObject(const std::string& kind) : out_("{\"kind\":" + jsonString(kind)) { keys_.insert("kind"); }
+  bool has(const std::string& key) const { return keys_.count(key) != 0; }
+  // Later values of a key already written are left out: a JSON object has one of each.
+  void add(const std::string& key, const std::string& json) {
+    if (!keys_.insert(key).second) return;
+    out_ += "," + jsonString(key) + ":" + json;
+  }
+  std::string done() const { return out_ + "}"; }
+
+ private:
+  std::string out_;
+  std::set<std::string> keys_;
+};
+
+}  // namespace
+
+std::string messageToJson(const ParsedMessage& message, const ConnectionEnds* ends) {
+  FlatObject object(message.kind);
+  for (const MessageAttribute& a : message.attributes) {
+    if (a.type != ValueType::AS && a.type != ValueType::UN) {
+      object.add(a.name, jsonInteger(a.integer));
+      if (a.name == "error") object.add("error_name", jsonString(errorName(a.integer)));
+      continue;
+    }
+    std::string text = a.bytes;
+    if (a.name == "family") text = familyName(text);
+    if (a.name == "ip") text = normalIp(text);
+    const bool utf8 = isUtf8(text);
+    object.add(a.name, utf8 ? jsonString(text) : "null");
+    if (a.name == "data" || !utf8) object.add(a.name + "_b64", "\"" + base64Encode(a.bytes) + "\"");
+  }
+  if (ends != nullptr) {
+    if (!ends->family.empty()) object.add("family", jsonString(ends->family));
+    if (!ends->localIp.empty()) object.add("local_ip", jsonString(ends->localIp));
+    if (ends->localPort != 0) object.add("local_port", std::to_string(ends->localPort));
+    if (!ends->remoteIp.empty()) object.add("remote_ip", jsonString(ends->remoteIp));
+    if (ends->remotePort != 0) object.add("remote_port", std::to_string(ends->remotePort));
+  }
+  return object.done();
+}
+
+std::string malformedToJson(const std::string& raw, const std::string& reason) {
+  return "{\"kind\":\"malformed\",\"reason\":" + jsonString(reason) + ",\"raw_b64\":\"" + base64Encode(raw) + "\"}";
 }
 
 std::string receivedToJson(const std::string& raw, bool* malformed) {

@@ -1,4 +1,11 @@
-// A parsed recorder message as one line of JSON.
+// A parsed recorder message as one flat JSON object, as jq users read it:
+//   {"kind":"send","timestamp":1763780000123,"ticket":5,"socket":3,"pid":4321,
+//    "data":"GET / HTTP/1.0\r\n\r\n","data_b64":"R0VU...","length":18,"remote_ip":"127.0.0.1",...}
+// Each attribute becomes a key of its own name. Integers are JSON numbers while a double holds
+// them exactly (up to 2^53), strings of their decimal value beyond (nanosecond time stamps).
+// Text is a JSON string when it is UTF-8, null otherwise; "data" always has its bytes in base64
+// beside it ("data_b64"), other text only when it is not UTF-8. Family 10 reads "AF_INET6" and
+// IPv6 addresses are compressed ("::1"); an "error" gets its name beside it ("error_name").
 #pragma once
 
 #include <string>
@@ -8,14 +15,23 @@
 namespace talvex {
 
 std::string base64Encode(const std::string& bytes);
+// A JSON string of UTF-8 text.
 std::string jsonString(const std::string& text);
+bool isUtf8(const std::string& bytes);
 
-// {"kind":..., "attributes":[{"name":..., "type":..., ...}, ...]}: integers as "value" (decimal,
-// signed as their type says) and "hex"; text as "text" (null when not printable) and "base64".
-std::string messageToJson(const ParsedMessage& message);
+// The two ends of the connection a message belongs to, as far as they are known.
+struct ConnectionEnds {
+  std::string family;  // "AF_INET", "AF_INET6"
+  std::string localIp, remoteIp;
+  int localPort = 0, remotePort = 0;
+};
 
-// A line that could not be parsed: {"error":..., "raw_base64":...}.
-std::string malformedToJson(const std::string& raw, const std::string& error);
+// `ends`, when given, adds "local_ip", "local_port", "remote_ip", "remote_port" (those known) and
+// the family when the message has none of its own.
+std::string messageToJson(const ParsedMessage& message, const ConnectionEnds* ends = nullptr);
+
+// A line that could not be parsed: {"kind":"malformed","reason":...,"raw_b64":...}.
+std::string malformedToJson(const std::string& raw, const std::string& reason);
 
 // One received message as its JSON line: decoded when it parses, reported as malformed when not
 // (`malformed`, when given, says which).

@@ -28,6 +28,9 @@ class RecorderEndpoint {
 
   // Called on the endpoint's thread for each completed message, before it is stored.
   void setHandler(MessageHandler handler) { handler_ = std::move(handler); }
+  // Whether messages are kept for messages() (the default); a caller that handles each one as it
+  // comes need not keep them all in memory.
+  void keepMessages(bool keep) { keep_ = keep; }
 
   // Stops accepting; connections still open are read to their end for up to `drain`.
   void stop(std::chrono::milliseconds drain = std::chrono::milliseconds(0));
@@ -51,6 +54,8 @@ class RecorderEndpoint {
   mutable std::mutex mutex_;
   mutable std::condition_variable arrived_;
   std::vector<std::string> messages_;
+  size_t received_ = 0;
+  bool keep_ = true;
   size_t connections_ = 0;
   std::chrono::steady_clock::time_point lastArrival_ = std::chrono::steady_clock::now();
   std::chrono::steady_clock::time_point drainUntil_{};

@@ -27,10 +27,11 @@ const char* const kUsage =
     "                       port 0 lets the system choose)\n"
     "  --output FILE        write messages to FILE instead of standard output\n"
     "  --format raw|jsonl   raw: each message exactly as received (default);\n"
-    "                       jsonl: one JSON object per message, attributes decoded\n"
+    "                       jsonl: one flat JSON object per message, attributes decoded\n"
     "  --port-file FILE     write the port actually listened on to FILE\n"
     "  --count N            stop after N messages\n"
-    "  --help               this text\n"
+    "  -h, --help           this text\n"
+    "  -V, --version        the version\n"
     "\n"
     "Stops on SIGINT or SIGTERM after writing everything received.\n"
     "\n"
@@ -47,7 +48,7 @@ struct Options {
 };
 
 int usageError(const std::string& message) {
-  fprintf(stderr, "talvex-recorder: %s\n\n%s", message.c_str(), kUsage);
+  fprintf(stderr, "talvex-recorder: %s\nTry 'talvex-recorder --help' for more information.\n", message.c_str());
   return 2;
 }
 
@@ -65,6 +66,9 @@ int main(int argc, char** argv) {
     std::string countText;
     if (arg == "--help" || arg == "-h") {
       fputs(kUsage, stdout);
+      return 0;
+    } else if (arg == "--version" || arg == "-V") {
+      printf("talvex-recorder %s\n", TALVEX_VERSION);
       return 0;
     } else if (arg == "--listen") {
       if (!value(&options.listen)) return usageError("--listen needs ADDR:PORT");

@@ -1,0 +1,52 @@
+// Everything talvex-record writes, opened before the command starts (so that a path that cannot
+// be written stops the run before it begins, by name) and written as the messages arrive, each
+// message flushed at once: whatever was recorded is on disk however the run ends. The transcript
+// is the exception: it groups each conversation and is written when the run ends.
+#pragma once
+
+#include <stdio.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "capture_writer.h"
+#include "live_connections.h"
+#include "record_options.h"
+
+namespace talvex {
+
+class RecordOutputs {
+ public:
+  RecordOutputs(const RecordOptions& options, bool live);
+  ~RecordOutputs();
+  RecordOutputs(const RecordOutputs&) = delete;
+  RecordOutputs& operator=(const RecordOutputs&) = delete;
+
+  // Creates every output file. False with `error` naming the first that cannot be written.
+  bool open(std::string* error);
+  // One message as it arrived. Safe to call from the endpoint's thread.
+  void onMessage(const std::string& raw);
+  // Writes the transcript (with `note` before its summary) and closes the files. False, with a
+  // message on standard error naming the file, when an output could not be written in full.
+  bool finish(const std::string& note);
+  // Every message received, shown or not.
+  size_t received() const;
+
+ private:
+  bool fail(FILE* file, const std::string& path);
+
+  const RecordOptions& options_;
+  const bool live_;
+  mutable std::mutex mutex_;
+  FILE* raw_ = nullptr;
+  FILE* jsonl_ = nullptr;
+  FILE* transcript_ = nullptr;
+  CaptureFile capture_;
+  LiveConnections connections_;
+  std::vector<std::string> shown_;
+  size_t received_ = 0;
+  std::vector<std::string> failed_;  // outputs that could not be written
+};
+
+}  // namespace talvex
