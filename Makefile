@@ -31,7 +31,10 @@ build-sanitize: deps
 test-sanitize: build-sanitize
 	@cd $(SANITIZE_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 300
 
-demo: build
+# Only what the demo runs: talvex-record (with both agents and clocks) and the probe it records.
+demo: deps
+	@cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target talvex-record talvex-recorder recording_probe
 	@./scripts/demo.sh $(BUILD_DIR)
 
 install: build

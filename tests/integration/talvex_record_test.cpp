@@ -1,4 +1,5 @@
 // talvex-record end to end, through the built binaries.
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -131,6 +132,10 @@ TEST(TalvexRecord, CrashedCommandIsReported) {
   const ProcessResult traced = record({"--traceback"}, {kCrashProbePath});
   EXPECT_EQ(traced.exitCode, 0);
   EXPECT_NE(traced.out.find("SigSEV @ 0x10 "), std::string::npos);
+  // The crash handler's exit status hides the crash; talvex-record does not.
+  EXPECT_NE(traced.err.find("crashed (SIGSEGV); the agent's crash handler printed a backtrace and ended it with status 0"),
+            std::string::npos)
+      << traced.err;
 }
 
 TEST(TalvexRecord, RecordsA64BitSystemProgramBehindA64BitShell) {
@@ -412,4 +417,208 @@ TEST(TalvexRecord, PythonHttpServerAndClientAreRecordedAsTheWireCarriedThem) {
   }
   EXPECT_EQ(client, 1);
   EXPECT_EQ(server, 1);
+}
+
+namespace {
+
+// A python3 client that sends `text` to 127.0.0.1:`port`, waits for the echo, says its pid in
+// `pidFile`, and then sleeps far longer than any test waits: only a signal ends it in time.
+std::string sleepingClient(int port, const std::string& text, const std::string& pidFile) {
+  return "import os, socket, time\n"
+         "s = socket.create_connection(('127.0.0.1', " + std::to_string(port) + "))\n"
+         "s.sendall(b'" + text + "')\n"
+         "s.recv(64)\n"
+         "open('" + pidFile + "', 'w').write(str(os.getpid()))\n"
+         "time.sleep(600)\n";
+}
+
+// Waits, a bounded time, until `path` holds something.
+std::string waitForContent(const std::string& path) {
+  for (int i = 0; i < 200; ++i) {
+    const std::string content = readFile(path);
+    if (!content.empty()) return content;
+    usleep(50000);
+  }
+  return "";
+}
+
+}  // namespace
+
+TEST(TalvexRecord, SigtermReachesTheCommandAndEveryOutputIsComplete) {
+  EchoServer echo;
+  TempDir tmp;
+  // No "--": the command starts at the first argument that is not an option.
+  BackgroundProcess recording({kRecordPath, "--raw", tmp.file("r.raw"), "--jsonl", tmp.file("r.jsonl"), "--pcap",
+                               tmp.file("r.pcap"), "--transcript", tmp.file("r.txt"), "/usr/bin/python3", "-c",
+                               sleepingClient(echo.port(), "before the signal", tmp.file("pid"))},
+                              cleanEnvironment());
+  const std::string pid = waitForContent(tmp.file("pid"));
+  ASSERT_FALSE(pid.empty());
+  // Written as they arrived, before anything ended.
+  EXPECT_EQ(linesContaining(readFile(tmp.file("r.raw")), "data_AS=\"before the signal\"").size(), 2u);
+  recording.signal(SIGTERM);
+  const ProcessResult r = recording.wait(std::chrono::seconds(30));
+  ASSERT_FALSE(r.timedOut);
+  EXPECT_EQ(r.exitCode, 128 + SIGTERM) << r.err;
+  EXPECT_EQ(r.err, "talvex-record: signal: /usr/bin/python3 was killed by signal 15 (Terminated)\n");
+  EXPECT_EQ(kill(atoi(pid.c_str()), 0), -1);
+  EXPECT_EQ(errno, ESRCH);
+  const auto raw = splitLines(readFile(tmp.file("r.raw")));
+  EXPECT_EQ(splitLines(readFile(tmp.file("r.jsonl"))).size(), raw.size());
+  const std::string transcript = readFile(tmp.file("r.txt"));
+  EXPECT_NE(transcript.find("> sent 17 bytes\n      before the signal\n"), std::string::npos) << transcript;
+  EXPECT_NE(transcript.find("signal: /usr/bin/python3 was killed by signal 15 (Terminated)\nsummary: 1 socket,"),
+            std::string::npos)
+      << transcript;
+  std::string client, server;
+  followStream(tmp.file("r.pcap"), &client, &server);
+  EXPECT_EQ(client, "before the signal");
+  EXPECT_EQ(server, "before the signal");
+}
+
+TEST(TalvexRecord, ATimeoutLeavesTheRecordingOnDisk) {
+  EchoServer echo;
+  TempDir tmp;
+  const ProcessResult r = runProcess({"/usr/bin/timeout", "3", kRecordPath, "--raw", tmp.file("r.raw"), "--jsonl",
+                                      tmp.file("r.jsonl"), "--", "/usr/bin/python3", "-c",
+                                      sleepingClient(echo.port(), "cut short", tmp.file("pid"))},
+                                     cleanEnvironment(), std::chrono::seconds(60));
+  EXPECT_EQ(r.exitCode, 124) << r.err;
+  EXPECT_EQ(linesContaining(readFile(tmp.file("r.raw")), "data_AS=\"cut short\"").size(), 2u);
+  EXPECT_EQ(linesContaining(readFile(tmp.file("r.jsonl")), "\"data\":\"cut short\"").size(), 2u);
+}
+
+TEST(TalvexRecord, UnwritableOutputsStopTheRunBeforeItBegins) {
+  TempDir tmp;
+  const std::string marker = tmp.file("ran");
+  for (const char* option : {"--raw", "--jsonl", "--transcript", "--pcap"}) {
+    const ProcessResult r = record({option, "/nonexistent/dir/out"}, {"/bin/sh", "-c", "touch " + marker});
+    EXPECT_EQ(r.exitCode, 1) << option;
+    EXPECT_EQ(r.err.rfind("talvex-record: cannot write /nonexistent/dir/out: ", 0), 0u) << r.err;
+    EXPECT_EQ(access(marker.c_str(), F_OK), -1) << option;
+  }
+}
+
+TEST(TalvexRecord, VersionShortErrorsAndOptionsThatWorkTogether) {
+  ProcessResult r = runProcess({kRecordPath, "--version"}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_TRUE(std::regex_match(r.out, std::regex("talvex-record [0-9]+\\.[0-9]+\\.[0-9]+\n"))) << r.out;
+  r = runProcess({kRecorderPath, "-V"}, cleanEnvironment());
+  EXPECT_TRUE(std::regex_match(r.out, std::regex("talvex-recorder [0-9]+\\.[0-9]+\\.[0-9]+\n"))) << r.out;
+  r = runProcess({kRecordPath, "--bogus", "true"}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 2);
+  EXPECT_EQ(r.err, "talvex-record: unknown option --bogus\nTry 'talvex-record --help' for more information.\n");
+  r = runProcess({kRecordPath, "--raw"}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 2);
+  EXPECT_EQ(r.err, "talvex-record: option --raw needs a value\nTry 'talvex-record --help' for more information.\n");
+  r = runProcess({kRecordPath, "--log-level", "all", "true"}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 2);
+  EXPECT_EQ(r.err.rfind("talvex-record: --log-level needs --log-dir", 0), 0u) << r.err;
+  // A listening address by name, and --name=value.
+  EchoServer echo;
+  TempDir tmp;
+  r = record({"--listen", "localhost:0", "--raw=" + tmp.file("r.raw")},
+             {kRecordingProbePath, "vectors", std::to_string(echo.port())});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(linesContaining(readFile(tmp.file("r.raw")), "data_AS=\"abcdefg\"").size(), 2u);
+}
+
+TEST(TalvexRecord, ManPagesAreInstalledAndDescribeEveryOption) {
+  TempDir prefix;
+  const ProcessResult install =
+      runProcess({"/usr/bin/cmake", "--install", kBuildDir, "--prefix", prefix.path()}, cleanEnvironment());
+  ASSERT_EQ(install.exitCode, 0) << install.err;
+  for (const std::string tool : {"talvex-record", "talvex-recorder"}) {
+    const ProcessResult page = runProcess({"/usr/bin/man", "-l", prefix.file("share/man/man1/" + tool + ".1")},
+                                          cleanEnvironment({{"LANG", "C"}, {"MANPAGER", "cat"}, {"PAGER", "cat"}}));
+    ASSERT_EQ(page.exitCode, 0) << page.err;
+    EXPECT_NE(page.out.find("NAME"), std::string::npos);
+    const ProcessResult help = runProcess({prefix.file("bin/" + tool), "--help"}, cleanEnvironment());
+    const std::regex option("--[a-z][a-z-]+");
+    int options = 0;
+    for (std::sregex_iterator it(help.out.begin(), help.out.end(), option), end; it != end; ++it, ++options) {
+      EXPECT_NE(page.out.find(it->str()), std::string::npos) << tool << " man page lacks " << it->str();
+    }
+    EXPECT_GT(options, 5) << help.out;
+  }
+}
+
+TEST(TalvexRecord, OnlyAndExcludeChooseTheConnectionsShown) {
+  EchoServer wanted, other;
+  TempDir tmp;
+  const std::string script = "import socket\n"
+                             "for port, text in ((" + std::to_string(wanted.port()) + ", b'wanted'), (" +
+                             std::to_string(other.port()) + ", b'other')):\n"
+                             "    s = socket.create_connection(('127.0.0.1', port)); s.sendall(text); print(s.recv(64).decode()); s.close()\n";
+  ProcessResult r = record({"--only", "localhost:" + std::to_string(wanted.port()), "--raw", tmp.file("only.raw")},
+                           {"/usr/bin/python3", "-c", script});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out, "wanted\nother\n");  // the program is not affected
+  std::string raw = readFile(tmp.file("only.raw"));
+  EXPECT_EQ(linesContaining(raw, "\"wanted\"").size(), 2u) << raw;
+  EXPECT_EQ(linesContaining(raw, "\"other\"").size(), 0u) << raw;
+  EXPECT_EQ(linesContaining(raw, "<connect ").size(), 1u) << raw;
+  EXPECT_EQ(linesContaining(raw, "<close ").size(), 1u) << raw;
+  r = record({"--exclude", ":" + std::to_string(wanted.port()), "--raw", tmp.file("exclude.raw")},
+             {"/usr/bin/python3", "-c", script});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  raw = readFile(tmp.file("exclude.raw"));
+  EXPECT_EQ(linesContaining(raw, "\"wanted\"").size(), 0u) << raw;
+  EXPECT_EQ(linesContaining(raw, "\"other\"").size(), 2u) << raw;
+  EXPECT_EQ(record({"--only", "no.such.host.invalid"}, {"/bin/true"}).exitCode, 2);
+}
+
+TEST(TalvexRecord, FlatJsonLinesAnswerJqDirectly) {
+  EchoServer echo;
+  TempDir tmp;
+  const ProcessResult r = record({"--jsonl", tmp.file("r.jsonl")},
+                                 {kRecordingProbePath, "vectors", std::to_string(echo.port())});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const auto jq = [&](const std::string& filter) {
+    const ProcessResult q = runProcess({"/usr/bin/jq", "-r", filter, tmp.file("r.jsonl")}, cleanEnvironment());
+    EXPECT_EQ(q.exitCode, 0) << q.err;
+    return q.out;
+  };
+  EXPECT_EQ(jq("select(.kind==\"send\") | .data"), "abcdefg\n");
+  EXPECT_EQ(jq("select(.kind==\"receive\") | \"\\(.remote_ip) \\(.remote_port) \\(.data_b64)\""),
+            "127.0.0.1 " + std::to_string(echo.port()) + " YWJjZGVmZw==\n");
+  // Nanoseconds do not fit a double: they are strings, exact.
+  EXPECT_EQ(jq("select(.kind==\"process\") | .timestamp_ns | type"), "string\n");
+  EXPECT_EQ(jq("select(.kind==\"connect\") | .pid | type"), "number\n");
+}
+
+TEST(TalvexRecord, TranscriptNamesErrorsWritesIpv6AsPeopleDoAndSaysItsTimeZone) {
+  const int closed = closedLoopbackPort();
+  TempDir tmp;
+  const std::string script = "import socket\n"
+                             "server = socket.create_server(('::1', 0), family=socket.AF_INET6)\n"
+                             "c = socket.create_connection(('::1', server.getsockname()[1])); c.sendall(b'six'); c.close()\n"
+                             "try:\n"
+                             "    socket.create_connection(('127.0.0.1', " + std::to_string(closed) + "))\n"
+                             "except OSError:\n"
+                             "    print('refused')\n";
+  const ProcessResult r = record({"--transcript", tmp.file("t.txt")}, {"/usr/bin/python3", "-c", script},
+                                 {{"TZ", "Europe/Paris"}});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const std::string transcript = readFile(tmp.file("t.txt"));
+  EXPECT_TRUE(std::regex_search(transcript, std::regex(R"(; times are local \(UTC\+0[12]:00, CES?T\)\n)"))) << transcript;
+  EXPECT_TRUE(std::regex_search(transcript, std::regex(R"(connect \[::1\]:\d+ -> \[::1\]:\d+ )"))) << transcript;
+  EXPECT_NE(transcript.find("-> 127.0.0.1:" + std::to_string(closed) + " FAILED (ECONNREFUSED: Connection refused)"),
+            std::string::npos)
+      << transcript;
+  EXPECT_NE(transcript.find("> sent 3 bytes\n      six\n"), std::string::npos) << transcript;
+  EXPECT_EQ(transcript.find("0:0:0:0"), std::string::npos);
+  EXPECT_EQ(transcript.find("AF_CCITT"), std::string::npos);
+}
+
+TEST(TalvexRecord, LiveViewPrintsEachEventAsItHappens) {
+  EchoServer echo;
+  const ProcessResult r = record({"--live"}, {kRecordingProbePath, "vectors", std::to_string(echo.port())});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_TRUE(std::regex_search(r.err, std::regex(R"(\d\d:\d\d:\d\d\.\d{3} \[\d+\] socket \d+ connect -> 127\.0\.0\.1:)" +
+                                                  std::to_string(echo.port()) + "\n")))
+      << r.err;
+  EXPECT_NE(r.err.find("> 7 bytes  abcdefg\n"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("< 7 bytes  abcdefg\n"), std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find("summary:"), std::string::npos) << r.err;
 }

@@ -108,7 +108,8 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
     fprintf(out, "; times are local (%s)\n", zone(firstNs).c_str());
     for (const Resolution& r : recording.resolutions) {
       if (r.pid != pid) continue;
-      fprintf(out, "   resolved %s -> %s (%s)\n", r.name.c_str(), r.ip.empty() ? "?" : r.ip.c_str(), r.family.c_str());
+      fprintf(out, "   resolved %s -> %s (%s)\n", r.name.c_str(), r.ip.empty() ? "?" : normalIp(r.ip).c_str(),
+              familyName(r.family).c_str());
     }
     for (const Conversation& c : recording.conversations) {
       if (c.pid != pid) continue;
