@@ -1,5 +1,6 @@
 #include "agent/agent_startup.h"
 #include "agent/complete_capture.h"
+#include "recorder/persistent_channel.h"
 #include "interpose/symbol_versions.h"
 
 #include <arpa/inet.h>
@@ -131,6 +132,7 @@ void initializeSocketPointers() {
   doubleLogSocks = getenv(kDoubleLogSocksVariable) != nullptr;
   readFollowForks();
   readCompleteCapture();
+  readPersistentChannel();
   locateRecorderCore();
   startRecorderChannel();
   initializeRealFunctionPointers();

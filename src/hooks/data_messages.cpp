@@ -10,6 +10,7 @@
 #include "hooks/socket_registry.h"
 #include "recorder/address_attributes.h"
 #include "recorder/agent_interface.h"
+#include "recorder/message_demand.h"
 #include "recorder/recorder_message.h"
 
 namespace {
@@ -73,6 +74,10 @@ void logNotRecorded(SOCKETINFO* record, const char* name, int cpt, unsigned fd, 
 // its destination before the error.
 void recordSend(const CallStart& start, int socket, const void* buffer, size_t length, ssize_t result, int error,
                 const SendDestination* destination) {
+  if (!messageObservable(length > static_cast<size_t>(result) || result < 0 ? length : static_cast<size_t>(result))) {
+    skipUnobservedMessage();
+    return;
+  }
   RecorderMessage message(RMT_SEND, start.cpt);
   sendHead(message, start, socket);
   const SentBytes sent = sentBytes(length, result);
@@ -97,6 +102,10 @@ void recordSend(const CallStart& start, int socket, const void* buffer, size_t l
 }
 
 void recordVectorSend(const CallStart& start, int socket, const HostVectors& vectors, ssize_t result, int error) {
+  if (!messageObservable(vectors.readable())) {
+    skipUnobservedMessage();
+    return;
+  }
   RecorderMessage message(RMT_SEND, start.cpt);
   sendHead(message, start, socket);
   const SentBytes sent = sentBytes(static_cast<size_t>(vectors.readable()), result);
@@ -114,6 +123,10 @@ void recordVectorSend(const CallStart& start, int socket, const HostVectors& vec
 
 void recordReceive(int cpt, int ticket, int socket, const void* buffer, size_t length, ssize_t result, int error,
                    const ReceiveSource* source) {
+  if (!messageObservable(result > 0 ? static_cast<uint64_t>(result) : length)) {
+    skipUnobservedMessage();
+    return;
+  }
   RecorderMessage message(RMT_RECEIVE, cpt);
   receiveHead(message, ticket, socket);
   setReceivedData(message, buffer, length, result);
@@ -128,6 +141,10 @@ void recordReceive(int cpt, int ticket, int socket, const void* buffer, size_t l
 }
 
 void recordVectorReceive(const CallStart& start, int socket, const HostVectors& vectors, ssize_t result, int error) {
+  if (!messageObservable(result > 0 ? static_cast<uint64_t>(result) : 0)) {
+    skipUnobservedMessage();
+    return;
+  }
   RecorderMessage message(RMT_RECEIVE, start.cpt);
   receiveHead(message, start.ticket, socket);
   // The bytes received, spread over the vectors in order; a failed call received none.

@@ -6,12 +6,14 @@
 #include "diag/debug_log.h"
 #include "hooks/socket_registry.h"
 #include "recorder/agent_interface.h"
+#include "recorder/persistent_channel.h"
 #include "socks/socks_config.h"
 
 void resetAgentLocksInChild() {
   resetRegistryAfterFork();
   resetLogAfterFork();
   resetChannelAfterFork();
+  leavePersistentChannelAfterFork();
   resetSocksAfterFork();
   followForkInChild();
 }

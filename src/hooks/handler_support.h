@@ -12,6 +12,7 @@
 #include "hooks/host_memory.h"
 #include "hooks/socket_registry.h"
 #include "hooks/counters.h"
+#include "recorder/message_demand.h"
 
 // Start time and ticket of a call, drawn before the real call so that tickets order events by the
 // moment their calls began. The clock belongs to another library, so errno is kept across it:
@@ -28,8 +29,10 @@ inline CallStart beginCall() {
   const int callerErrno = errno;
   CallStart start;
   start.callerErrno = callerErrno;
-  start.stamp = getTimeStamp();
-  start.stampNs = getTimeStampNs();
+  // A message nobody can see needs no time: the clock is not read for it.
+  const bool observable = messageObservable(0);
+  start.stamp = observable ? getTimeStamp() : 0;
+  start.stampNs = observable ? getTimeStampNs() : -1;
   start.ticket = static_cast<int>(getTicket());
   start.cpt = static_cast<int>(getGlobalCpt());
   errno = callerErrno;

@@ -18,6 +18,7 @@
 #include "hooks/counters.h"
 #include "hooks/critical_section.h"
 #include "interpose/real_functions.h"
+#include "recorder/persistent_channel.h"
 
 AgentInterface* agentInterface = nullptr;
 
@@ -90,6 +91,12 @@ void AgentInterface::replacePendingMessage(RecorderMessage* message) {
   destroyRecorderMessage(previous);
 }
 
+void AgentInterface::dropPendingMessage() {
+  // Read without the lock first: after the first message there is never one again.
+  if (__atomic_load_n(&pendingMessage, __ATOMIC_ACQUIRE) == nullptr) return;
+  replacePendingMessage(nullptr);
+}
+
 void AgentInterface::resetLocksAfterFork() {
   const pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
   criticalSectionMessage = fresh;
@@ -122,19 +129,21 @@ void AgentInterface::_sendAMessage(const char* text, unsigned length) {
   if (length == 0 || text == nullptr || agentInterfaceUnplugged) return;
   StartCriticalSectionBase(&criticalSectionSend);
   const int savedErrno = errno;
+  sockaddr_in recorder;
+  memset(&recorder, 0, sizeof recorder);
+  recorder.sin_family = AF_INET;
+  recorder.sin_port = True_htons(static_cast<uint16_t>(recorderPort));
+  recorder.sin_addr.s_addr = True_inet_addr(recorderAddress);
   if (!addressUsable) {
     x_disp(DMK_ERROR, "no usable recorder address: message not sent");
+  } else if (persistentChannelOn()) {
+    sendOnPersistentChannel(recorder, text, length);
   } else {
     // Close-on-exec: a program the host starts while a message is on its way must not inherit it.
     const int fd = True_socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
     if (fd == -1) {
       logFailure("socket() returned INVALID_SOCKET, WSAGetLastError=%d %s : %s", errno);
     } else {
-      sockaddr_in recorder;
-      memset(&recorder, 0, sizeof recorder);
-      recorder.sin_family = AF_INET;
-      recorder.sin_port = True_htons(static_cast<uint16_t>(recorderPort));
-      recorder.sin_addr.s_addr = True_inet_addr(recorderAddress);
       if (True_connect(fd, reinterpret_cast<sockaddr*>(&recorder), sizeof recorder) != 0) {
         logFailure("connect() returned SOCKET_ERROR, WSAGetLastError=%d %s : %s", errno);
       } else if (True_send(fd, text, length, MSG_NOSIGNAL) == -1) {

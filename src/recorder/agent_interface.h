@@ -28,6 +28,8 @@ class AgentInterface {
   bool hasPendingMessage();
   // Puts `message` (owned from now on) ahead of the next message sent, in place of any pending one.
   void replacePendingMessage(RecorderMessage* message);
+  // Discards the pending message, if any, as a send that cannot leave the process would.
+  void dropPendingMessage();
   void resetLocksAfterFork();
 
  private:

@@ -16,13 +16,18 @@
 using namespace talvex_test;
 using namespace std::chrono_literals;
 
-TEST(Conversation, EveryByteOfEverySocketInTicketOrder) {
+// Over the plain channel (a connection per message) and over the persistent one (a connection
+// per process, written by every thread of it).
+class Conversation : public ::testing::TestWithParam<bool> {};
+
+TEST_P(Conversation, EveryByteOfEverySocketInTicketOrder) {
   const int kThreads = 4;
   const int kPairs = 150;
   talvex::RecorderEndpoint endpoint;
   ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
   TempDir tmp;
-  const Environment recording = agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(endpoint.port())}});
+  Environment recording = agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(endpoint.port())}});
+  if (GetParam()) recording["TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL"] = "1";
 
   BackgroundProcess server({kRecordingProbePath, "serve", tmp.file("port"), std::to_string(kThreads)}, recording);
   const int port = waitForPortFile(tmp.file("port"));
@@ -76,4 +81,11 @@ TEST(Conversation, EveryByteOfEverySocketInTicketOrder) {
   }
   // The server's accepted sockets are unknown to the agent: nothing of theirs is recorded.
   EXPECT_EQ(streams.count(served.pid), 0u);
+  // The persistent channel: one connection for the client, one for the server.
+  if (GetParam()) EXPECT_EQ(endpoint.connectionCount(), 2u);
 }
+
+INSTANTIATE_TEST_SUITE_P(Channels, Conversation, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return info.param ? "PersistentChannel" : "ConnectionPerMessage";
+                         });

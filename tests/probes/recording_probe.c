@@ -589,6 +589,23 @@ static int scenarioLoop(int port, int rounds) {
   return 0;
 }
 
+/* `rounds` exchanges of 8 bytes with the echo server, `pauseMs` apart: a program that keeps
+ * talking while its recorder comes and goes. */
+static int scenarioPaced(int port, int rounds, int pauseMs) {
+  int s = connected(port);
+  char buffer[8] = "paced-00";
+  for (int i = 0; i < rounds; ++i) {
+    buffer[6] = (char)('0' + (i / 10) % 10);
+    buffer[7] = (char)('0' + i % 10);
+    if (send(s, buffer, sizeof buffer, 0) != (ssize_t)sizeof buffer) return 3;
+    if (readFully(s, buffer, sizeof buffer) != 0) return 4;
+    usleep((useconds_t)pauseMs * 1000);
+  }
+  close(s);
+  printf("paced %d\n", rounds);
+  return 0;
+}
+
 int main(int argc, char** argv) {
   setvbuf(stdout, NULL, _IONBF, 0);
   const char* s = argc >= 2 ? argv[1] : "";
@@ -619,6 +636,7 @@ int main(int argc, char** argv) {
     return scenarioConversation(atoi(argv[2]), atoi(argv[3]), atoi(argv[4]), argv[5]);
   if (strcmp(s, "serve") == 0 && argc >= 4) return scenarioServe(argv[2], atoi(argv[3]));
   if (strcmp(s, "loop") == 0 && argc >= 4) return scenarioLoop(atoi(argv[2]), atoi(argv[3]));
+  if (strcmp(s, "paced") == 0 && argc >= 5) return scenarioPaced(atoi(argv[2]), atoi(argv[3]), atoi(argv[4]));
   if (strcmp(s, "http-serve") == 0 && argc >= 4) return scenarioHttpServe(argv[2], atoi(argv[3]));
   if (strcmp(s, "http-get") == 0 && argc >= 4) return scenarioHttpGet(atoi(argv[2]), argc - 3, argv + 3);
   fprintf(stderr, "usage: recording_probe SCENARIO ARGS (see the source for the scenarios)\n");

@@ -204,6 +204,8 @@ int main(int argc, char** argv) {
 
   talvex::RecorderEndpoint endpoint;
   endpoint.keepMessages(false);
+  // A payload of a quarter of a gigabyte is a message of up to a gigabyte once escaped.
+  endpoint.setLongestMessage(size_t(1) << 30);
   endpoint.setHandler([&outputs](const std::string& message) { outputs.onMessage(message); });
   if (!endpoint.start(where.host, where.port, &error)) {
     fprintf(stderr, "talvex-record: cannot listen on %s: %s\n", o.listen.c_str(), error.c_str());
@@ -226,6 +228,8 @@ int main(int argc, char** argv) {
   environment["TALVEX_SOCKET_AGENT_FOLLOW_FORKS"] = "1";
   // Every byte on the wire, whichever call moved it, and accepted connections too.
   environment["TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE"] = "1";
+  // One connection per process rather than one per message.
+  environment["TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL"] = "1";
   environment["TALVEX_SOCKET_AGENT_IP_ADDRESS"] = where.host;
   environment["TALVEX_SOCKET_AGENT_PORT_NUMBER"] = std::to_string(endpoint.port());
   const std::string clock32 = top + "/lib/i386-linux-gnu/libRecorderCore.so";

@@ -4,16 +4,20 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <poll.h>
+#include <sys/epoll.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 
 namespace talvex {
 
 namespace {
+
+// The C library's open, under a name the endpoint's own members do not hide.
+int open_(const char* path, int flags) { return ::open(path, flags); }
 
 bool setNonBlocking(int fd) {
   const int flags = fcntl(fd, F_GETFL, 0);
@@ -82,16 +86,35 @@ void RecorderEndpoint::stop(std::chrono::milliseconds drain) {
 }
 
 void RecorderEndpoint::run() {
-  // Open connections in the order they were accepted: when several end in the same poll round,
-  // that order is the order in which the peer sent them. Descriptor numbers are reused, so they
-  // say nothing about order.
+  // Connections by the order they were accepted: when several have complete messages in the same
+  // round, that order is the order in which their peers sent them. Descriptor numbers are reused,
+  // so they say nothing about order.
   struct Connection {
     int fd;
-    std::string data;
-    bool done;
+    std::string pending;  // the start of a message whose line feed has not come yet
+    bool cutting = false;   // the rest of an over-long message is being skipped
   };
-  std::vector<Connection> open;
+  std::map<uint64_t, Connection> open;
+  uint64_t nextOrder = 0;
+  size_t pendingBytes = 0;
   bool accepting = true;
+  bool deliveredSinceIdle = false;
+  const uint64_t kWake = UINT64_MAX, kListener = UINT64_MAX - 1;
+
+  const int poller = epoll_create1(EPOLL_CLOEXEC);
+  if (poller < 0) return;
+  auto watch = [&](int fd, uint64_t key) {
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.u64 = key;
+    return epoll_ctl(poller, EPOLL_CTL_ADD, fd, &event) == 0;
+  };
+  watch(wakeRead_, kWake);
+  watch(listener_, kListener);
+  // Held in reserve for the moment descriptors run out: closed, it makes room to take the waiting
+  // connection and close it at once, instead of finding the listener ready again and again.
+  int spare = open_("/dev/null", O_RDONLY | O_CLOEXEC);
+
   auto deliver = [&](std::string message) {
     if (handler_) handler_(message);
     std::lock_guard<std::mutex> lock(mutex_);
@@ -99,21 +122,83 @@ void RecorderEndpoint::run() {
     if (keep_) messages_.push_back(std::move(message));
     lastArrival_ = std::chrono::steady_clock::now();
     arrived_.notify_all();
+    deliveredSinceIdle = true;
   };
+  auto cut = [&](Connection& c) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      ++cut_;
+    }
+    if (cutHandler_) cutHandler_(c.pending.size());
+    pendingBytes -= c.pending.size();
+    std::string().swap(c.pending);
+    c.cutting = true;
+  };
+  // Splits what came into messages at their line feeds; returns false at the end of the stream.
+  auto readFrom = [&](Connection& c) {
+    char chunk[65536];
+    size_t taken = 0;
+    for (;;) {
+      // A peer that writes faster than this reads must not hold the others back for ever.
+      if (taken >= kMostPerRound) return true;
+      const ssize_t n = read(c.fd, chunk, sizeof chunk);
+      if (n == 0) return false;
+      if (n < 0) return errno == EAGAIN || errno == EINTR;
+      taken += static_cast<size_t>(n);
+      const char* at = chunk;
+      const char* end = chunk + n;
+      while (at < end) {
+        const char* feed = static_cast<const char*>(memchr(at, '\n', static_cast<size_t>(end - at)));
+        const char* stop = feed != nullptr ? feed + 1 : end;
+        if (!c.cutting) {
+          c.pending.append(at, static_cast<size_t>(stop - at));
+          pendingBytes += static_cast<size_t>(stop - at);
+        }
+        if (feed != nullptr) {
+          if (!c.cutting) {
+            pendingBytes -= c.pending.size();
+            std::string message;
+            message.swap(c.pending);
+            deliver(std::move(message));
+          }
+          c.cutting = false;
+        } else if (!c.cutting && c.pending.size() > longestMessage_) {
+          cut(c);
+        }
+        at = stop;
+      }
+      // Over the budget for all connections together: the longest unfinished message goes.
+      while (pendingBytes > 4 * longestMessage_) {
+        auto largest = std::max_element(open.begin(), open.end(), [](const auto& a, const auto& b) {
+          return a.second.pending.size() < b.second.pending.size();
+        });
+        cut(largest->second);
+      }
+    }
+  };
+  auto closeConnection = [&](std::map<uint64_t, Connection>::iterator it) {
+    Connection& c = it->second;
+    // A message cut short by its peer's end is kept as it stands: better evidence than none.
+    if (!c.cutting && !c.pending.empty()) {
+      pendingBytes -= c.pending.size();
+      deliver(std::move(c.pending));
+    }
+    close(c.fd);
+    return open.erase(it);
+  };
+
+  std::vector<epoll_event> events(256);
+  std::vector<uint64_t> ready;
   for (;;) {
-    std::vector<pollfd> watched;
-    watched.push_back({wakeRead_, POLLIN, 0});
-    watched.push_back({accepting ? listener_ : -1, POLLIN, 0});
-    for (const Connection& c : open) watched.push_back({c.fd, POLLIN, 0});
     int timeoutMs = -1;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (stopping_) {
         if (accepting) {
+          epoll_ctl(poller, EPOLL_CTL_DEL, listener_, nullptr);
           close(listener_);
           listener_ = -1;
           accepting = false;
-          continue;
         }
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(drainUntil_ -
                                                                                  std::chrono::steady_clock::now());
@@ -121,58 +206,81 @@ void RecorderEndpoint::run() {
         timeoutMs = static_cast<int>(left.count());
       }
     }
-    const int ready = poll(watched.data(), watched.size(), timeoutMs);
-    if (ready < 0 && errno != EINTR) break;
-    if (ready <= 0) continue;
-    if (watched[0].revents) {
-      char sink[16];
-      while (read(wakeRead_, sink, sizeof sink) > 0) {
+    int count = epoll_wait(poller, events.data(), static_cast<int>(events.size()), 0);
+    if (count == 0) {
+      if (deliveredSinceIdle && idleHandler_) idleHandler_();
+      deliveredSinceIdle = false;
+      count = epoll_wait(poller, events.data(), static_cast<int>(events.size()), timeoutMs);
+    }
+    if (count < 0 && errno != EINTR) break;
+    if (count <= 0) continue;
+    ready.clear();
+    bool acceptNow = false;
+    for (int i = 0; i < count; ++i) {
+      const uint64_t key = events[i].data.u64;
+      if (key == kWake) {
+        char sink[16];
+        while (read(wakeRead_, sink, sizeof sink) > 0) {
+        }
+      } else if (key == kListener) {
+        acceptNow = true;
+      } else {
+        ready.push_back(key);
       }
     }
-    // Connections first, then new ones: a new connection cannot have ended before an older one.
-    for (size_t i = 0; i < open.size(); ++i) {
-      if (watched[i + 2].revents == 0) continue;
-      Connection& c = open[i];
-      char chunk[65536];
-      for (;;) {
-        const ssize_t n = read(c.fd, chunk, sizeof chunk);
-        if (n > 0) {
-          c.data.append(chunk, static_cast<size_t>(n));
+    // Connections first, then new ones, each in the order accepted.
+    std::sort(ready.begin(), ready.end());
+    for (const uint64_t key : ready) {
+      const auto it = open.find(key);
+      if (it != open.end() && !readFrom(it->second)) closeConnection(it);
+    }
+    if (acceptNow && accepting) {
+      for (int round = 0; round < 1024; ++round) {
+        const int fd = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+          if ((errno == EMFILE || errno == ENFILE) && spare >= 0) {
+            close(spare);
+            const int refused = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+            if (refused >= 0) close(refused);
+            spare = open_("/dev/null", O_RDONLY | O_CLOEXEC);
+            std::lock_guard<std::mutex> lock(mutex_);
+            ++refused_;
+            continue;
+          }
+          break;
+        }
+        const uint64_t order = nextOrder++;
+        if (!watch(fd, order)) {
+          close(fd);
           continue;
         }
-        if (n == 0 || (errno != EAGAIN && errno != EINTR)) c.done = true;
-        break;
-      }
-    }
-    for (Connection& c : open) {
-      if (!c.done) continue;
-      close(c.fd);
-      deliver(std::move(c.data));
-    }
-    open.erase(std::remove_if(open.begin(), open.end(), [](const Connection& c) { return c.done; }), open.end());
-    if (accepting && watched[1].revents) {
-      for (;;) {
-        const int fd = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd < 0) break;
-        open.push_back({fd, std::string(), false});
+        open.emplace(order, Connection{fd, std::string(), false});
         std::lock_guard<std::mutex> lock(mutex_);
         ++connections_;
       }
     }
   }
-  // What is still open when the endpoint stops is kept as it stands: a truncated message is
-  // better evidence than none.
-  for (Connection& c : open) {
-    close(c.fd);
-    if (!c.data.empty()) deliver(std::move(c.data));
-  }
+  for (auto it = open.begin(); it != open.end();) it = closeConnection(it);
+  if (idleHandler_) idleHandler_();
   if (listener_ >= 0) close(listener_);
   listener_ = -1;
+  if (spare >= 0) close(spare);
+  close(poller);
 }
 
 std::vector<std::string> RecorderEndpoint::messages() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return messages_;
+}
+
+size_t RecorderEndpoint::cutCount() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return cut_;
+}
+
+size_t RecorderEndpoint::refusedCount() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return refused_;
 }
 
 size_t RecorderEndpoint::connectionCount() const {

@@ -1,6 +1,10 @@
-// A TCP endpoint that takes one recorder message per connection: everything a peer sends until
-// it closes is one message. Messages are kept in the order their connections ended, which is the
-// order the agent sent them, since it sends one at a time.
+// A TCP endpoint for recorder messages. Every message ends with a line feed (the encoding escapes
+// any inside a value), so a connection may carry one message, as the agent's plain channel sends
+// them, or many, as its persistent channel does; what a peer sends before closing without a line
+// feed is one (truncated) message. Messages are delivered as their line feeds arrive, in the order
+// their peers sent them. Memory is bounded whatever peers send: a message longer than the limit
+// is cut (dropped up to its line feed) and counted, and when all unfinished messages together
+// exceed four times the limit the longest is cut.
 #pragma once
 
 #include <chrono>
@@ -31,12 +35,22 @@ class RecorderEndpoint {
   // Whether messages are kept for messages() (the default); a caller that handles each one as it
   // comes need not keep them all in memory.
   void keepMessages(bool keep) { keep_ = keep; }
+  // Called on the endpoint's thread when it has nothing to read after delivering messages (a
+  // writer flushes its output then), and once more when it stops.
+  void setIdleHandler(std::function<void()> handler) { idleHandler_ = std::move(handler); }
+  // Called with the bytes dropped when a message is cut.
+  void setCutHandler(std::function<void(size_t)> handler) { cutHandler_ = std::move(handler); }
+  // The longest message kept whole (default 64 MiB).
+  void setLongestMessage(size_t bytes) { longestMessage_ = bytes; }
 
   // Stops accepting; connections still open are read to their end for up to `drain`.
   void stop(std::chrono::milliseconds drain = std::chrono::milliseconds(0));
 
   std::vector<std::string> messages() const;
   size_t connectionCount() const;
+  // Messages cut for their length; connections refused because descriptors ran out.
+  size_t cutCount() const;
+  size_t refusedCount() const;
   // Waits until at least `count` messages arrived or `timeout` passed; returns the count reached.
   size_t waitForMessages(size_t count, std::chrono::milliseconds timeout) const;
   // Waits until no message arrived for `quiet`, bounded by `timeout`.
@@ -50,7 +64,14 @@ class RecorderEndpoint {
   int wakeWrite_ = -1;
   int port_ = 0;
   std::thread thread_;
+  static const size_t kMostPerRound = 64u << 20;
+
   MessageHandler handler_;
+  std::function<void()> idleHandler_;
+  std::function<void(size_t)> cutHandler_;
+  size_t longestMessage_ = 64u << 20;
+  size_t cut_ = 0;
+  size_t refused_ = 0;
   mutable std::mutex mutex_;
   mutable std::condition_variable arrived_;
   std::vector<std::string> messages_;

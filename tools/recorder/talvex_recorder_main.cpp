@@ -7,6 +7,7 @@
 #include <string.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <string>
 
@@ -30,10 +31,14 @@ const char* const kUsage =
     "                       jsonl: one flat JSON object per message, attributes decoded\n"
     "  --port-file FILE     write the port actually listened on to FILE\n"
     "  --count N            stop after N messages\n"
+    "  --max-message BYTES  the longest message kept (default 67108864); a longer one is\n"
+    "                       dropped and reported, so memory stays bounded whatever peers send\n"
     "  -h, --help           this text\n"
     "  -V, --version        the version\n"
     "\n"
-    "Stops on SIGINT or SIGTERM after writing everything received.\n"
+    "A connection may carry one message or many, one per line. Messages are written as they\n"
+    "complete and nothing is kept after. Stops on SIGINT or SIGTERM after writing everything\n"
+    "received.\n"
     "\n"
     "Example:\n"
     "  talvex-recorder --format jsonl --output calls.jsonl &\n"
@@ -45,6 +50,7 @@ struct Options {
   std::string format = "raw";
   std::string portFile;
   long count = 0;
+  long long longestMessage = 64ll << 20;
 };
 
 int usageError(const std::string& message) {
@@ -80,6 +86,12 @@ int main(int argc, char** argv) {
       }
     } else if (arg == "--port-file") {
       if (!value(&options.portFile)) return usageError("--port-file needs a file");
+    } else if (arg == "--max-message") {
+      std::string text;
+      char* end = nullptr;
+      if (!value(&text) || (options.longestMessage = strtoll(text.c_str(), &end, 10)) <= 0 || *end != '\0') {
+        return usageError("--max-message needs a positive number of bytes");
+      }
     } else if (arg == "--count") {
       char* end = nullptr;
       if (!value(&countText) || (options.count = strtol(countText.c_str(), &end, 10)) <= 0 || *end != '\0') {
@@ -128,9 +140,20 @@ int main(int argc, char** argv) {
       if (!talvex::parseRecorderMessage(message, &parsed, nullptr)) ++malformed;
       fwrite(message.data(), 1, message.size(), out);
     }
-    fflush(out);
     ++received;
   });
+  // Written through at once when nothing else is waiting: a busy recorder writes in large blocks,
+  // an idle one leaves nothing behind in its buffer.
+  endpoint.setIdleHandler([&] { fflush(out); });
+  endpoint.setCutHandler([&](size_t dropped) {
+    fprintf(stderr,
+            "talvex-recorder: a message longer than %lld bytes was cut: its first %zu bytes and the rest up to its "
+            "line feed were dropped\n",
+            options.longestMessage, dropped);
+  });
+  // Four times the limit is what all unfinished messages together may hold: it must fit a size_t.
+  endpoint.setLongestMessage(static_cast<size_t>(std::min<long long>(options.longestMessage, SIZE_MAX / 8)));
+  endpoint.keepMessages(false);
   if (!endpoint.start(where.host, where.port, &error)) {
     fprintf(stderr, "talvex-recorder: cannot listen on %s: %s\n", options.listen.c_str(), error.c_str());
     return 1;
@@ -151,6 +174,11 @@ int main(int argc, char** argv) {
   }
   endpoint.stop(std::chrono::milliseconds(1000));
   if (out != stdout) fclose(out);
-  fprintf(stderr, "talvex-recorder: %ld messages received, %ld malformed\n", received.load(), malformed.load());
+  fprintf(stderr, "talvex-recorder: %ld messages received, %ld malformed", received.load(), malformed.load());
+  if (endpoint.cutCount() != 0) fprintf(stderr, ", %zu cut for their length", endpoint.cutCount());
+  if (endpoint.refusedCount() != 0) {
+    fprintf(stderr, ", %zu connections refused when descriptors ran out", endpoint.refusedCount());
+  }
+  fputs("\n", stderr);
   return 0;
 }

@@ -1,0 +1,21 @@
+#include "recorder/message_demand.h"
+
+#include "agent/agent_startup.h"
+#include "diag/debug_log.h"
+#include "recorder/agent_interface.h"
+
+namespace {
+// Below this a message always encodes (memory permitting); above it the encoder may refuse the
+// message and log that it dropped it, so such a message is built as before.
+const uint64_t kAlwaysEncodable = 64u << 20;
+}  // namespace
+
+bool messageObservable(uint64_t payloadBytes) {
+  return __atomic_load_n(&agentInterfaceUnplugged, __ATOMIC_RELAXED) == 0 || isDebugLevelEnable(DMK_DATA) ||
+         payloadBytes >= kAlwaysEncodable;
+}
+
+void skipUnobservedMessage() {
+  AgentInterface* channel = getAgentInterface();
+  if (channel != nullptr) channel->dropPendingMessage();
+}

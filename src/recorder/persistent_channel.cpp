@@ -1,0 +1,151 @@
+#include "recorder/persistent_channel.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <time.h>
+
+#include "diag/debug_log.h"
+#include "diag/name_tables.h"
+#include "interpose/real_functions.h"
+#include "interpose/symbol_versions.h"
+
+// The first fcntl of each ABI: the agent loads on C libraries older than the one it is built on.
+__asm__(".symver fcntl,fcntl@" TALVEX_GLIBC_FIRST);
+
+const char* const kPersistentChannelVariable = "TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL";
+
+namespace {
+
+// How long one message may take to be written, and how long the channel rests after a failure
+// before it tries to connect again (messages meanwhile are dropped at once).
+const int64_t kWriteBudgetNs = 1000 * 1000 * 1000;
+const int64_t kRestNs = 1000 * 1000 * 1000;
+// Descriptors below this are the host's usual range; the channel's sits above it where it can.
+const int kFirstChannelDescriptor = 512;
+
+bool enabled = false;
+int channel = -1;
+uint64_t channelCookie = 0;
+int64_t restUntilNs = 0;
+
+int64_t nowNs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+uint64_t cookieOf(int fd) {
+  uint64_t cookie = 0;
+  socklen_t length = sizeof cookie;
+  if (True_getsockopt(fd, SOL_SOCKET, SO_COOKIE, &cookie, &length) != 0) return 0;
+  return cookie;
+}
+
+// Waits until `fd` is ready for `events` or the deadline passes.
+bool waitFor(int fd, short events, int64_t deadlineNs) {
+  for (;;) {
+    const int64_t left = deadlineNs - nowNs();
+    if (left <= 0) return false;
+    pollfd one = {fd, events, 0};
+    const int ready = poll(&one, 1, static_cast<int>(left / 1000000) + 1);
+    if (ready > 0) return (one.revents & (events | POLLERR | POLLHUP)) != 0;
+    if (ready < 0 && errno != EINTR) return false;
+  }
+}
+
+void dropChannel(bool closeIt) {
+  if (channel >= 0 && closeIt) True_close(channel);
+  channel = -1;
+  channelCookie = 0;
+}
+
+bool connectChannel(const sockaddr_in& recorder, int64_t deadlineNs) {
+  const int fd = True_socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_TCP);
+  if (fd < 0) return false;
+  int placed = fcntl(fd, F_DUPFD_CLOEXEC, kFirstChannelDescriptor);
+  if (placed >= 0) {
+    True_close(fd);
+  } else {
+    placed = fd;
+  }
+  if (True_connect(placed, reinterpret_cast<const sockaddr*>(&recorder), sizeof recorder) != 0) {
+    int error = errno;
+    if (error == EINPROGRESS && waitFor(placed, POLLOUT, deadlineNs)) {
+      socklen_t length = sizeof error;
+      if (True_getsockopt(placed, SOL_SOCKET, SO_ERROR, &error, &length) != 0) error = errno;
+    }
+    if (error != 0 && error != EISCONN) {
+      x_disp(DMK_ERROR, "connect() returned SOCKET_ERROR, WSAGetLastError=%d %s : %s", error, getSocketErrorKind(error),
+             getSocketErrorMsg(error));
+      True_close(placed);
+      return false;
+    }
+  }
+  channel = placed;
+  channelCookie = cookieOf(placed);
+  return true;
+}
+
+// Writes the whole text before the deadline, or says it could not.
+bool writeWhole(const char* text, unsigned length, int64_t deadlineNs) {
+  unsigned done = 0;
+  while (done < length) {
+    const ssize_t n = True_send(channel, text + done, length - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n > 0) {
+      done += static_cast<unsigned>(n);
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else if (n < 0 && errno == EAGAIN) {
+      if (!waitFor(channel, POLLOUT, deadlineNs)) return false;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+void readPersistentChannel() { enabled = getenv(kPersistentChannelVariable) != nullptr; }
+
+bool persistentChannelOn() { return enabled; }
+
+void sendOnPersistentChannel(const sockaddr_in& recorder, const char* text, unsigned length) {
+  const int savedErrno = errno;
+  const int64_t start = nowNs();
+  // The descriptor the host may have closed and reused is not the channel any more: forgotten,
+  // never closed, since it is the host's now.
+  if (channel >= 0 && cookieOf(channel) != channelCookie) dropChannel(false);
+  // The recorder never writes: a channel that reads as ready has been closed by the recorder (it
+  // stopped, or was restarted), and a message written there now would be lost unseen.
+  if (channel >= 0) {
+    pollfd one = {channel, POLLIN | POLLRDHUP, 0};
+    if (poll(&one, 1, 0) != 0) dropChannel(true);
+  }
+  if (channel < 0 && start < restUntilNs) {
+    x_disp(DMK_ERROR, "message dropped: the recorder channel is resting after a failure");
+  } else if (channel < 0 && !connectChannel(recorder, start + kWriteBudgetNs)) {
+    restUntilNs = nowNs() + kRestNs;
+    x_disp(DMK_ERROR, "message dropped: no connection to the recorder");
+  } else if (!writeWhole(text, length, start + kWriteBudgetNs)) {
+    const int error = errno;
+    x_disp(DMK_ERROR, "message dropped: the recorder took no more within the time allowed (%d %s : %s)", error,
+           getSocketErrorKind(error), getSocketErrorMsg(error));
+    // Part of the line may have gone: only a new connection frames the next message cleanly.
+    dropChannel(true);
+    restUntilNs = nowNs() + kRestNs;
+  }
+  errno = savedErrno;
+}
+
+void leavePersistentChannelAfterFork() {
+  // The child's copy of the parent's connection is closed; the parent's stays as it is.
+  if (channel >= 0 && cookieOf(channel) == channelCookie) True_close(channel);
+  channel = -1;
+  channelCookie = 0;
+  restUntilNs = 0;
+}

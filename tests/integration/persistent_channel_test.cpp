@@ -1,0 +1,196 @@
+// TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL: one connection per process carries every message, each
+// the same line the plain channel would send; a fork, a failure or a recorder that stops reading
+// costs the host a bounded delay and never a hang.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "process_runner.h"
+#include "recorder_endpoint.h"
+#include "recorder_message_parser.h"
+#include "recording_support.h"
+#include "test_paths.h"
+
+using namespace talvex_test;
+using namespace std::chrono_literals;
+
+namespace {
+
+const char* const kPersistent = "TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL";
+
+Environment persistentTo(int port, const TempDir& logs, const Environment& extra = {}) {
+  Environment environment = agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(port)},
+                                              {kPersistent, "1"},
+                                              {"TALVEX_SOCKET_AGENT_DEBUG_LVL", "1"},
+                                              {"TALVEX_SOCKET_AGENT_DEBUG_DIR", logs.path()}});
+  for (const auto& entry : extra) environment[entry.first] = entry.second;
+  return environment;
+}
+
+std::string logOf(const TempDir& logs) {
+  std::string all;
+  for (const auto& file : listDirectory(logs.path())) all += readFile(logs.file(file));
+  return all;
+}
+
+std::vector<talvex::ParsedMessage> parsedOrFail(const std::vector<std::string>& raw) {
+  std::vector<talvex::ParsedMessage> out;
+  for (const auto& text : raw) {
+    talvex::ParsedMessage m;
+    std::string error;
+    EXPECT_TRUE(talvex::parseRecorderMessage(text, &m, &error)) << error << ": " << text.substr(0, 200);
+    out.push_back(m);
+  }
+  return out;
+}
+
+// A recorder that takes connections and never reads from them, with the smallest buffers.
+class DeafRecorder {
+ public:
+  DeafRecorder() {
+    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int small = 1024;
+    setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    listen(listener_, 64);
+    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this] {
+      for (int i = 0; i < 1000; ++i) {
+        const int fd = accept(listener_, nullptr, nullptr);
+        if (fd < 0) return;
+        accepted_.push_back(fd);
+      }
+    });
+  }
+  ~DeafRecorder() {
+    shutdown(listener_, SHUT_RDWR);
+    thread_.join();
+    for (int fd : accepted_) close(fd);
+    close(listener_);
+  }
+  int port() const { return port_; }
+
+ private:
+  int listener_ = -1;
+  int port_ = 0;
+  std::vector<int> accepted_;
+  std::thread thread_;
+};
+
+}  // namespace
+
+TEST(PersistentChannel, OneConnectionCarriesEveryMessageInOrderAsThePlainChannelWouldSendIt) {
+  EchoServer echo;
+  talvex::RecorderEndpoint endpoint;
+  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+  TempDir logs;
+  const ProcessResult r = runProcess({kRecordingProbePath, "loop", std::to_string(echo.port()), "300"},
+                                     persistentTo(endpoint.port(), logs));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  endpoint.waitForQuiet(300ms, 10s);
+  const auto raw = endpoint.messages();
+  // process, connect, 300 sends and receives, the close.
+  ASSERT_EQ(raw.size(), 1u + 1u + 600u + 1u);
+  EXPECT_EQ(endpoint.connectionCount(), 1u);
+  const auto messages = parsedOrFail(raw);
+  EXPECT_EQ(messages[0].kind, "process");
+  for (size_t i = 1; i < messages.size(); ++i) {
+    EXPECT_EQ(raw[i].back(), '\n');
+    EXPECT_LT(messages[i - 1].find("ticket")->integer, messages[i].find("ticket")->integer) << raw[i];
+  }
+  EXPECT_EQ(logOf(logs).find("message dropped"), std::string::npos);
+}
+
+TEST(PersistentChannel, WithoutTheVariableEachMessageHasAConnectionOfItsOwn) {
+  EchoServer echo;
+  talvex::RecorderEndpoint endpoint;
+  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+  const ProcessResult r = runProcess({kRecordingProbePath, "loop", std::to_string(echo.port()), "20"},
+                                     agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(endpoint.port())}}));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  endpoint.waitForQuiet(300ms, 10s);
+  EXPECT_EQ(endpoint.messages().size(), 43u);
+  EXPECT_EQ(endpoint.connectionCount(), 43u);
+}
+
+TEST(PersistentChannel, AChildAfterForkWritesOnAConnectionOfItsOwn) {
+  EchoServer echo;
+  talvex::RecorderEndpoint endpoint;
+  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+  TempDir logs;
+  const ProcessResult r =
+      runProcess({kHostileProbePath, "fork-children", std::to_string(echo.port())},
+                 persistentTo(endpoint.port(), logs, {{"TALVEX_SOCKET_AGENT_FOLLOW_FORKS", "1"}}));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  endpoint.waitForQuiet(300ms, 10s);
+  const auto messages = parsedOrFail(endpoint.messages());
+  // The parent and its three children, each on its own connection, each announced first.
+  EXPECT_EQ(endpoint.connectionCount(), 4u);
+  std::set<std::string> announced;
+  size_t connects = 0;
+  for (const auto& m : messages) {
+    const auto* pid = m.find("pid");
+    if (m.kind == "process") announced.insert(pid->raw);
+    if (m.kind == "connect") ++connects;
+    if (pid != nullptr && m.kind != "process") EXPECT_EQ(announced.count(pid->raw), 1u) << m.kind;
+  }
+  EXPECT_EQ(announced.size(), 4u);
+  EXPECT_EQ(connects, 4u);
+}
+
+TEST(PersistentChannel, ARestartedRecorderReceivesWhatFollows) {
+  EchoServer echo;
+  TempDir logs;
+  auto first = std::make_unique<talvex::RecorderEndpoint>();
+  ASSERT_TRUE(first->start("127.0.0.1", 0, nullptr));
+  const int port = first->port();
+  BackgroundProcess probe({kRecordingProbePath, "paced", std::to_string(echo.port()), "80", "25"},
+                          persistentTo(port, logs));
+  ASSERT_GE(first->waitForMessages(10, 10000ms), 10u);
+  first->stop();
+  const size_t before = first->messages().size();
+  first.reset();
+  // Down for a moment, then back on the same port.
+  usleep(200000);
+  talvex::RecorderEndpoint second;
+  ASSERT_TRUE(second.start("127.0.0.1", port, nullptr));
+  const ProcessResult r = probe.wait(std::chrono::seconds(30));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out.substr(r.out.size() - 9), "paced 80\n");
+  second.waitForQuiet(300ms, 10s);
+  const auto after = parsedOrFail(second.messages());
+  // The last exchanges and the close reach the new recorder; what was sent while no recorder was
+  // there is dropped and said so.
+  ASSERT_GE(after.size(), 10u);
+  EXPECT_EQ(after.back().kind, "close");
+  EXPECT_GT(before + after.size(), 20u);
+  EXPECT_NE(logOf(logs).find("message dropped"), std::string::npos);
+}
+
+TEST(PersistentChannel, ARecorderThatStopsReadingDelaysTheHostOnlyABoundedTime) {
+  EchoServer echo;
+  DeafRecorder deaf;
+  TempDir logs;
+  // About ten megabytes of messages against a recorder that reads none of them: without a bound
+  // on each write, the program would wait for ever on its first full buffer.
+  const auto started = std::chrono::steady_clock::now();
+  const ProcessResult r = runProcess({kRecordingProbePath, "loop", std::to_string(echo.port()), "20000"},
+                                     persistentTo(deaf.port(), logs), std::chrono::seconds(60));
+  const auto took = std::chrono::steady_clock::now() - started;
+  ASSERT_FALSE(r.timedOut);
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_LT(took, std::chrono::seconds(45));
+  EXPECT_NE(logOf(logs).find("message dropped: the recorder took no more within the time allowed"), std::string::npos);
+}
