@@ -4,9 +4,11 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 
 #include "process_runner.h"
@@ -32,8 +34,12 @@ bool sendRaw(int port, const std::string& bytes) {
 
 class TalvexRecorder : public ::testing::Test {
  protected:
-  void start(std::vector<std::string> options) {
-    std::vector<std::string> argv = {kRecorderPath, "--listen", "127.0.0.1:0", "--port-file", tmp.file("port")};
+  void start(std::vector<std::string> options, std::vector<std::string> prefix = {}) {
+    std::vector<std::string> argv = prefix;
+    for (const std::string& word : {std::string(kRecorderPath), std::string("--listen"), std::string("127.0.0.1:0"),
+                                    std::string("--port-file"), tmp.file("port")}) {
+      argv.push_back(word);
+    }
     argv.insert(argv.end(), options.begin(), options.end());
     recorder.reset(new BackgroundProcess(argv, cleanEnvironment()));
     port = waitForPortFile(tmp.file("port"));
@@ -157,4 +163,105 @@ TEST(TalvexRecorderUsage, PortInUseIsReported) {
       runProcess({kRecorderPath, "--listen", "127.0.0.1:" + std::to_string(busy.port())}, cleanEnvironment());
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_NE(r.err.find("Address already in use"), std::string::npos) << r.err;
+}
+
+namespace {
+
+// The recorder's own CPU time so far, in clock ticks.
+long cpuTicks(int pid) {
+  const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+  const size_t afterName = stat.rfind(')');
+  if (afterName == std::string::npos) return -1;
+  std::vector<std::string> fields;
+  size_t at = afterName + 2;
+  while (at < stat.size()) {
+    const size_t space = stat.find(' ', at);
+    fields.push_back(stat.substr(at, space - at));
+    if (space == std::string::npos) break;
+    at = space + 1;
+  }
+  // utime and stime are fields 14 and 15 of the whole line, 12 and 13 after the name.
+  return fields.size() > 12 ? atol(fields[11].c_str()) + atol(fields[12].c_str()) : -1;
+}
+
+long peakMemoryKiB(int pid) {
+  for (const auto& line : splitLines(readFile("/proc/" + std::to_string(pid) + "/status"))) {
+    if (line.rfind("VmHWM:", 0) == 0) return atol(line.c_str() + 6);
+  }
+  return -1;
+}
+
+}  // namespace
+
+TEST_F(TalvexRecorder, ALineOf400MegabytesIsCutAndReportedAndTheRecorderGoesOn) {
+  start({"--output", tmp.file("out.raw")});
+  const int fd = connectToLoopback(port);
+  ASSERT_GE(fd, 0);
+  const std::string chunk(1 << 20, 'x');
+  for (int i = 0; i < 400; ++i) {
+    size_t sent = 0;
+    while (sent < chunk.size()) {
+      const ssize_t n = send(fd, chunk.data() + sent, chunk.size() - sent, MSG_NOSIGNAL);
+      ASSERT_GT(n, 0) << "the recorder stopped reading after " << i << " MiB";
+      sent += static_cast<size_t>(n);
+    }
+  }
+  ASSERT_EQ(send(fd, "\n<exit/>\n", 9, MSG_NOSIGNAL), 9);
+  close(fd);
+  ASSERT_TRUE(sendRaw(port, "<exit/>\n"));
+  usleep(300000);
+  // Held no more than the limit's worth, whatever the line's length.
+  const long peak = peakMemoryKiB(recorder->pid());
+  const ProcessResult r = stop();
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_NE(r.err.find("talvex-recorder: a message longer than 67108864 bytes was cut"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("2 messages received, 0 malformed, 1 cut for their length"), std::string::npos) << r.err;
+  EXPECT_EQ(readFile(tmp.file("out.raw")), "<exit/>\n<exit/>\n");
+  EXPECT_GT(peak, 0);
+  EXPECT_LT(peak, 400 * 1024);
+}
+
+TEST_F(TalvexRecorder, AThousandIdleConnectionsHoldUpNoOne) {
+  rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, 4096));
+  setrlimit(RLIMIT_NOFILE, &limit);
+  start({"--output", tmp.file("out.raw")}, {"/usr/bin/prlimit", "--nofile=4096:4096"});
+  std::vector<int> idle;
+  for (int i = 0; i < 1000; ++i) {
+    const int fd = connectToLoopback(port);
+    ASSERT_GE(fd, 0) << i;
+    idle.push_back(fd);
+  }
+  ASSERT_TRUE(sendRaw(port, "<exit/>\n"));
+  usleep(300000);
+  EXPECT_EQ(readFile(tmp.file("out.raw")), "<exit/>\n");
+  for (int fd : idle) close(fd);
+  const ProcessResult r = stop();
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_NE(r.err.find("1 messages received, 0 malformed\n"), std::string::npos) << r.err;
+}
+
+TEST_F(TalvexRecorder, RunningOutOfDescriptorsNeitherSpinsNorStopsIt) {
+  // Room for a dozen connections; sixty arrive and stay.
+  start({"--output", tmp.file("out.raw")}, {"/usr/bin/prlimit", "--nofile=24:24"});
+  std::vector<int> peers;
+  for (int i = 0; i < 60; ++i) peers.push_back(connectToLoopback(port));
+  usleep(200000);
+  const long before = cpuTicks(recorder->pid());
+  usleep(1000000);
+  const long after = cpuTicks(recorder->pid());
+  ASSERT_GE(before, 0);
+  // A busy loop would burn the whole second (100 ticks).
+  EXPECT_LT(after - before, 20);
+  for (int fd : peers) {
+    if (fd >= 0) close(fd);
+  }
+  usleep(200000);
+  ASSERT_TRUE(sendRaw(port, "<exit/>\n"));
+  usleep(300000);
+  EXPECT_EQ(readFile(tmp.file("out.raw")), "<exit/>\n");
+  const ProcessResult r = stop();
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_NE(r.err.find("connections refused when descriptors ran out"), std::string::npos) << r.err;
 }

@@ -11,6 +11,7 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <string.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -566,25 +567,35 @@ static double elapsedNs(const struct timespec* from) {
 
 /* Times `rounds` request/response pairs of 64 bytes on a connected socket and as many writes to
  * /dev/null, from inside the process, so that start-up does not count. */
-static int scenarioLoop(int port, int rounds) {
+static int scenarioLoop(int port, int rounds, size_t size, int others) {
+  /* Other sockets open beside the one that talks, as in a busy server. */
+  struct rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  for (int i = 0; i < others; ++i) {
+    if (socket(AF_INET, SOCK_STREAM, 0) < 0) return 6;
+  }
   int s = connected(port);
-  char buffer[64];
-  memset(buffer, 'q', sizeof buffer);
+  char* buffer = malloc(size);
+  if (buffer == NULL) return 2;
+  memset(buffer, 'q', size);
   struct timespec start;
   clock_gettime(CLOCK_MONOTONIC, &start);
   for (int i = 0; i < rounds; ++i) {
-    if (send(s, buffer, sizeof buffer, 0) != (ssize_t)sizeof buffer) return 3;
-    if (readFully(s, buffer, sizeof buffer) != 0) return 4;
+    if (send(s, buffer, size, 0) != (ssize_t)size) return 3;
+    if (readFully(s, buffer, size) != 0) return 4;
   }
   const double socketNs = elapsedNs(&start);
   int file = open("/dev/null", O_WRONLY);
   clock_gettime(CLOCK_MONOTONIC, &start);
   for (int i = 0; i < rounds; ++i) {
-    if (write(file, buffer, sizeof buffer) != (ssize_t)sizeof buffer) return 5;
+    if (write(file, buffer, size) != (ssize_t)size) return 5;
   }
   const double fileNs = elapsedNs(&start);
   close(file);
   close(s);
+  free(buffer);
   printf("pair_ns %.0f\nwrite_ns %.0f\n", socketNs / rounds, fileNs / rounds);
   return 0;
 }
@@ -635,7 +646,10 @@ int main(int argc, char** argv) {
   if (strcmp(s, "conversation") == 0 && argc >= 6)
     return scenarioConversation(atoi(argv[2]), atoi(argv[3]), atoi(argv[4]), argv[5]);
   if (strcmp(s, "serve") == 0 && argc >= 4) return scenarioServe(argv[2], atoi(argv[3]));
-  if (strcmp(s, "loop") == 0 && argc >= 4) return scenarioLoop(atoi(argv[2]), atoi(argv[3]));
+  if (strcmp(s, "loop") == 0 && argc >= 4) {
+    return scenarioLoop(atoi(argv[2]), atoi(argv[3]), argc >= 5 ? (size_t)strtoul(argv[4], NULL, 10) : 64,
+                        argc >= 6 ? atoi(argv[5]) : 0);
+  }
   if (strcmp(s, "paced") == 0 && argc >= 5) return scenarioPaced(atoi(argv[2]), atoi(argv[3]), atoi(argv[4]));
   if (strcmp(s, "http-serve") == 0 && argc >= 4) return scenarioHttpServe(argv[2], atoi(argv[3]));
   if (strcmp(s, "http-get") == 0 && argc >= 4) return scenarioHttpGet(atoi(argv[2]), argc - 3, argv + 3);

@@ -63,7 +63,9 @@ void RecordOutputs::onMessage(const std::string& raw) {
   LiveConnections::Seen seen;
   if (parsed) seen = connections_.observe(m);
   if (!seen.shown) return;
-  shown_.push_back(raw);
+  // Kept only for the transcript written at the end; without one, memory stays flat however long
+  // the run.
+  if (transcript_ != nullptr || (!options_.quiet && !live_)) shown_.push_back(raw);
   if (raw_ != nullptr) {
     fwrite(raw.data(), 1, raw.size(), raw_);
     fail(raw_, options_.raw);

@@ -1,0 +1,167 @@
+// What recording costs a program, each figure a ratio against a baseline measured in the same
+// run, runs interleaved and the best of several kept (the machine is shared):
+//   round trips on one loopback connection (16 B, 1 KiB, 64 KiB), 32-bit probe:
+//     native, a pass-through preload, the agent unplugged, the agent recording through its plain
+//     channel and through its persistent one, and strace as a user runs it to see payloads;
+//   the same unplugged with 10,000 other sockets open;
+//   a 50 MB download by the system's curl, plain and under talvex-record.
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "process_runner.h"
+#include "recorder_endpoint.h"
+#include "test_paths.h"
+
+using namespace talvex_test;
+
+namespace {
+
+const int kAttempts = 5;
+
+double pairNs(const std::vector<std::string>& prefix, const std::vector<std::string>& probe, const Environment& env) {
+  std::vector<std::string> argv = prefix;
+  argv.insert(argv.end(), probe.begin(), probe.end());
+  const ProcessResult r = runProcess(argv, env, std::chrono::seconds(600));
+  for (const auto& line : splitLines(r.out)) {
+    if (line.rfind("pair_ns ", 0) == 0) return atof(line.c_str() + 8);
+  }
+  fprintf(stderr, "run failed (%s): %s\n", argv[0].c_str(), r.err.substr(0, 400).c_str());
+  exit(1);
+}
+
+struct Mode {
+  const char* name;
+  std::vector<std::string> prefix;
+  Environment environment;
+};
+
+double secondsOf(const std::vector<std::string>& argv, const Environment& env) {
+  const auto start = std::chrono::steady_clock::now();
+  const ProcessResult r = runProcess(argv, env, std::chrono::seconds(600));
+  if (r.exitCode != 0) {
+    fprintf(stderr, "%s failed: %s\n", argv[0].c_str(), r.err.substr(0, 400).c_str());
+    exit(1);
+  }
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace
+
+int main() {
+  EchoServer echo;
+  talvex::RecorderEndpoint endpoint;
+  endpoint.keepMessages(false);
+  endpoint.start("127.0.0.1", 0, nullptr);
+  const std::string recorderPort = std::to_string(endpoint.port());
+  TempDir tmp;
+  const std::string passThrough = std::string(TALVEX_PASS_THROUGH_PRELOAD);
+
+  const std::vector<Mode> modes = {
+      {"native", {}, cleanEnvironment()},
+      {"pass-through preload", {}, cleanEnvironment({{"LD_PRELOAD", passThrough}})},
+      {"agent unplugged", {}, agentEnvironment({{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}})},
+      {"agent recording", {}, agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", recorderPort}})},
+      {"agent persistent", {},
+       agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", recorderPort},
+                         {"TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL", "1"},
+                         {"TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE", "1"}})},
+      {"strace", {"/usr/bin/strace", "-f", "-e", "trace=network,read,write", "-s", "65535", "-o", tmp.file("strace")},
+       cleanEnvironment()},
+  };
+  const std::vector<std::pair<int, int>> sizes = {{16, 4000}, {1024, 4000}, {65536, 500}};
+
+  printf("round trips on one loopback connection, 32-bit probe, best of %d interleaved runs (ns per round trip)\n",
+         kAttempts);
+  printf("  %-22s %12s %12s %12s\n", "", "16 B", "1 KiB", "64 KiB");
+  std::map<std::string, std::vector<double>> best;
+  for (const auto& size : sizes) {
+    std::map<std::string, double> fastest;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+      for (const Mode& mode : modes) {
+        const double ns = pairNs(mode.prefix,
+                                 {kRecordingProbePath, "loop", std::to_string(echo.port()), std::to_string(size.second),
+                                  std::to_string(size.first)},
+                                 mode.environment);
+        if (attempt == 0 || ns < fastest[mode.name]) fastest[mode.name] = ns;
+      }
+    }
+    for (const Mode& mode : modes) best[mode.name].push_back(fastest[mode.name]);
+  }
+  for (const Mode& mode : modes) {
+    printf("  %-22s %12.0f %12.0f %12.0f\n", mode.name, best[mode.name][0], best[mode.name][1], best[mode.name][2]);
+  }
+  const auto ratio = [&](const char* name, const char* over, const char* label) {
+    printf("  %-38s %8.2f %8.2f %8.2f\n", label, best[name][0] / best[over][0], best[name][1] / best[over][1],
+           best[name][2] / best[over][2]);
+  };
+  printf("ratios                                     16 B    1 KiB   64 KiB\n");
+  ratio("pass-through preload", "native", "pass-through preload / native");
+  ratio("agent unplugged", "native", "agent unplugged / native");
+  ratio("agent unplugged", "pass-through preload", "agent unplugged / pass-through");
+  ratio("agent recording", "strace", "recording, plain channel / strace");
+  ratio("agent persistent", "strace", "recording, persistent channel / strace");
+
+  // A registry lookup is constant time: the same round trips with 10,000 other sockets open.
+  double alone = 0, crowded = 0;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const Environment unplugged = agentEnvironment({{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}});
+    const double a = pairNs({}, {kRecordingProbePath, "loop", std::to_string(echo.port()), "4000", "16"}, unplugged);
+    const double c =
+        pairNs({}, {kRecordingProbePath, "loop", std::to_string(echo.port()), "4000", "16", "10000"}, unplugged);
+    if (attempt == 0 || a < alone) alone = a;
+    if (attempt == 0 || c < crowded) crowded = c;
+  }
+  printf("agent unplugged, 16 B, with 10,000 other sockets open / without: %.2f\n", crowded / alone);
+
+  // A 50 MB download by the system's curl from a local HTTP server.
+  {
+    const std::string file = tmp.file("download");
+    FILE* f = fopen(file.c_str(), "wb");
+    std::string chunk(1 << 20, '\0');
+    for (size_t i = 0; i < chunk.size(); ++i) chunk[i] = static_cast<char>(i * 7);
+    for (int i = 0; i < 50; ++i) fwrite(chunk.data(), 1, chunk.size(), f);
+    fclose(f);
+    BackgroundProcess server({"/usr/bin/python3", "-m", "http.server", "--bind", "127.0.0.1", "--directory",
+                              tmp.path(), "0"},
+                             cleanEnvironment());
+    // http.server says its port on its first line; reading it from /proc is simpler: ask ss.
+    int port = 0;
+    for (int i = 0; i < 100 && port == 0; ++i) {
+      usleep(50000);
+      const ProcessResult ss = runProcess({"/usr/bin/ss", "-ltnpH"}, cleanEnvironment());
+      for (const auto& line : splitLines(ss.out)) {
+        if (line.find("pid=" + std::to_string(server.pid()) + ",") == std::string::npos) continue;
+        const size_t colon = line.find("127.0.0.1:");
+        if (colon != std::string::npos) port = atoi(line.c_str() + colon + 10);
+      }
+    }
+    if (port == 0) {
+      fprintf(stderr, "the HTTP server did not start\n");
+      return 1;
+    }
+    const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/download";
+    double plain = 0, recorded = 0;
+    for (int attempt = 0; attempt < 3; ++attempt) {
+      const double p = secondsOf({"/usr/bin/curl", "-s", "-o", "/dev/null", url}, cleanEnvironment());
+      const double r = secondsOf({kRecordPath, "--quiet", "--raw", tmp.file("curl.raw"), "--", "/usr/bin/curl", "-s",
+                                  "-o", "/dev/null", url},
+                                 cleanEnvironment());
+      if (attempt == 0 || p < plain) plain = p;
+      if (attempt == 0 || r < recorded) recorded = r;
+    }
+    struct stat raw;
+    stat(tmp.file("curl.raw").c_str(), &raw);
+    printf("50 MB download by curl: plain %.3f s, under talvex-record %.3f s, ratio %.2f (raw output %lld bytes)\n",
+           plain, recorded, recorded / plain, static_cast<long long>(raw.st_size));
+  }
+  return 0;
+}
