@@ -1,6 +1,6 @@
 // What the agent costs a program, per intercepted call, measured inside a 32-bit probe:
 //   plain       no agent (the baseline)
-//   unplugged   the agent preloaded, encoding every message but sending none
+//   unplugged   the agent preloaded and unplugged: nothing can leave, so no message is built
 //   recording   the agent preloaded, each send and receive delivered to an endpoint
 //   +capture    each of the two with TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE, against the same
 //               mode without it: what the extension adds to a call on a known socket and to a

@@ -5,6 +5,7 @@
 //     channel and through its persistent one, and strace as a user runs it to see payloads;
 //   the same unplugged with 10,000 other sockets open;
 //   a 50 MB download by the system's curl, plain and under talvex-record.
+#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -57,6 +58,12 @@ double secondsOf(const std::vector<std::string>& argv, const Environment& env) {
 }  // namespace
 
 int main() {
+  // Everything on one core: a round trip is then two context switches, the same every time,
+  // rather than whatever the scheduler makes of two idle cores.
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(0, &one);
+  sched_setaffinity(0, sizeof one, &one);
   EchoServer echo;
   talvex::RecorderEndpoint endpoint;
   endpoint.keepMessages(false);

@@ -22,11 +22,11 @@ namespace {
 const int kRounds = 2000;
 
 // The instructions collected in `entry` over the run, divided by the calls made to it.
-double perCall(const Environment& environment, int echoPort, const std::string& entry) {
+double perCall(const Environment& environment, int echoPort, const std::string& entry, int size = 64) {
   TempDir out;
   const ProcessResult r = runProcess({"/usr/bin/valgrind", "--tool=callgrind", "--callgrind-out-file=" + out.file("cg"),
                                       "--toggle-collect=My" + entry + "(*", kRecordingProbePath, "loop",
-                                      std::to_string(echoPort), std::to_string(kRounds)},
+                                      std::to_string(echoPort), std::to_string(kRounds), std::to_string(size)},
                                      environment, std::chrono::seconds(300));
   if (r.exitCode != 0) {
     fprintf(stderr, "valgrind run failed: %s\n", r.err.c_str());
@@ -74,6 +74,11 @@ int main() {
   print("unplugged+capture", passCapture);
   print("recording", recording);
   print("recording+capture", recordingCapture);
+  // Unplugged, the payload's size no longer matters: nothing is encoded.
+  const Environment unplugged = agentEnvironment(unplug);
+  printf("  unplugged send by payload size: 16 B %.0f, 1 KiB %.0f, 64 KiB %.0f instructions\n",
+         perCall(unplugged, echo.port(), "send", 16), perCall(unplugged, echo.port(), "send", 1024),
+         perCall(unplugged, echo.port(), "send", 65536));
   printf("  capture adds: unplugged %+.0f / %+.0f / %+.0f, recording %+.0f / %+.0f / %+.0f\n",
          passCapture.send - passThrough.send, passCapture.recv - passThrough.recv,
          passCapture.write - passThrough.write, recordingCapture.send - recording.send,

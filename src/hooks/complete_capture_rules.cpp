@@ -11,6 +11,7 @@
 #include "interpose/real_functions.h"
 #include "recorder/address_attributes.h"
 #include "recorder/agent_interface.h"
+#include "recorder/message_demand.h"
 #include "recorder/recorder_message.h"
 
 namespace {
@@ -93,7 +94,10 @@ bool emptyReceiveCarriesData() { return !completeCaptureOn(); }
 bool peekIsLeftOut(int flags) { return (flags & MSG_PEEK) != 0 && completeCaptureOn(); }
 
 SOCKETINFO* socketForCall(unsigned fd) {
-  SOCKETINFO* record = getCurrentSocketInfo(fd);
+  // The check that the descriptor is still the socket of its record costs a system call on every
+  // call; it matters only for what is recorded, and while nothing can be seen (unplugged, no DATA
+  // lines) it is left out.
+  SOCKETINFO* record = messageObservable(0) ? getCurrentSocketInfo(fd) : getSocketInfo(fd);
   // Descriptor 0 is never followed, whoever created it.
   if (record != nullptr || fd == 0 || !completeCaptureOn() || marked(fd)) return record;
   return adopt(fd);

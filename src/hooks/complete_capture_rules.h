@@ -23,7 +23,8 @@ bool emptyReceiveCarriesData();
 // with complete capture its bytes are recorded once, when they are read.
 bool peekIsLeftOut(int flags);
 
-// The registry's record of the socket `fd` names now. With complete capture, a connected TCP
+// The registry's record of the socket `fd` names now (while no message can be seen, the record
+// the registry holds for the number, unchecked). With complete capture, a connected TCP
 // socket the process did not create through socket() (inherited, duplicated, received over a
 // UNIX socket, opened by a raw system call) is registered on its first use, and the recorder
 // hears of it as an accept with the info "ADOPTED".

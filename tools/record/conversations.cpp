@@ -12,19 +12,9 @@ namespace {
 
 const int64_t kInProgress = 115;
 
-int64_t integer(const ParsedMessage& m, const char* name, int64_t fallback = 0) {
-  const MessageAttribute* a = m.find(name);
-  return a != nullptr ? a->integer : fallback;
-}
-
-std::string text(const ParsedMessage& m, const char* name) {
-  const MessageAttribute* a = m.find(name);
-  return a != nullptr ? a->bytes : std::string();
-}
-
 int64_t timeOf(const ParsedMessage& m) {
-  if (m.find("timestamp_ns") != nullptr) return integer(m, "timestamp_ns");
-  return integer(m, "timestamp") * 1000000;
+  if (m.find("timestamp_ns") != nullptr) return m.integer("timestamp_ns");
+  return m.integer("timestamp") * 1000000;
 }
 
 int familyNumber(const std::string& name) {
@@ -35,9 +25,9 @@ int familyNumber(const std::string& name) {
 
 Peer peerOf(const ParsedMessage& m) {
   Peer p;
-  p.family = familyNumber(text(m, "family"));
-  p.ip = text(m, "ip");
-  p.port = static_cast<int>(integer(m, "port"));
+  p.family = familyNumber(m.text("family"));
+  p.ip = m.text("ip");
+  p.port = static_cast<int>(m.integer("port"));
   return p;
 }
 
@@ -61,18 +51,18 @@ Recording buildRecording(const std::vector<std::string>& raw) {
       continue;
     }
     ++recording.messages;
-    if (m.find("pid") != nullptr) lastPid = integer(m, "pid");
+    if (m.find("pid") != nullptr) lastPid = m.integer("pid");
     if (std::find(recording.pids.begin(), recording.pids.end(), lastPid) == recording.pids.end()) {
       recording.pids.push_back(lastPid);
     }
-    if (m.kind == "process") directories[lastPid] = text(m, "workingdir");
+    if (m.kind == "process") directories[lastPid] = m.text("workingdir");
     byPid[lastPid].push_back(std::move(m));
   }
   for (int64_t pid : recording.pids) {
     recording.workingDirectories.push_back(directories[pid]);
     auto& messages = byPid[pid];
     std::stable_sort(messages.begin(), messages.end(), [](const ParsedMessage& a, const ParsedMessage& b) {
-      return integer(a, "ticket") < integer(b, "ticket");
+      return a.integer("ticket") < b.integer("ticket");
     });
     std::map<int64_t, size_t> open;  // socket -> index of its open conversation
     auto start = [&](const ParsedMessage& m, int64_t socket, const std::string& opening) -> Conversation& {
@@ -80,27 +70,27 @@ Recording buildRecording(const std::vector<std::string>& raw) {
       c.pid = pid;
       c.socket = socket;
       c.opening = opening;
-      c.openTicket = integer(m, "ticket");
+      c.openTicket = m.integer("ticket");
       c.openTimeNs = timeOf(m);
       recording.conversations.push_back(c);
       open[socket] = recording.conversations.size() - 1;
       return recording.conversations.back();
     };
     for (const ParsedMessage& m : messages) {
-      const int64_t socket = integer(m, "socket", -1);
+      const int64_t socket = m.integer("socket", -1);
       if (m.kind == "connect") {
         Conversation& c = start(m, socket, "connect");
         c.remote = peerOf(m);
         c.local.family = c.remote.family;
         c.local.ip = localAddressFor(c.remote);
-        c.local.port = static_cast<int>(integer(m, "localport"));
-        c.durationMs = integer(m, "duration");
-        c.loopback = integer(m, "loopback") != 0;
+        c.local.port = static_cast<int>(m.integer("localport"));
+        c.durationMs = m.integer("duration");
+        c.loopback = m.integer("loopback") != 0;
         c.hasSocksError = m.find("sockserror") != nullptr;
-        c.socksError = integer(m, "sockserror");
-        if (m.find("error") != nullptr && integer(m, "error") != kInProgress) {
+        c.socksError = m.integer("sockserror");
+        if (m.find("error") != nullptr && m.integer("error") != kInProgress) {
           c.failed = true;
-          c.error = integer(m, "error");
+          c.error = m.integer("error");
           ++recording.failures;
         }
       } else if (m.kind == "accept") {
@@ -113,12 +103,12 @@ Recording buildRecording(const std::vector<std::string>& raw) {
         Conversation& c = found != open.end() ? recording.conversations[found->second] : start(m, socket, "");
         Event e;
         e.kind = m.kind;
-        e.ticket = integer(m, "ticket");
+        e.ticket = m.integer("ticket");
         e.timeNs = timeOf(m);
-        e.data = text(m, "data");
-        e.length = integer(m, "length");
+        e.data = m.text("data");
+        e.length = m.integer("length");
         e.failed = m.find("error") != nullptr;
-        e.error = integer(m, "error");
+        e.error = m.integer("error");
         // A receive's length is what it got; on an end of stream the agent still records what the
         // buffer held, which is nothing that was received.
         if (m.kind == "receive" && !e.failed && e.length <= 0) {
@@ -140,9 +130,9 @@ Recording buildRecording(const std::vector<std::string>& raw) {
           open.erase(found);
         }
       } else if (m.kind == "addrinfo") {
-        recording.resolutions.push_back({pid, text(m, "name"), text(m, "family"), text(m, "ip")});
+        recording.resolutions.push_back({pid, m.text("name"), m.text("family"), m.text("ip")});
       } else if (m.kind == "notrecorded") {
-        recording.notices.push_back(m.find("name") != nullptr ? text(m, "name") : text(m, "info"));
+        recording.notices.push_back(m.find("name") != nullptr ? m.text("name") : m.text("info"));
       }
     }
   }

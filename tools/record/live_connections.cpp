@@ -8,31 +8,21 @@ namespace {
 
 const int64_t kInProgress = 115;
 
-int64_t integer(const ParsedMessage& m, const char* name, int64_t fallback = 0) {
-  const MessageAttribute* a = m.find(name);
-  return a != nullptr ? a->integer : fallback;
-}
-
-std::string text(const ParsedMessage& m, const char* name) {
-  const MessageAttribute* a = m.find(name);
-  return a != nullptr ? a->bytes : std::string();
-}
-
 }  // namespace
 
 LiveConnections::Seen LiveConnections::observe(const ParsedMessage& m) {
   Seen seen;
-  if (m.find("pid") != nullptr) lastPid_ = integer(m, "pid");
-  const auto key = std::make_pair(lastPid_, integer(m, "socket", -1));
+  if (m.find("pid") != nullptr) lastPid_ = m.integer("pid");
+  const auto key = std::make_pair(lastPid_, m.integer("socket", -1));
   if (m.kind == "connect" || m.kind == "accept") {
     LiveConnection c;
     c.id = nextId_++;
     c.connected = m.kind == "connect";
-    c.failed = c.connected && m.find("error") != nullptr && integer(m, "error") != kInProgress;
-    c.ends.family = familyName(text(m, "family"));
-    c.ends.remoteIp = normalIp(text(m, "ip"));
-    c.ends.remotePort = static_cast<int>(integer(m, "port"));
-    c.ends.localPort = static_cast<int>(integer(m, "localport"));
+    c.failed = c.connected && m.find("error") != nullptr && m.integer("error") != kInProgress;
+    c.ends.family = familyName(m.text("family"));
+    c.ends.remoteIp = normalIp(m.text("ip"));
+    c.ends.remotePort = static_cast<int>(m.integer("port"));
+    c.ends.localPort = static_cast<int>(m.integer("localport"));
     c.shown = filter_.shows(c.ends);
     LiveConnection& stored = open_[key] = c;
     seen.shown = stored.shown;

@@ -57,7 +57,10 @@ bool RecordOutputs::fail(FILE* file, const std::string& path) {
 
 void RecordOutputs::onMessage(const std::string& raw) {
   ParsedMessage m;
-  const bool parsed = parseRecorderMessage(raw, &m, nullptr);
+  // Payloads are decoded only for the outputs that show them: the raw output alone needs no more
+  // than who talked to whom.
+  const bool payloads = jsonl_ != nullptr || !options_.pcap.empty() || live_;
+  const bool parsed = parseRecorderMessage(raw, &m, nullptr, payloads);
   std::lock_guard<std::mutex> lock(mutex_);
   ++received_;
   LiveConnections::Seen seen;

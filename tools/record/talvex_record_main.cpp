@@ -274,7 +274,9 @@ int main(int argc, char** argv) {
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
   // Anything the command's processes still had on the way arrives within a moment.
-  endpoint.waitForQuiet(std::chrono::milliseconds(200), std::chrono::seconds(5));
+  // Each process's connection closes when it ends: once none is open, everything has arrived.
+  // Processes of the command that outlive it (daemons) are given a moment of quiet, no more.
+  endpoint.waitForClosedOrQuiet(std::chrono::milliseconds(200), std::chrono::seconds(5));
   endpoint.stop(std::chrono::milliseconds(1000));
 
   std::string note;
@@ -288,7 +290,7 @@ int main(int argc, char** argv) {
   }
   const bool written = outputs.finish(note);
   if (!note.empty() && (!o.transcript.empty() || o.quiet)) fprintf(stderr, "talvex-record: %s\n", note.c_str());
-  if (outputs.received() == 0) {
+  if (outputs.received() == 0 && !o.unplug) {
     // The command ran, but no process of it made a socket call through the C library: a program
     // that makes its own system calls (Go programs do) cannot be seen by a preloaded agent.
     fprintf(stderr,

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -15,9 +16,6 @@
 namespace talvex {
 
 namespace {
-
-// The C library's open, under a name the endpoint's own members do not hide.
-int open_(const char* path, int flags) { return ::open(path, flags); }
 
 bool setNonBlocking(int fd) {
   const int flags = fcntl(fd, F_GETFL, 0);
@@ -57,7 +55,8 @@ bool RecorderEndpoint::start(const std::string& address, int port, std::string* 
   const int one = 1;
   setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
   if (bind(listener_, reinterpret_cast<sockaddr*>(&storage), length) != 0) return fail("bind " + address);
-  if (listen(listener_, 512) != 0) return fail("listen");
+  // A deep queue: a connection the kernel cannot queue waits a whole second for its retry.
+  if (listen(listener_, 4096) != 0) return fail("listen");
   if (!setNonBlocking(listener_)) return fail("fcntl");
   socklen_t boundLength = sizeof storage;
   getsockname(listener_, reinterpret_cast<sockaddr*>(&storage), &boundLength);
@@ -113,16 +112,27 @@ void RecorderEndpoint::run() {
   watch(listener_, kListener);
   // Held in reserve for the moment descriptors run out: closed, it makes room to take the waiting
   // connection and close it at once, instead of finding the listener ready again and again.
-  int spare = open_("/dev/null", O_RDONLY | O_CLOEXEC);
+  int spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
 
+  // Counted and announced once per round, not per message: a busy endpoint spends its time on
+  // the messages, not on waking waiters.
+  size_t deliveredThisRound = 0;
   auto deliver = [&](std::string message) {
     if (handler_) handler_(message);
+    ++deliveredThisRound;
+    deliveredSinceIdle = true;
+    if (keep_) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      messages_.push_back(std::move(message));
+    }
+  };
+  auto announce = [&] {
+    if (deliveredThisRound == 0) return;
     std::lock_guard<std::mutex> lock(mutex_);
-    ++received_;
-    if (keep_) messages_.push_back(std::move(message));
+    received_ += deliveredThisRound;
+    deliveredThisRound = 0;
     lastArrival_ = std::chrono::steady_clock::now();
     arrived_.notify_all();
-    deliveredSinceIdle = true;
   };
   auto cut = [&](Connection& c) {
     {
@@ -184,6 +194,11 @@ void RecorderEndpoint::run() {
       deliver(std::move(c.pending));
     }
     close(c.fd);
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      --openConnections_;
+      arrived_.notify_all();
+    }
     return open.erase(it);
   };
 
@@ -234,6 +249,7 @@ void RecorderEndpoint::run() {
       const auto it = open.find(key);
       if (it != open.end() && !readFrom(it->second)) closeConnection(it);
     }
+    announce();
     if (acceptNow && accepting) {
       for (int round = 0; round < 1024; ++round) {
         const int fd = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
@@ -242,7 +258,7 @@ void RecorderEndpoint::run() {
             close(spare);
             const int refused = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
             if (refused >= 0) close(refused);
-            spare = open_("/dev/null", O_RDONLY | O_CLOEXEC);
+            spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
             std::lock_guard<std::mutex> lock(mutex_);
             ++refused_;
             continue;
@@ -257,10 +273,12 @@ void RecorderEndpoint::run() {
         open.emplace(order, Connection{fd, std::string(), false});
         std::lock_guard<std::mutex> lock(mutex_);
         ++connections_;
+        ++openConnections_;
       }
     }
   }
   for (auto it = open.begin(); it != open.end();) it = closeConnection(it);
+  announce();
   if (idleHandler_) idleHandler_();
   if (listener_ >= 0) close(listener_);
   listener_ = -1;
@@ -292,6 +310,24 @@ size_t RecorderEndpoint::waitForMessages(size_t count, std::chrono::milliseconds
   std::unique_lock<std::mutex> lock(mutex_);
   arrived_.wait_for(lock, timeout, [&] { return received_ >= count; });
   return received_;
+}
+
+void RecorderEndpoint::waitForClosedOrQuiet(std::chrono::milliseconds quiet,
+                                            std::chrono::milliseconds timeout) const {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    const auto now = std::chrono::steady_clock::now();
+    if (openConnections_ == 0 && !listenerReady()) return;
+    if (now >= deadline || now - lastArrival_ >= quiet) return;
+    arrived_.wait_until(lock, std::min(deadline, std::min(lastArrival_ + quiet, now + std::chrono::milliseconds(5))));
+  }
+}
+
+bool RecorderEndpoint::listenerReady() const {
+  if (listener_ < 0) return false;
+  pollfd one = {listener_, POLLIN, 0};
+  return poll(&one, 1, 0) > 0;
 }
 
 void RecorderEndpoint::waitForQuiet(std::chrono::milliseconds quiet, std::chrono::milliseconds timeout) const {

@@ -55,9 +55,13 @@ class RecorderEndpoint {
   size_t waitForMessages(size_t count, std::chrono::milliseconds timeout) const;
   // Waits until no message arrived for `quiet`, bounded by `timeout`.
   void waitForQuiet(std::chrono::milliseconds quiet, std::chrono::milliseconds timeout) const;
+  // The same, but returns as soon as no connection is open and none is waiting to be taken.
+  void waitForClosedOrQuiet(std::chrono::milliseconds quiet, std::chrono::milliseconds timeout) const;
 
  private:
   void run();
+  // Whether a connection waits in the listener's queue.
+  bool listenerReady() const;
 
   int listener_ = -1;
   int wakeRead_ = -1;
@@ -78,6 +82,7 @@ class RecorderEndpoint {
   size_t received_ = 0;
   bool keep_ = true;
   size_t connections_ = 0;
+  size_t openConnections_ = 0;  // taken and not yet closed
   std::chrono::steady_clock::time_point lastArrival_ = std::chrono::steady_clock::now();
   std::chrono::steady_clock::time_point drainUntil_{};
   bool stopping_ = false;

@@ -1,5 +1,7 @@
 #include "recorder_message_parser.h"
 
+#include <string.h>
+
 namespace talvex {
 
 namespace {
@@ -12,7 +14,8 @@ int hexValue(char c) {
 
 class Parser {
  public:
-  Parser(const std::string& text, std::string* error) : text_(text), error_(error) {}
+  Parser(const std::string& text, std::string* error, bool payloads)
+      : text_(text), error_(error), payloads_(payloads) {}
 
   bool parse(ParsedMessage* message) {
     if (!expect('<')) return false;
@@ -71,6 +74,16 @@ class Parser {
     if (!expect('=') || !expect('"')) return false;
     const size_t valueStart = at_;
     const bool isText = attribute->type == ValueType::AS || attribute->type == ValueType::UN;
+    if (isText && !payloads_ && attribute->name == "data") {
+      // Stepped over: an escaped value holds no quote, so its end is the next one.
+      const void* quote = memchr(text_.data() + at_, '"', text_.size() - at_);
+      if (quote == nullptr) {
+        at_ = text_.size();
+        return fail("value of " + attribute->name + " is not closed");
+      }
+      at_ = static_cast<size_t>(static_cast<const char*>(quote) - text_.data());
+      return expect('"');
+    }
     if (isText ? !parseText(attribute) : !parseInteger(attribute)) return false;
     attribute->raw = text_.substr(valueStart, at_ - valueStart);
     return expect('"');
@@ -110,7 +123,48 @@ class Parser {
     return true;
   }
 
+  // A byte that stands for itself in a value.
+  static bool plain(unsigned char c) { return c >= 0x20 && c <= 0x7e && c != '"' && c != '&' && c != '\\' && c != '<'; }
+
+  // Values are most of a message, and binary ones are mostly escapes: the decoder works on raw
+  // pointers into a buffer sized for the longest possible result, and falls back to the checked
+  // path only where an escape is not the encoder's.
   bool parseText(MessageAttribute* attribute) {
+    std::string& out = attribute->bytes;
+    const char* const base = text_.data();
+    const char* p = base + at_;
+    const char* const end = base + text_.size();
+    out.resize(static_cast<size_t>(end - p));
+    char* o = &out[0];
+    const bool unicode = attribute->type == ValueType::UN;
+    for (;;) {
+      while (p < end && plain(static_cast<unsigned char>(*p))) *o++ = *p++;
+      if (p >= end || *p == '"') break;
+      if (*p == '\\' && end - p >= 4 && (p[1] == 'x' || (p[1] == 'u' && unicode)) && hexValue(p[2]) >= 0 &&
+          hexValue(p[3]) >= 0) {
+        *o++ = static_cast<char>(hexValue(p[2]) << 4 | hexValue(p[3]));
+        p += 4;
+      } else if (*p == '\\' && end - p >= 2 && p[1] == '\\') {
+        *o++ = '\\';
+        p += 2;
+      } else if (*p == '&' && end - p >= 6 && p[1] == '#' && p[2] == 'x' && hexValue(p[3]) >= 0 &&
+                 hexValue(p[4]) >= 0 && p[5] == ';') {
+        *o++ = static_cast<char>(hexValue(p[3]) << 4 | hexValue(p[4]));
+        p += 6;
+      } else {
+        at_ = static_cast<size_t>(p - base);
+        out.resize(static_cast<size_t>(o - &out[0]));
+        return parseOddText(attribute);
+      }
+    }
+    at_ = static_cast<size_t>(p - base);
+    out.resize(static_cast<size_t>(o - &out[0]));
+    if (at_ >= text_.size()) return fail("value of " + attribute->name + " is not closed");
+    return true;
+  }
+
+  // The byte-by-byte path, which says exactly what is wrong with a value.
+  bool parseOddText(MessageAttribute* attribute) {
     std::string& out = attribute->bytes;
     while (at_ < text_.size() && text_[at_] != '"') {
       const unsigned char c = static_cast<unsigned char>(text_[at_]);
@@ -146,6 +200,7 @@ class Parser {
 
   const std::string& text_;
   std::string* error_;
+  const bool payloads_;
   size_t at_ = 0;
 };
 
@@ -166,12 +221,22 @@ const MessageAttribute* ParsedMessage::find(const std::string& name) const {
   for (const auto& attribute : attributes) {
     if (attribute.name == name) return &attribute;
   }
+
+int64_t ParsedMessage::integer(const char* name, int64_t fallback) const {
+  const MessageAttribute* a = find(name);
+  return a != nullptr ? a->integer : fallback;
+}
+
+std::string ParsedMessage::text(const char* name) const {
+  const MessageAttribute* a = find(name);
+  return a != nullptr ? a->bytes : std::string();
+}
   return nullptr;
 }
 
-bool parseRecorderMessage(const std::string& text, ParsedMessage* message, std::string* error) {
+bool parseRecorderMessage(const std::string& text, ParsedMessage* message, std::string* error, bool payloads) {
   ParsedMessage parsed;
-  Parser parser(text, error);
+  Parser parser(text, error, payloads);
   if (!parser.parse(&parsed)) return false;
   *message = std::move(parsed);
   return true;

@@ -26,10 +26,16 @@ struct ParsedMessage {
 
   // The first attribute of that name, or null.
   const MessageAttribute* find(const std::string& name) const;
+  // Its integer value, or `fallback` when there is none.
+  int64_t integer(const char* name, int64_t fallback = 0) const;
+  // Its decoded text, or empty when there is none.
+  std::string text(const char* name) const;
 };
 
 // Accepts exactly one message, with or without its closing line feed. On failure returns false
 // and says where and why in `error`.
-bool parseRecorderMessage(const std::string& text, ParsedMessage* message, std::string* error);
+// `payloads` false steps over the "data" value without decoding or checking it (it is then
+// absent): for readers that need only who talked to whom.
+bool parseRecorderMessage(const std::string& text, ParsedMessage* message, std::string* error, bool payloads = true);
 
 }  // namespace talvex

@@ -136,8 +136,9 @@ int main(int argc, char** argv) {
       fwrite(line.data(), 1, line.size(), out);
       fputc('\n', out);
     } else {
+      // Written as received; checked for its form, its payload stepped over unread.
       talvex::ParsedMessage parsed;
-      if (!talvex::parseRecorderMessage(message, &parsed, nullptr)) ++malformed;
+      if (!talvex::parseRecorderMessage(message, &parsed, nullptr, false)) ++malformed;
       fwrite(message.data(), 1, message.size(), out);
     }
     ++received;
