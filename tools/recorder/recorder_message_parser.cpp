@@ -221,6 +221,8 @@ const MessageAttribute* ParsedMessage::find(const std::string& name) const {
   for (const auto& attribute : attributes) {
     if (attribute.name == name) return &attribute;
   }
+  return nullptr;
+}
 
 int64_t ParsedMessage::integer(const char* name, int64_t fallback) const {
   const MessageAttribute* a = find(name);
@@ -230,8 +232,6 @@ int64_t ParsedMessage::integer(const char* name, int64_t fallback) const {
 std::string ParsedMessage::text(const char* name) const {
   const MessageAttribute* a = find(name);
   return a != nullptr ? a->bytes : std::string();
-}
-  return nullptr;
 }
 
 bool parseRecorderMessage(const std::string& text, ParsedMessage* message, std::string* error, bool payloads) {
