@@ -22,12 +22,12 @@ class Parser {
     const size_t start = at_;
     while (at_ < text_.size() && text_[at_] >= 'a' && text_[at_] <= 'z') ++at_;
     if (at_ == start) return fail("missing message kind");
-    message->kind = text_.substr(start, at_ - start);
+    message->kind.assign(text_, start, at_ - start);
+    message->attributes.reserve(16);
     while (at_ < text_.size() && text_[at_] == ' ') {
       ++at_;
-      MessageAttribute attribute;
-      if (!parseAttribute(&attribute)) return false;
-      message->attributes.push_back(std::move(attribute));
+      message->attributes.emplace_back();
+      if (!parseAttribute(&message->attributes.back())) return false;
     }
     if (!expect('/') || !expect('>')) return false;
     if (at_ < text_.size() && text_[at_] == '\n') ++at_;
@@ -52,23 +52,22 @@ class Parser {
     const size_t start = at_;
     while (at_ < text_.size() && ((text_[at_] >= 'a' && text_[at_] <= 'z') || text_[at_] == '_')) ++at_;
     // Names are lower case with '_'; the upper-case tag stops the scan just after the last '_'.
-    const std::string head = text_.substr(start, at_ - start);
-    if (head.size() < 2 || head.back() != '_') return fail("attribute without a name and type tag");
-    attribute->name = head.substr(0, head.size() - 1);
+    if (at_ - start < 2 || text_[at_ - 1] != '_') return fail("attribute without a name and type tag");
+    attribute->name.assign(text_, start, at_ - start - 1);
     if (at_ + 2 > text_.size()) return fail("attribute " + attribute->name + " is cut short");
-    const std::string tag = text_.substr(at_, 2);
-    if (tag == "I4") {
+    const char first = text_[at_], second = text_[at_ + 1];
+    if (first == 'I' && second == '4') {
       attribute->type = ValueType::I4;
-    } else if (tag == "U4") {
+    } else if (first == 'U' && second == '4') {
       attribute->type = ValueType::U4;
-    } else if (tag == "I8") {
+    } else if (first == 'I' && second == '8') {
       attribute->type = ValueType::I8;
-    } else if (tag == "AS") {
+    } else if (first == 'A' && second == 'S') {
       attribute->type = ValueType::AS;
-    } else if (tag == "UN") {
+    } else if (first == 'U' && second == 'N') {
       attribute->type = ValueType::UN;
     } else {
-      return fail("unknown type tag '" + tag + "' of attribute " + attribute->name);
+      return fail("unknown type tag '" + text_.substr(at_, 2) + "' of attribute " + attribute->name);
     }
     at_ += 2;
     if (!expect('=') || !expect('"')) return false;
@@ -85,7 +84,7 @@ class Parser {
       return expect('"');
     }
     if (isText ? !parseText(attribute) : !parseInteger(attribute)) return false;
-    attribute->raw = text_.substr(valueStart, at_ - valueStart);
+    attribute->raw.assign(text_, valueStart, at_ - valueStart);
     return expect('"');
   }
 
