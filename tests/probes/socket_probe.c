@@ -222,6 +222,16 @@ static int scenarioThreads(int count, int port) {
   return 0;
 }
 
+/* `count` empty selects: as many messages for the recorder, and nothing else. */
+static int scenarioSelects(int count) {
+  for (int i = 0; i < count; ++i) {
+    struct timeval zero = {0, 0};
+    select(0, NULL, NULL, NULL, &zero);
+  }
+  printf("selects %d\n", count);
+  return 0;
+}
+
 /* One hooked call to start the agent, then what start-up found. */
 static int scenarioStartup(void) {
   int s = socket(AF_INET, SOCK_STREAM, 0);
@@ -301,7 +311,8 @@ int main(int argc, char** argv) {
   if (argc >= 3 && strcmp(argv[1], "dlsym-strlen") == 0) return scenarioDlsymStrlen(argv[2]);
   if (argc >= 2 && strcmp(argv[1], "pselect-once") == 0) return scenarioPselectOnce();
   if (argc >= 2 && strcmp(argv[1], "channel") == 0) return scenarioChannel(argc, argv);
+  if (argc >= 3 && strcmp(argv[1], "selects") == 0) return scenarioSelects(atoi(argv[2]));
   fprintf(stderr, "usage: socket_probe calls ECHO_PORT CLOSED_PORT FILE | dlsym | direct PORT | "
-                  "threads N PORT | startup | first-close | channel STEP...\n");
+                  "threads N PORT | startup | first-close | channel STEP... | selects N\n");
   return 2;
 }
