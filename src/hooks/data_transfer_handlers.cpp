@@ -1,6 +1,5 @@
 // send, sendto, write, sendmsg, recv, recvfrom, read and recvmsg: the bytes of every recorded
 // call go to the recorder.
-#include <limits.h>
 #include <string.h>
 #include <sys/uio.h>
 
@@ -15,9 +14,6 @@
 #include "hooks/host_vectors.h"
 #include "hooks/socket_registry.h"
 #include "interpose/real_functions.h"
-#include "recorder/address_attributes.h"
-#include "recorder/agent_interface.h"
-#include "recorder/recorder_message.h"
 #include "socks/socks_routing.h"
 
 namespace {
