@@ -69,12 +69,47 @@ char* escapeInto(char* out, const unsigned char* bytes, size_t n) {
   return out;
 }
 
+// A few arrays of the initial capacity kept for the next messages, in slots shared by all
+// threads: a message built after another takes one again instead of allocating. Taken and given
+// back by atomic exchange, so that a message built by a signal handler in the middle of another,
+// or on another thread, finds an array or allocates one, never the same as another message's.
+// At most this many are kept, for the life of the process.
+const int kSpareSlots = 8;
+char* spareArrays[kSpareSlots];
+
+char* takeArray() {
+  for (char*& slot : spareArrays) {
+    if (__atomic_load_n(&slot, __ATOMIC_RELAXED) == nullptr) continue;
+    char* array = __atomic_exchange_n(&slot, nullptr, __ATOMIC_ACQ_REL);
+    if (array != nullptr) return array;
+  }
+  return static_cast<char*>(malloc(kInitialCapacity));
+}
+
+void giveBack(char* array) {
+  if (array == nullptr) return;
+  for (char*& slot : spareArrays) {
+    char* none = nullptr;
+    if (__atomic_compare_exchange_n(&slot, &none, array, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) return;
+  }
+  free(array);
+}
+
+// Frees an array, keeping it for a next message when it is of the initial size.
+void release(char* array, unsigned capacity) {
+  if (capacity == kInitialCapacity) {
+    giveBack(array);
+  } else {
+    free(array);
+  }
+}
+
 }  // namespace
 
 unsigned escapedSize(unsigned char c) { return kEscapes.size[c]; }
 
 PrintBuffer::PrintBuffer()
-    : data_(static_cast<char*>(malloc(kInitialCapacity))), capacity_(kInitialCapacity), length_(0), complete_(true) {
+    : data_(takeArray()), capacity_(kInitialCapacity), length_(0), complete_(true) {
   if (data_ != nullptr) {
     data_[0] = '\0';
   } else {
@@ -83,7 +118,7 @@ PrintBuffer::PrintBuffer()
   }
 }
 
-PrintBuffer::~PrintBuffer() { free(data_); }
+PrintBuffer::~PrintBuffer() { release(data_, capacity_); }
 
 bool PrintBuffer::reserve(uint64_t n, unsigned margin) {
   if (!complete_) return false;
@@ -103,7 +138,7 @@ bool PrintBuffer::reserve(uint64_t n, unsigned margin) {
   }
   memcpy(grown, data_, length_);
   grown[length_] = '\0';
-  free(data_);
+  release(data_, capacity_);
   data_ = grown;
   capacity_ = newCapacity;
   return true;

@@ -7,18 +7,13 @@
 
 RecorderMessage::RecorderMessage(RecorderMessageKind kind, int32_t sequence)
     : buffer_(nullptr), sequence_(sequence), return_(0), error_(0) {
-  void* memory = malloc(sizeof(PrintBuffer));
-  if (memory == nullptr) return;
-  buffer_ = new (memory) PrintBuffer();
+  // The buffer lives inside the message: building one costs no allocation of its own.
+  buffer_ = new (bufferStorage_) PrintBuffer();
   buffer_->append("<", 1);
   buffer_->append(MARKER_RMT[kind], 0);
 }
 
-RecorderMessage::~RecorderMessage() {
-  if (buffer_ == nullptr) return;
-  buffer_->~PrintBuffer();
-  free(buffer_);
-}
+RecorderMessage::~RecorderMessage() { buffer_->~PrintBuffer(); }
 
 // "return" is only kept; "error" is kept and written only after a return value of -1; anything
 // else is written at once, at the width of the value's type.

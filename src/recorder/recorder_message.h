@@ -39,6 +39,7 @@ class RecorderMessage {
   template <class Value>
   void setSigned(RecorderMessageAttribute attribute, Value value);
 
+  alignas(PrintBuffer) unsigned char bufferStorage_[sizeof(PrintBuffer)];
   PrintBuffer* buffer_;
   int32_t sequence_;
   int64_t return_;
