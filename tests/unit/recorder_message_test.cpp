@@ -242,3 +242,18 @@ TEST(PrintBuffer, AppendIgnoresNullAndEmpty) {
   buffer.appendUnicode(L"\x20ac", 0);
   EXPECT_STREQ(buffer.toString(), "&#x22;\\uac");
 }
+
+TEST(RecorderMessageArrays, AMessageAfterAnotherReusesItsArrayAndTwoAliveNeverShareOne) {
+  const char* first = nullptr;
+  {
+    RecorderMessage a(RMT_SEND, 1);
+    first = a.toString();
+  }
+  RecorderMessage b(RMT_SEND, 2);
+  // The array of the message before, kept: no allocation for this one.
+  EXPECT_EQ(b.toString(), first);
+  RecorderMessage c(RMT_RECEIVE, 3);
+  EXPECT_NE(c.toString(), b.toString());
+  EXPECT_STREQ(b.toString(), "<send");
+  EXPECT_STREQ(c.toString(), "<receive");
+}
