@@ -124,7 +124,7 @@ void sendOnPersistentChannel(const sockaddr_in& recorder, const char* text, unsi
   // stopped, or was restarted), and a message written there now would be lost unseen.
   if (channel >= 0) {
     pollfd one = {channel, POLLIN | POLLRDHUP, 0};
-    if (poll(&one, 1, 0) != 0) dropChannel(true);
+    if (poll(&one, 1, 0) > 0) dropChannel(true);
   }
   if (channel < 0 && start < restUntilNs) {
     x_disp(DMK_ERROR, "message dropped: the recorder channel is resting after a failure");

@@ -454,8 +454,13 @@ TEST(TalvexRecord, SigtermReachesTheCommandAndEveryOutputIsComplete) {
                               cleanEnvironment());
   const std::string pid = waitForContent(tmp.file("pid"));
   ASSERT_FALSE(pid.empty());
-  // Written as they arrived, before anything ended.
-  EXPECT_EQ(linesContaining(readFile(tmp.file("r.raw")), "data_AS=\"before the signal\"").size(), 2u);
+  // Written as they arrived, before anything ended (within a moment: the recorder is another
+  // process).
+  size_t written = 0;
+  for (int i = 0; i < 200 && written < 2; ++i, usleep(50000)) {
+    written = linesContaining(readFile(tmp.file("r.raw")), "data_AS=\"before the signal\"").size();
+  }
+  EXPECT_EQ(written, 2u);
   recording.signal(SIGTERM);
   const ProcessResult r = recording.wait(std::chrono::seconds(30));
   ASSERT_FALSE(r.timedOut);
