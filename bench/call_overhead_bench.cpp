@@ -7,12 +7,12 @@
 //               write on a descriptor that is not one
 // A send/recv pair on a recorded loopback socket, and a write to /dev/null (a descriptor the
 // agent only looks up).
-#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include <string>
 
+#include "one_core.h"
 #include "process_runner.h"
 #include "recorder_endpoint.h"
 #include "test_paths.h"
@@ -51,12 +51,7 @@ Figures run(const Environment& environment, int echoPort) {
 }  // namespace
 
 int main() {
-  // One core for the probe and the echo server, as in cost_bench: wall times of a round trip are
-  // otherwise whatever the scheduler makes of two cores.
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  CPU_SET(0, &one);
-  sched_setaffinity(0, sizeof one, &one);
+  runOnOneCore();
   EchoServer echo;
   talvex::RecorderEndpoint endpoint;
   endpoint.start("127.0.0.1", 0, nullptr);

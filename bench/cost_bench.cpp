@@ -5,7 +5,6 @@
 //     channel and through its persistent one, and strace as a user runs it to see payloads;
 //   the same unplugged with 10,000 other sockets open;
 //   a 50 MB download by the system's curl, plain and under talvex-record.
-#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -18,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "one_core.h"
 #include "process_runner.h"
 #include "recorder_endpoint.h"
 #include "test_paths.h"
@@ -58,12 +58,7 @@ double secondsOf(const std::vector<std::string>& argv, const Environment& env) {
 }  // namespace
 
 int main() {
-  // Everything on one core: a round trip is then two context switches, the same every time,
-  // rather than whatever the scheduler makes of two idle cores.
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  CPU_SET(0, &one);
-  sched_setaffinity(0, sizeof one, &one);
+  runOnOneCore();
   EchoServer echo;
   talvex::RecorderEndpoint endpoint;
   endpoint.keepMessages(false);

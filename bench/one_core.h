@@ -1,0 +1,13 @@
+// Wall-time benches run the probe and the echo server on one core: a round trip is then two
+// context switches, the same every time, rather than whatever the scheduler makes of two cores.
+// Children inherit the affinity.
+#pragma once
+
+#include <sched.h>
+
+inline void runOnOneCore() {
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(0, &one);
+  sched_setaffinity(0, sizeof one, &one);
+}
