@@ -33,14 +33,6 @@ const std::string kMessage =
     "<send timestamp_ns_I8=\"17979cfe3d85cd15\" timestamp_I8=\"18bcfe5687b\" ticket_I4=\"5\" socket_I8=\"7\" "
     "pid_I4=\"1092\" data_AS=\"GET /index.html HTTP/1.1\\x0d&#x0a;Host: example\\x0d&#x0a;\" length_U4=\"2a\"/>\n";
 
-sockaddr_in loopback(int port) {
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return a;
-}
-
 bool sendAll(int fd, const std::string& bytes) {
   for (size_t done = 0; done < bytes.size();) {
     const ssize_t n = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
@@ -55,7 +47,7 @@ void sendFromEight(int port, int each, bool perMessage) {
   std::vector<std::thread> senders;
   for (int t = 0; t < kSenders; ++t) {
     senders.emplace_back([=] {
-      const sockaddr_in a = loopback(port);
+      const sockaddr_in a = loopbackAddress(port);
       if (perMessage) {
         for (int i = 0; i < each; ++i) {
           const int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -87,7 +79,7 @@ class MinimalSink {
  public:
   explicit MinimalSink(long expected) : expected_(expected) {
     listener_ = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    sockaddr_in a = loopback(0);
+    sockaddr_in a = loopbackAddress(0);
     bind(listener_, reinterpret_cast<sockaddr*>(&a), sizeof a);
     listen(listener_, 4096);
     socklen_t length = sizeof a;

@@ -34,17 +34,7 @@ std::string pattern(size_t size, unsigned seed) {
 class AnsweringPeer {
  public:
   explicit AnsweringPeer(std::string reply) : reply_(std::move(reply)) {
-    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int small = 4096;
-    setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    listen(listener_, 1);
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
+    listener_ = listenOnLoopback(&port_, 4096);
     thread_ = std::thread([this] { serve(); });
   }
   ~AnsweringPeer() {
@@ -148,9 +138,7 @@ ClientRun runClient(const Environment& extra) {
   ClientRun run;
   TempDir files;
   run.file = pattern(12000, 3);
-  FILE* f = fopen(files.file("payload").c_str(), "wb");
-  fwrite(run.file.data(), 1, run.file.size(), f);
-  fclose(f);
+  EXPECT_TRUE(writeFile(files.file("payload"), run.file));
   run.reply = pattern(5000, 11);
   AnsweringPeer peer(run.reply);
   run.recording = recordRun({kCaptureProbePath, "client", std::to_string(peer.port()), files.file("payload")}, extra);
@@ -350,9 +338,7 @@ TEST(CompleteCapture, WithoutTheVariableOnlyTheFirstAcceptIsRecordedAndNoTraffic
 
 TEST(CompleteCapture, SocketsMadeBehindTheCLibrarysBackAreRecordedOnFirstUse) {
   TempDir files;
-  FILE* f = fopen(files.file("plain").c_str(), "wb");
-  fputs("file bytes, not network bytes", f);
-  fclose(f);
+  ASSERT_TRUE(writeFile(files.file("plain"), "file bytes, not network bytes"));
   AnsweringPeer peer("answer to the adopted socket");
   const Recording r = recordRun({kCaptureProbePath, "adopted", std::to_string(peer.port()), files.file("plain")},
                                 kCapture);
@@ -372,9 +358,7 @@ TEST(CompleteCapture, SocketsMadeBehindTheCLibrarysBackAreRecordedOnFirstUse) {
 
 TEST(CompleteCapture, ADescriptorReusedForAFileIsNeverRecordedAsTheSocket) {
   TempDir files;
-  FILE* f = fopen(files.file("plain").c_str(), "wb");
-  fputs("file bytes, not network bytes", f);
-  fclose(f);
+  ASSERT_TRUE(writeFile(files.file("plain"), "file bytes, not network bytes"));
   AnsweringPeer peer("answer");
   const Recording r = recordRun({kCaptureProbePath, "adopted", std::to_string(peer.port()), files.file("plain")},
                                 kCapture);

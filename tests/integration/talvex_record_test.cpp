@@ -377,15 +377,9 @@ TEST(TalvexRecord, PythonHttpServerAndClientAreRecordedAsTheWireCarriedThem) {
   TempDir tmp;
   std::string file(200000, '\0');
   for (size_t i = 0; i < file.size(); ++i) file[i] = static_cast<char>((i * 13 + i / 977) & 0xff);
-  FILE* f = fopen(tmp.file("payload").c_str(), "wb");
-  fwrite(file.data(), 1, file.size(), f);
-  fclose(f);
-  f = fopen(tmp.file("server.py").c_str(), "w");
-  fputs(kSendfileServer, f);
-  fclose(f);
-  f = fopen(tmp.file("client.py").c_str(), "w");
-  fputs(kPostClient, f);
-  fclose(f);
+  ASSERT_TRUE(writeFile(tmp.file("payload"), file));
+  ASSERT_TRUE(writeFile(tmp.file("server.py"), kSendfileServer));
+  ASSERT_TRUE(writeFile(tmp.file("client.py"), kPostClient));
   // In a network namespace of its own, so that the capture holds this conversation only; the
   // capture has started once dumpcap says so and its filter is in place a moment later.
   const std::string script =

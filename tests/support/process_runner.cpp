@@ -212,6 +212,13 @@ std::string readFile(const std::string& path) {
   return content.str();
 }
 
+bool writeFile(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+  out.close();
+  return static_cast<bool>(out);
+}
+
 std::vector<std::string> listDirectory(const std::string& path) {
   std::vector<std::string> names;
   DIR* dir = opendir(path.c_str());
@@ -238,14 +245,19 @@ TempDir::~TempDir() {
   (void)!system(command.c_str());
 }
 
-namespace {
-
-int listenOnLoopback(int* port) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+sockaddr_in loopbackAddress(int port) {
   sockaddr_in address;
   memset(&address, 0, sizeof address);
   address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+int listenOnLoopback(int* port, int receiveBuffer) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (receiveBuffer > 0) setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+  sockaddr_in address = loopbackAddress(0);
   if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 1024) != 0) {
     close(fd);
     return -1;
@@ -255,6 +267,8 @@ int listenOnLoopback(int* port) {
   *port = ntohs(address.sin_port);
   return fd;
 }
+
+namespace {
 
 // One thread for every client: a test may open hundreds of connections, and a thread each
 // would not fit a 32-bit address space.
@@ -317,11 +331,7 @@ EchoServer::~EchoServer() {
 
 int connectToLoopback(int port) {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address;
-  memset(&address, 0, sizeof address);
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in address = loopbackAddress(port);
   if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
   close(fd);
   return -1;

@@ -2,6 +2,8 @@
 // what it printed and how it ended.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <chrono>
 #include <map>
 #include <string>
@@ -72,6 +74,8 @@ int waitForPortFile(const std::string& path, std::chrono::seconds timeout = std:
 std::vector<std::string> linesContaining(const std::string& text, const std::string& needle);
 std::vector<std::string> splitLines(const std::string& text);
 std::string readFile(const std::string& path);
+// Replaces the file's content with `content`; false when it cannot be written whole.
+bool writeFile(const std::string& path, const std::string& content);
 std::vector<std::string> listDirectory(const std::string& path);
 
 // A loopback TCP server that echoes every byte back, on a port the system chose.
@@ -87,6 +91,13 @@ class EchoServer {
   int wake_[2] = {-1, -1};
   void* thread_ = nullptr;
 };
+
+// 127.0.0.1:port.
+sockaddr_in loopbackAddress(int port);
+
+// A TCP socket listening on a loopback port the system chose (in `port`), or -1. A
+// `receiveBuffer` above 0 is the receive buffer of the connections it accepts.
+int listenOnLoopback(int* port, int receiveBuffer = 0);
 
 // A connected TCP socket to 127.0.0.1:port, or -1.
 int connectToLoopback(int port);

@@ -24,15 +24,6 @@ using namespace talvex_test;
 
 namespace {
 
-sockaddr_in loopbackAddress(int port) {
-  sockaddr_in a;
-  memset(&a, 0, sizeof a);
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return a;
-}
-
 }  // namespace
 
 TEST(EdgeCases, SocketNonBlockingStreamRegistersTypeOneProtocolSixAndNonBlocking) {

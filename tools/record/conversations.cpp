@@ -12,11 +12,6 @@ namespace {
 
 const int64_t kInProgress = 115;
 
-int64_t timeOf(const ParsedMessage& m) {
-  if (m.find("timestamp_ns") != nullptr) return m.integer("timestamp_ns");
-  return m.integer("timestamp") * 1000000;
-}
-
 int familyNumber(const std::string& name) {
   if (name == "AF_INET") return 2;
   if (name == "AF_CCITT" || name == "AF_INET6") return 10;  // the recorder's name for Linux's 10
@@ -71,7 +66,7 @@ Recording buildRecording(const std::vector<std::string>& raw) {
       c.socket = socket;
       c.opening = opening;
       c.openTicket = m.integer("ticket");
-      c.openTimeNs = timeOf(m);
+      c.openTimeNs = m.timeNs();
       recording.conversations.push_back(c);
       open[socket] = recording.conversations.size() - 1;
       return recording.conversations.back();
@@ -104,7 +99,7 @@ Recording buildRecording(const std::vector<std::string>& raw) {
         Event e;
         e.kind = m.kind;
         e.ticket = m.integer("ticket");
-        e.timeNs = timeOf(m);
+        e.timeNs = m.timeNs();
         e.data = m.text("data");
         e.length = m.integer("length");
         e.failed = m.find("error") != nullptr;
@@ -126,7 +121,7 @@ Recording buildRecording(const std::vector<std::string>& raw) {
         if (found != open.end()) {
           Conversation& c = recording.conversations[found->second];
           c.closed = true;
-          c.closeTimeNs = timeOf(m);
+          c.closeTimeNs = m.timeNs();
           open.erase(found);
         }
       } else if (m.kind == "addrinfo") {

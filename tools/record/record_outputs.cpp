@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "conversations.h"
 #include "message_json.h"
@@ -17,13 +18,6 @@ FILE* create(const std::string& path, std::string* error) {
   FILE* file = fopen(path.c_str(), "wb");
   if (file == nullptr) *error = "cannot write " + path + ": " + strerror(errno);
   return file;
-}
-
-int64_t timeOf(const ParsedMessage& m) {
-  const MessageAttribute* ns = m.find("timestamp_ns");
-  if (ns != nullptr) return ns->integer;
-  const MessageAttribute* ms = m.find("timestamp");
-  return ms != nullptr ? ms->integer * 1000000 : 0;
 }
 
 }  // namespace
@@ -49,10 +43,16 @@ bool RecordOutputs::open(std::string* error) {
   return true;
 }
 
-bool RecordOutputs::fail(FILE* file, const std::string& path) {
-  if (file == nullptr || (!ferror(file) && fflush(file) == 0)) return true;
+void RecordOutputs::noteFailure(const std::string& path) {
   if (std::find(failed_.begin(), failed_.end(), path) == failed_.end()) failed_.push_back(path);
-  return false;
+}
+
+void RecordOutputs::flushOrNote(FILE* file, const std::string& path) {
+  if (ferror(file) || fflush(file) != 0) noteFailure(path);
+}
+
+bool RecordOutputs::keepsForTranscript() const {
+  return !options_.transcript.empty() || (!options_.quiet && !live_);
 }
 
 void RecordOutputs::onMessage(const std::string& raw) {
@@ -68,10 +68,10 @@ void RecordOutputs::onMessage(const std::string& raw) {
   if (!seen.shown) return;
   // Kept only for the transcript written at the end; without one, memory stays flat however long
   // the run.
-  if (transcript_ != nullptr || (!options_.quiet && !live_)) shown_.push_back(raw);
+  if (keepsForTranscript()) shown_.push_back(raw);
   if (raw_ != nullptr) {
     fwrite(raw.data(), 1, raw.size(), raw_);
-    fail(raw_, options_.raw);
+    flushOrNote(raw_, options_.raw);
   }
   if (jsonl_ != nullptr) {
     std::string line;
@@ -83,7 +83,7 @@ void RecordOutputs::onMessage(const std::string& raw) {
     }
     line += '\n';
     fwrite(line.data(), 1, line.size(), jsonl_);
-    fail(jsonl_, options_.jsonl);
+    flushOrNote(jsonl_, options_.jsonl);
   }
   if (!options_.pcap.empty() && parsed && seen.connection != nullptr && seen.connection->connected &&
       !seen.connection->failed) {
@@ -96,16 +96,14 @@ void RecordOutputs::onMessage(const std::string& raw) {
       Peer client = server;
       client.ip = localAddressFor(server);
       client.port = c.ends.localPort;
-      capture_.opened(c.id, client, server, timeOf(m));
+      capture_.opened(c.id, client, server, m.timeNs());
     } else if (seen.closing) {
-      capture_.closed(c.id, timeOf(m));
+      capture_.closed(c.id, m.timeNs());
     } else if (m.find("error") == nullptr) {
       const MessageAttribute* data = m.find("data");
-      if (data != nullptr) capture_.data(c.id, m.kind == "send", data->bytes, timeOf(m));
+      if (data != nullptr) capture_.data(c.id, m.kind == "send", data->bytes, m.timeNs());
     }
-    if (!capture_.flush() && std::find(failed_.begin(), failed_.end(), options_.pcap) == failed_.end()) {
-      failed_.push_back(options_.pcap);
-    }
+    if (!capture_.flush()) noteFailure(options_.pcap);
   }
   if (live_ && parsed) writeLiveEvent(m, seen.connection, stderr);
 }
@@ -116,19 +114,18 @@ bool RecordOutputs::finish(const std::string& note) {
   TranscriptOptions transcriptOptions;
   transcriptOptions.full = options_.full;
   transcriptOptions.note = note;
-  if (transcript_ != nullptr) {
-    writeTranscript(recording, transcriptOptions, transcript_);
-    fail(transcript_, options_.transcript);
-  } else if (!options_.quiet && !live_) {
-    writeTranscript(recording, transcriptOptions, stderr);
-  } else if (!options_.quiet) {
-    if (!note.empty()) fprintf(stderr, "%s\n", note.c_str());
+  if (keepsForTranscript()) {
+    writeTranscript(recording, transcriptOptions, transcript_ != nullptr ? transcript_ : stderr);
+  } else if (!options_.quiet && !note.empty()) {
+    fprintf(stderr, "%s\n", note.c_str());
   }
-  for (FILE** file : {&raw_, &jsonl_, &transcript_}) {
-    if (*file == nullptr) continue;
-    const std::string& path = *file == raw_ ? options_.raw : *file == jsonl_ ? options_.jsonl : options_.transcript;
-    if (fclose(*file) != 0 && std::find(failed_.begin(), failed_.end(), path) == failed_.end()) failed_.push_back(path);
-    *file = nullptr;
+  const std::pair<FILE**, const std::string*> files[] = {
+      {&raw_, &options_.raw}, {&jsonl_, &options_.jsonl}, {&transcript_, &options_.transcript}};
+  for (const auto& file : files) {
+    if (*file.first == nullptr) continue;
+    flushOrNote(*file.first, *file.second);
+    if (fclose(*file.first) != 0) noteFailure(*file.second);
+    *file.first = nullptr;
   }
   for (const std::string& path : failed_) fprintf(stderr, "talvex-record: could not write all of %s\n", path.c_str());
   return failed_.empty();

@@ -34,7 +34,12 @@ class RecordOutputs {
   size_t received() const;
 
  private:
-  bool fail(FILE* file, const std::string& path);
+  // An output that could not be written in full, named once in the end.
+  void noteFailure(const std::string& path);
+  void flushOrNote(FILE* file, const std::string& path);
+  // Whether messages are kept for a transcript written at the end (to a file, or on standard
+  // error when neither --live nor --quiet takes its place).
+  bool keepsForTranscript() const;
 
   const RecordOptions& options_;
   const bool live_;

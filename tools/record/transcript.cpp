@@ -175,12 +175,9 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
 }
 
 void writeLiveEvent(const ParsedMessage& m, const LiveConnection* connection, FILE* out) {
-  const MessageAttribute* stamp = m.find("timestamp_ns");
-  const MessageAttribute* millis = m.find("timestamp");
-  const int64_t timeNs = stamp != nullptr ? stamp->integer : millis != nullptr ? millis->integer * 1000000 : 0;
   const MessageAttribute* pid = m.find("pid");
   const MessageAttribute* socket = m.find("socket");
-  std::string line = clock(timeNs);
+  std::string line = clock(m.timeNs());
   if (pid != nullptr) line += " [" + std::to_string(pid->integer) + "]";
   if (socket != nullptr) line += " socket " + std::to_string(socket->integer);
   const MessageAttribute* data = m.find("data");

@@ -228,6 +228,11 @@ int64_t ParsedMessage::integer(const char* name, int64_t fallback) const {
   return a != nullptr ? a->integer : fallback;
 }
 
+int64_t ParsedMessage::timeNs() const {
+  const MessageAttribute* ns = find("timestamp_ns");
+  return ns != nullptr ? ns->integer : integer("timestamp") * 1000000;
+}
+
 std::string ParsedMessage::text(const char* name) const {
   const MessageAttribute* a = find(name);
   return a != nullptr ? a->bytes : std::string();

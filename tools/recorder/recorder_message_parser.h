@@ -30,6 +30,9 @@ struct ParsedMessage {
   int64_t integer(const char* name, int64_t fallback = 0) const;
   // Its decoded text, or empty when there is none.
   std::string text(const char* name) const;
+  // When the event happened, in nanoseconds: "timestamp_ns" where the clock gave it, else the
+  // milliseconds of "timestamp" (0 when there is neither).
+  int64_t timeNs() const;
 };
 
 // Accepts exactly one message, with or without its closing line feed. On failure returns false
