@@ -55,17 +55,7 @@ std::vector<talvex::ParsedMessage> parsedOrFail(const std::vector<std::string>& 
 class DeafRecorder {
  public:
   DeafRecorder() {
-    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int small = 1024;
-    setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    listen(listener_, 64);
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
+    listener_ = listenOnLoopback(&port_, 1024);
     thread_ = std::thread([this] {
       for (int i = 0; i < 1000; ++i) {
         const int fd = accept(listener_, nullptr, nullptr);
@@ -193,6 +183,25 @@ TEST(PersistentChannel, ARecorderThatStopsReadingDelaysTheHostOnlyABoundedTime) 
   EXPECT_EQ(r.exitCode, 0) << r.err;
   EXPECT_LT(took, std::chrono::seconds(45));
   EXPECT_NE(logOf(logs).find("message dropped: the recorder took no more within the time allowed"), std::string::npos);
+}
+
+TEST(PersistentChannel, ANumberTheHostTookOverIsNeverWrittenTo) {
+  EchoServer echo;
+  talvex::RecorderEndpoint endpoint;
+  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+  TempDir logs;
+  const ProcessResult r = runProcess({kHostileProbePath, "channel-number-taken", std::to_string(echo.port())},
+                                     persistentTo(endpoint.port(), logs));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_NE(r.out.find("channel found 1\n"), std::string::npos) << r.out;
+  // Not one byte of a message went into the host's socket...
+  EXPECT_NE(r.out.find("leaked 0\n"), std::string::npos) << r.out;
+  endpoint.waitForQuiet(300ms, 10s);
+  // ...and the messages after it went on a new connection of the agent's own.
+  EXPECT_EQ(endpoint.connectionCount(), 2u);
+  size_t twos = 0;
+  for (const auto& m : endpoint.messages()) twos += m.find("data_AS=\"two\"") != std::string::npos;
+  EXPECT_EQ(twos, 2u);
 }
 
 // The reason for the channel: with a recorder on an address that is not loopback, every message

@@ -17,6 +17,7 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
@@ -397,6 +398,37 @@ static int scenarioStartupRace(int port) {
   return 0;
 }
 
+/* The agent's persistent channel sits on a high descriptor; a host that closes it behind the
+ * agent's back and puts a socket of its own on that number must never receive a message there.
+ * Here the host's socket talks to the echo server, so any byte the agent wrote into it comes
+ * back: the probe prints how many. */
+static int scenarioChannelNumberTaken(int port) {
+  int s = connectedTo(port);
+  char buffer[4096];
+  send(s, "one", 3, MSG_NOSIGNAL);
+  recv(s, buffer, sizeof buffer, 0);
+  int channel = -1;
+  for (int fd = 512; fd < 1024 && channel < 0; ++fd) {
+    struct stat status;
+    if (fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode)) channel = fd;
+  }
+  printf("channel found %d\n", channel >= 512);
+  int host = connectedTo(port);
+  dup2(host, channel); /* the C library's dup2: the agent does not see it */
+  send(s, "two", 3, MSG_NOSIGNAL);
+  recv(s, buffer, sizeof buffer, 0);
+  struct pollfd wait = {channel, POLLIN, 0};
+  long leaked = 0;
+  while (poll(&wait, 1, 500) > 0) {
+    ssize_t n = recv(channel, buffer, sizeof buffer, MSG_DONTWAIT);
+    if (n <= 0) break;
+    leaked += n;
+  }
+  printf("leaked %ld\n", leaked);
+  close(s);
+  return 0;
+}
+
 /* ---- sizes ---- */
 
 /* One sendmsg of `count` copies of `byte`, without waiting: whatever the socket takes. */
@@ -442,6 +474,7 @@ int main(int argc, char** argv) {
   if (strcmp(mode, "type-names-from-threads") == 0) return scenarioTypeNamesFromThreads(port);
   if (strcmp(mode, "descriptor-reuse") == 0) return scenarioDescriptorReuse(port);
   if (strcmp(mode, "startup-race") == 0) return scenarioStartupRace(port);
+  if (strcmp(mode, "channel-number-taken") == 0) return scenarioChannelNumberTaken(port);
   if (strcmp(mode, "huge-send") == 0 && argc > 4) {
     return scenarioHugeSend(port, (int)strtol(argv[3], NULL, 0), (size_t)strtoul(argv[4], NULL, 10));
   }
