@@ -3,7 +3,6 @@
 //               (the floor any endpoint pays for one connection per message)
 //   endpoint    talvex-recorder's endpoint, same sender
 //   channel     the agent's channel (encode, connect, send, close) into the endpoint
-//   encoding    building and finishing a message, no network, against naive escaping
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -152,58 +151,6 @@ double channelRate() {
   return kMessages / seconds(start);
 }
 
-// Returns messages per second; `megabytes` receives the payload throughput.
-double encodingRate(size_t payloadSize, double* megabytes) {
-  std::string payload(payloadSize, '\0');
-  for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>(i * 31);
-  const int rounds = payloadSize >= (1u << 20) ? 50 : 20000;
-  const auto start = Clock::now();
-  unsigned sink = 0;
-  for (int i = 0; i < rounds; ++i) {
-    RecorderMessage message(RMT_SEND, i);
-    message.set(RMA_DATA, payload.data(), static_cast<int>(payload.size()));
-    message.finish();
-    sink += message.length();
-  }
-  const double elapsed = seconds(start);
-  if (sink == 0) puts("");
-  *megabytes = rounds * static_cast<double>(payloadSize) / elapsed / 1e6;
-  return rounds / elapsed;
-}
-
-// The obvious way to escape the same bytes, a character at a time into a string: what the
-// encoder is measured against.
-double naiveEscapeMegabytes(size_t payloadSize) {
-  std::string payload(payloadSize, '\0');
-  for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>(i * 31);
-  const int rounds = payloadSize >= (1u << 20) ? 50 : 20000;
-  size_t sink = 0;
-  const auto start = Clock::now();
-  for (int i = 0; i < rounds; ++i) {
-    std::string out = "<send data_AS=\"";
-    for (const char ch : payload) {
-      const unsigned char c = static_cast<unsigned char>(ch);
-      char escaped[8];
-      if (c == 9 || c == 10 || c == '"' || c == '&' || c == '<') {
-        snprintf(escaped, sizeof escaped, "&#x%02x;", c);
-        out += escaped;
-      } else if (c == '\\') {
-        out += "\\\\";
-      } else if (c < 0x20 || c > 0x7e) {
-        snprintf(escaped, sizeof escaped, "\\x%02x", c);
-        out += escaped;
-      } else {
-        out += ch;
-      }
-    }
-    out += "\"/>\n";
-    sink += out.size();
-  }
-  const double elapsed = seconds(start);
-  if (sink == 0) puts("");
-  return rounds * static_cast<double>(payloadSize) / elapsed / 1e6;
-}
-
 }  // namespace
 
 int main() {
@@ -215,12 +162,5 @@ int main() {
   printf("  %-30s %10.0f msg/s   (baseline)\n", "minimal TCP sink", sink);
   printf("  %-30s %10.0f msg/s   ratio %.2f\n", "talvex-recorder endpoint", endpoint, endpoint / sink);
   printf("  %-30s %10.0f msg/s   ratio %.2f\n", "agent channel into endpoint", channel, channel / sink);
-  for (size_t size : {size_t(1024), size_t(4u << 20)}) {
-    double mb = 0;
-    const double rate = encodingRate(size, &mb);
-    const double naive = naiveEscapeMegabytes(size);
-    printf("encoding a %zu-byte binary payload: %.0f msg/s, %.0f MB/s; naive escaping %.0f MB/s, ratio %.2f\n", size,
-           rate, mb, naive, mb / naive);
-  }
   return 0;
 }

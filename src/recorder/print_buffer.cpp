@@ -1,5 +1,7 @@
 #include "recorder/print_buffer.h"
 
+#include "recorder/payload_escaping.h"
+
 #include <stdlib.h>
 #include <string.h>
 
@@ -7,67 +9,12 @@ namespace {
 
 const unsigned kInitialCapacity = 8192;
 const unsigned kGrowthStep = 8192;
+// Past the text there is always room for its terminating NUL and for the escaper's last
+// fixed-size store.
 const unsigned kAppendMargin = 9;
+static_assert(kAppendMargin >= kEscapeSlack, "room for the escaper's last store");
 const unsigned kExpandMargin = 8;
 const char kEmpty[1] = {'\0'};
-
-// Every byte's escaped form, worked out by the compiler: encoding is then one table lookup and a
-// small copy per byte, with no branch on the byte's class.
-struct EscapeTable {
-  char text[256][6];
-  unsigned char size[256];
-};
-
-constexpr char hexDigit(unsigned value) { return "0123456789abcdef"[value & 0xf]; }
-
-constexpr EscapeTable buildEscapeTable() {
-  EscapeTable table{};
-  for (unsigned c = 0; c < 256; ++c) {
-    char* out = table.text[c];
-    unsigned n = 0;
-    if (c == 0x09 || c == 0x0a || c == 0x22 || c == 0x26 || c == 0x3c) {
-      out[n++] = '&';
-      out[n++] = '#';
-      out[n++] = 'x';
-      out[n++] = hexDigit(c >> 4);
-      out[n++] = hexDigit(c);
-      out[n++] = ';';
-    } else if (c == 0x5c) {
-      out[n++] = '\\';
-      out[n++] = '\\';
-    } else if (c < 0x20 || c > 0x7e) {
-      out[n++] = '\\';
-      out[n++] = 'x';
-      out[n++] = hexDigit(c >> 4);
-      out[n++] = hexDigit(c);
-    } else {
-      out[n++] = static_cast<char>(c);
-    }
-    table.size[c] = static_cast<unsigned char>(n);
-  }
-  return table;
-}
-
-constexpr EscapeTable kEscapes = buildEscapeTable();
-
-// The escaped size of `n` bytes, in 64 bits so that a huge run cannot wrap it.
-uint64_t escapedSizeOf(const unsigned char* bytes, size_t n) {
-  uint64_t size = 0;
-  for (size_t i = 0; i < n; ++i) size += kEscapes.size[bytes[i]];
-  return size;
-}
-
-// Writes the escaped form of `n` bytes at `out`, which has room for it; returns the end.
-char* escapeInto(char* out, const unsigned char* bytes, size_t n) {
-  for (size_t i = 0; i < n; ++i) {
-    const unsigned char c = bytes[i];
-    // Six bytes copied whatever the size: a fixed-size copy is one move, and the room reserved
-    // always has a margin past the escaped text.
-    memcpy(out, kEscapes.text[c], 6);
-    out += kEscapes.size[c];
-  }
-  return out;
-}
 
 // A few arrays of the initial capacity kept for the next messages, in slots shared by all
 // threads: a message built after another takes one again instead of allocating. Taken and given
@@ -105,8 +52,6 @@ void release(char* array, unsigned capacity) {
 }
 
 }  // namespace
-
-unsigned escapedSize(unsigned char c) { return kEscapes.size[c]; }
 
 PrintBuffer::PrintBuffer()
     : data_(takeArray()), capacity_(kInitialCapacity), length_(0), complete_(true) {
@@ -179,15 +124,9 @@ void PrintBuffer::startData(RecorderMessageAttribute attribute, RecorderMessageA
 
 void PrintBuffer::endData() { append("\"", 1); }
 
-char* PrintBuffer::writeEscaped(char* out, unsigned char c) {
-  const unsigned size = kEscapes.size[c];
-  memcpy(out, kEscapes.text[c], size);
-  return out + size;
-}
-
 void PrintBuffer::appendEscaped(unsigned char c) {
   if (!reserve(escapedSize(c), kAppendMargin)) return;
-  char* end = writeEscaped(data_ + length_, c);
+  char* end = escapeInto(data_ + length_, &c, 1);
   length_ = static_cast<unsigned>(end - data_);
   data_[length_] = '\0';
 }
@@ -208,7 +147,7 @@ void PrintBuffer::appendUnicode(const wchar_t* wide, unsigned n) {
     const int32_t c = static_cast<int32_t>(wide[i]);
     const unsigned char low = static_cast<unsigned char>(c);
     if (c <= 255) {
-      out = writeEscaped(out, low);
+      out = escapeInto(out, &low, 1);
     } else {
       // Only the low 8 bits of a wide character survive: the recorder reads it that way.
       *out++ = '\\';

@@ -47,13 +47,9 @@ class PrintBuffer {
   // Room for `n` more bytes plus `margin`, by the growth rule; false when memory is exhausted.
   bool reserve(uint64_t n, unsigned margin);
   void appendDigits(uint64_t bits, int minimumDigits);
-  char* writeEscaped(char* out, unsigned char c);
 
   char* data_;
   unsigned capacity_;
   unsigned length_;
   bool complete_;
 };
-
-// The number of characters one byte takes once escaped.
-unsigned escapedSize(unsigned char c);

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -204,6 +206,47 @@ TEST(RecorderMessage, SeveralMegabytesEncodeWhole) {
   for (const char ch : payload) expected += referenceEscape(static_cast<unsigned char>(ch));
   const std::string text(message.toString(), message.length());
   EXPECT_EQ(text, "<send data_AS=\"" + expected + "\"/>\n");
+}
+
+// Payloads of every length up to a few blocks and some long ones, drawn from byte mixes that
+// send the encoder down each of its paths: all plain text, text with a few escapes, nothing but
+// escapes, and every byte value. Each payload ends at the end of its allocation, so that a read
+// past it is caught by the sanitizer build; each is encoded at every alignment of a block.
+TEST(RecorderMessage, RandomPayloadsEncodeAsTheReferenceEscaper) {
+  std::mt19937 random(20261122);
+  const std::string plain = "abcdefghijklmnopqrstuvwxyz ABCDEFGHIJKLMNOPQRSTUVWXYZ 0123456789 /:;=?";
+  const std::string special = "\t\n\"&<\\\x7f\x80\xff\x00\x1f";
+  auto draw = [&](int mix) -> char {
+    switch (mix) {
+      case 0: return plain[random() % plain.size()];
+      case 1: return random() % 40 == 0 ? special[random() % special.size()] : plain[random() % plain.size()];
+      case 2: return special[random() % special.size()];
+      default: return static_cast<char>(random());
+    }
+  };
+  for (int round = 0; round < 400; ++round) {
+    const int mix = round % 4;
+    const size_t n = round < 200 ? static_cast<size_t>(round) + 1 : 1 + random() % 20000;
+    for (const size_t offset : {size_t(0), size_t(1), size_t(7), size_t(15)}) {
+      std::vector<char> storage(offset + n);
+      for (size_t i = 0; i < n; ++i) storage[offset + i] = draw(mix);
+      const std::string payload(storage.data() + offset, n);
+      std::string expected;
+      for (const char ch : payload) expected += referenceEscape(static_cast<unsigned char>(ch));
+      RecorderMessage message(RMT_SEND, 0);
+      message.set(RMA_DATA, storage.data() + offset, static_cast<int>(n));
+      ASSERT_EQ(finished(message), "<send data_AS=\"" + expected + "\"/>\n") << "mix " << mix << " length " << n;
+      // The same bytes as a gather list cut at random places.
+      iovec list[3];
+      const size_t cut1 = n == 0 ? 0 : random() % (n + 1), cut2 = cut1 + (n == cut1 ? 0 : random() % (n - cut1 + 1));
+      list[0] = {storage.data() + offset, cut1};
+      list[1] = {storage.data() + offset + cut1, cut2 - cut1};
+      list[2] = {storage.data() + offset + cut2, n - cut2};
+      RecorderMessage gathered(RMT_SEND, 0);
+      gathered.setiovect(RMA_DATA, list, 3, n);
+      ASSERT_EQ(finished(gathered), "<send data_AS=\"" + expected + "\"/>\n") << "mix " << mix << " length " << n;
+    }
+  }
 }
 
 TEST(PrintBuffer, StartsAt8192AndGrowsByMultiples) {
