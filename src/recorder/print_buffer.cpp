@@ -4,6 +4,7 @@
 
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 
 namespace {
 
@@ -42,10 +43,24 @@ void giveBack(char* array) {
   free(array);
 }
 
+// Arrays larger than the C library's allocator ever keeps in its heap (its largest dynamic mmap
+// threshold) are mapped whole and filled in by the kernel at once: malloc would map them afresh
+// for every message too, then take a page fault for every page the encoder writes, a large share
+// of the cost of encoding a payload of megabytes.
+const unsigned kMappedCapacity = sizeof(long) == 4 ? 512u * 1024 : 32u * 1024 * 1024;
+
+char* allocate(unsigned capacity) {
+  if (capacity < kMappedCapacity) return static_cast<char*>(malloc(capacity));
+  void* mapped = mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+  return mapped != MAP_FAILED ? static_cast<char*>(mapped) : nullptr;
+}
+
 // Frees an array, keeping it for a next message when it is of the initial size.
 void release(char* array, unsigned capacity) {
   if (capacity == kInitialCapacity) {
     giveBack(array);
+  } else if (capacity >= kMappedCapacity) {
+    munmap(array, capacity);
   } else {
     free(array);
   }
@@ -76,7 +91,7 @@ bool PrintBuffer::reserve(uint64_t n, unsigned margin) {
   const unsigned need = length_ + static_cast<unsigned>(n) + margin;
   if (need < capacity_) return true;
   const unsigned newCapacity = (need / kGrowthStep) * kGrowthStep + kGrowthStep;
-  char* grown = static_cast<char*>(malloc(newCapacity));
+  char* grown = allocate(newCapacity);
   if (grown == nullptr) {
     complete_ = false;
     return false;

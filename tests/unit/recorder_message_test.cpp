@@ -1,5 +1,7 @@
 #include "recorder/recorder_message.h"
 
+#include "recorder/payload_escaping.h"
+
 #include <gtest/gtest.h>
 
 #include <random>
@@ -233,6 +235,9 @@ TEST(RecorderMessage, RandomPayloadsEncodeAsTheReferenceEscaper) {
       const std::string payload(storage.data() + offset, n);
       std::string expected;
       for (const char ch : payload) expected += referenceEscape(static_cast<unsigned char>(ch));
+      // The size reserved before escaping is exactly what escaping writes.
+      ASSERT_EQ(escapedSizeOf(reinterpret_cast<const unsigned char*>(storage.data() + offset), n), expected.size())
+          << "mix " << mix << " length " << n;
       RecorderMessage message(RMT_SEND, 0);
       message.set(RMA_DATA, storage.data() + offset, static_cast<int>(n));
       ASSERT_EQ(finished(message), "<send data_AS=\"" + expected + "\"/>\n") << "mix " << mix << " length " << n;
