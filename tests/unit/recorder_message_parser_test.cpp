@@ -10,6 +10,7 @@
 
 using talvex::ParsedMessage;
 using talvex::parseRecorderMessage;
+using talvex::recorderMessageWellFormed;
 using talvex::ValueType;
 
 namespace {
@@ -81,6 +82,67 @@ TEST(MessageParser, RejectsMalformedLinesWithAReason) {
     EXPECT_FALSE(parseRecorderMessage(c.text, &m, &error)) << c.text;
     EXPECT_EQ(error, c.reason) << c.text;
   }
+}
+
+// A reader that parses every message into the same ParsedMessage sees only the last one's
+// attributes, whatever came before it: longer, shorter, or broken.
+TEST(MessageParser, AReusedMessageHoldsOnlyTheLastMessagesAttributes) {
+  ParsedMessage reused;
+  ASSERT_TRUE(parseRecorderMessage(kWorkedExample, &reused, nullptr));
+  ASSERT_TRUE(parseRecorderMessage("<close socket_I8=\"7\"/>\n", &reused, nullptr));
+  EXPECT_EQ(reused.kind, "close");
+  ASSERT_EQ(reused.attributes.size(), 1u);
+  EXPECT_EQ(reused.attributes[0].name, "socket");
+  EXPECT_EQ(reused.attributes[0].raw, "7");
+  EXPECT_EQ(reused.attributes[0].bytes, "");
+  ASSERT_TRUE(parseRecorderMessage(kWorkedExample, &reused, nullptr, false));
+  // Stepped over this time: the payload decoded by the first parse is not left behind.
+  EXPECT_EQ(reused.find("data")->bytes, "");
+  EXPECT_FALSE(parseRecorderMessage("garbage", &reused, nullptr));
+  EXPECT_TRUE(reused.attributes.empty());
+  ParsedMessage fresh;
+  ASSERT_TRUE(parseRecorderMessage(kWorkedExample, &reused, nullptr));
+  ASSERT_TRUE(parseRecorderMessage(kWorkedExample, &fresh, nullptr));
+  ASSERT_EQ(reused.attributes.size(), fresh.attributes.size());
+  for (size_t i = 0; i < fresh.attributes.size(); ++i) {
+    EXPECT_EQ(reused.attributes[i].name, fresh.attributes[i].name);
+    EXPECT_EQ(reused.attributes[i].raw, fresh.attributes[i].raw);
+    EXPECT_EQ(reused.attributes[i].integer, fresh.attributes[i].integer);
+    EXPECT_EQ(reused.attributes[i].bytes, fresh.attributes[i].bytes);
+  }
+}
+
+// The form check says yes exactly where the parser, stepping over payloads, does: for every
+// prefix of a real message, for every single byte of it replaced by each of a few others, and for
+// the malformed lines above.
+TEST(MessageParser, TheFormCheckAgreesWithTheParser) {
+  RecorderMessage message(RMT_SEND, 3);
+  message.set(RMA_TIMESTAMP_NS, static_cast<int64_t>(1700000000123456789LL));
+  message.set(RMA_SOCKET, 7);
+  message.set(RMA_DATA, "GET / HTTP/1.1\r\n\"&<\\", 20);
+  message.set(RMA_NAME, L"recv", 4);
+  message.set(RMA_LENGTH, 20u);
+  message.finish();
+  const std::string whole(message.toString(), message.length());
+  std::vector<std::string> texts = {whole, kWorkedExample, "<exit/>", "<exit/>\n", "garbage", ""};
+  for (size_t n = 0; n < whole.size(); ++n) texts.push_back(whole.substr(0, n));
+  for (size_t i = 0; i < whole.size(); ++i) {
+    for (const char c : {'"', '<', '>', '/', ' ', '=', '_', 'A', 'g', '0', '\\', '&', '\n', '\0'}) {
+      std::string changed = whole;
+      changed[i] = c;
+      texts.push_back(changed);
+    }
+  }
+  int accepted = 0;
+  for (const std::string& text : texts) {
+    ParsedMessage m;
+    const bool parsed = parseRecorderMessage(text, &m, nullptr, false);
+    EXPECT_EQ(recorderMessageWellFormed(text), parsed) << text;
+    accepted += parsed;
+  }
+  // Both answers occur, so the comparison tells something.
+  EXPECT_GT(accepted, 10);
+  EXPECT_LT(accepted, static_cast<int>(texts.size()) - 100);
 }
 
 TEST(MessageParser, RoundTripOfRandomPayloads) {

@@ -117,13 +117,25 @@ void RecorderEndpoint::run() {
   // Counted and announced once per round, not per message: a busy endpoint spends its time on
   // the messages, not on waking waiters.
   size_t deliveredThisRound = 0;
-  auto deliver = [&](std::string message) {
+  auto deliver = [&](const std::string& message) {
     if (handler_) handler_(message);
     ++deliveredThisRound;
     deliveredSinceIdle = true;
     if (keep_) {
       std::lock_guard<std::mutex> lock(mutex_);
-      messages_.push_back(std::move(message));
+      messages_.push_back(message);
+    }
+  };
+  // A message that came whole in one read is handed over from here, and one that came in pieces
+  // from its connection's own buffer: both keep their storage from message to message, so that
+  // the endpoint allocates nothing per message. What a long message made them grow to is given
+  // back, so that one long message does not pin its size for the connection's life.
+  std::string whole;
+  auto emptyKeepingSmallStorage = [](std::string& text) {
+    if (text.capacity() > kKeptStorage) {
+      std::string().swap(text);
+    } else {
+      text.clear();
     }
   };
   auto announce = [&] {
@@ -160,6 +172,13 @@ void RecorderEndpoint::run() {
       while (at < end) {
         const char* feed = static_cast<const char*>(memchr(at, '\n', static_cast<size_t>(end - at)));
         const char* stop = feed != nullptr ? feed + 1 : end;
+        if (feed != nullptr && !c.cutting && c.pending.empty()) {
+          whole.assign(at, static_cast<size_t>(stop - at));
+          deliver(whole);
+          emptyKeepingSmallStorage(whole);
+          at = stop;
+          continue;
+        }
         if (!c.cutting) {
           c.pending.append(at, static_cast<size_t>(stop - at));
           pendingBytes += static_cast<size_t>(stop - at);
@@ -167,9 +186,8 @@ void RecorderEndpoint::run() {
         if (feed != nullptr) {
           if (!c.cutting) {
             pendingBytes -= c.pending.size();
-            std::string message;
-            message.swap(c.pending);
-            deliver(std::move(message));
+            deliver(c.pending);
+            emptyKeepingSmallStorage(c.pending);
           }
           c.cutting = false;
         } else if (!c.cutting && c.pending.size() > longestMessage_) {
@@ -191,7 +209,7 @@ void RecorderEndpoint::run() {
     // A message cut short by its peer's end is kept as it stands: better evidence than none.
     if (!c.cutting && !c.pending.empty()) {
       pendingBytes -= c.pending.size();
-      deliver(std::move(c.pending));
+      deliver(c.pending);
     }
     close(c.fd);
     {

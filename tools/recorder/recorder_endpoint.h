@@ -69,6 +69,8 @@ class RecorderEndpoint {
   int port_ = 0;
   std::thread thread_;
   static const size_t kMostPerRound = 64u << 20;
+  // The storage a message buffer keeps between messages; a larger one is freed.
+  static const size_t kKeptStorage = 1u << 20;
 
   MessageHandler handler_;
   std::function<void()> idleHandler_;

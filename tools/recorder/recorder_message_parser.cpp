@@ -6,30 +6,56 @@ namespace talvex {
 
 namespace {
 
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;  // the encoder writes lower case only
+// Each byte's value as a lower-case hexadecimal digit, or -1: the encoder writes lower case only.
+struct HexDigits {
+  signed char value[256];
+};
+
+constexpr HexDigits buildHexDigits() {
+  HexDigits table{};
+  for (int c = 0; c < 256; ++c) {
+    table.value[c] = static_cast<signed char>(c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1);
+  }
+  return table;
 }
+
+constexpr HexDigits kHexDigits = buildHexDigits();
+
+inline int hexValue(char c) { return kHexDigits.value[static_cast<unsigned char>(c)]; }
+
+inline bool nameByte(char c) { return (c >= 'a' && c <= 'z') || c == '_'; }
 
 class Parser {
  public:
-  Parser(const std::string& text, std::string* error, bool payloads)
-      : text_(text), error_(error), payloads_(payloads) {}
+  // `store` false reads the message for its form alone: nothing is kept, and payloads are
+  // stepped over.
+  Parser(const std::string& text, std::string* error, bool payloads, bool store = true)
+      : text_(text), error_(error), payloads_(payloads && store), store_(store) {}
 
   bool parse(ParsedMessage* message) {
-    if (!expect('<')) return false;
-    const size_t start = at_;
-    while (at_ < text_.size() && text_[at_] >= 'a' && text_[at_] <= 'z') ++at_;
-    if (at_ == start) return fail("missing message kind");
-    message->kind.assign(text_, start, at_ - start);
-    message->attributes.reserve(16);
-    while (at_ < text_.size() && text_[at_] == ' ') {
-      ++at_;
-      message->attributes.emplace_back();
-      if (!parseAttribute(&message->attributes.back())) return false;
+    const size_t start = at_ + 1;
+    if (!expect('<') || (scanKind(), at_ == start)) {
+      message->attributes.clear();
+      return at_ == start ? fail("missing message kind") : false;
     }
-    if (!expect('/') || !expect('>')) return false;
+    if (store_) message->kind.assign(text_, start, at_ - start);
+    // The attributes a message passed in already holds are written over, so that their strings
+    // keep their storage from one message to the next; those left over go at the end. Read for
+    // its form alone, each attribute goes through the same scratch one.
+    std::vector<MessageAttribute>& attributes = message->attributes;
+    size_t used = 0;
+    bool ok = true;
+    while (ok && at_ < text_.size() && text_[at_] == ' ') {
+      ++at_;
+      if (store_ && used == attributes.size()) attributes.emplace_back();
+      MessageAttribute& attribute = store_ ? attributes[used++] : scratch_;
+      attribute.raw.clear();
+      attribute.bytes.clear();
+      attribute.integer = 0;
+      ok = parseAttribute(&attribute);
+    }
+    attributes.resize(used);
+    if (!ok || !expect('/') || !expect('>')) return false;
     if (at_ < text_.size() && text_[at_] == '\n') ++at_;
     if (at_ != text_.size()) return fail("unexpected bytes after the end of the message");
     return true;
@@ -41,20 +67,39 @@ class Parser {
     return false;
   }
 
-  bool expect(char c) {
-    if (at_ >= text_.size()) return fail(std::string("message ends where '") + c + "' was expected");
-    if (text_[at_] != c) return fail(std::string("expected '") + c + "'");
-    ++at_;
-    return true;
+  void scanKind() {
+    while (at_ < text_.size() && text_[at_] >= 'a' && text_[at_] <= 'z') ++at_;
   }
 
+  bool expect(char c) {
+    if (__builtin_expect(at_ < text_.size() && text_[at_] == c, 1)) {
+      ++at_;
+      return true;
+    }
+    return unexpected(c);
+  }
+
+  bool unexpected(char c) {
+    if (at_ >= text_.size()) return fail(std::string("message ends where '") + c + "' was expected");
+    return fail(std::string("expected '") + c + "'");
+  }
+
+  // The hot loops below read through local copies of the text's start and size: a byte stored
+  // into a result string may, as far as the compiler knows, have changed any member.
   bool parseAttribute(MessageAttribute* attribute) {
+    const char* const data = text_.data();
+    const size_t size = text_.size();
     const size_t start = at_;
-    while (at_ < text_.size() && ((text_[at_] >= 'a' && text_[at_] <= 'z') || text_[at_] == '_')) ++at_;
+    size_t at = at_;
+    while (at < size && nameByte(data[at])) ++at;
+    at_ = at;
     // Names are lower case with '_'; the upper-case tag stops the scan just after the last '_'.
     if (at_ - start < 2 || text_[at_ - 1] != '_') return fail("attribute without a name and type tag");
-    attribute->name.assign(text_, start, at_ - start - 1);
-    if (at_ + 2 > text_.size()) return fail("attribute " + attribute->name + " is cut short");
+    const size_t nameLength = at_ - start - 1;
+    nameStart_ = start;
+    nameLength_ = nameLength;
+    if (store_) attribute->name.assign(data + start, nameLength);
+    if (at_ + 2 > text_.size()) return fail("attribute " + name() + " is cut short");
     const char first = text_[at_], second = text_[at_ + 1];
     if (first == 'I' && second == '4') {
       attribute->type = ValueType::I4;
@@ -67,40 +112,46 @@ class Parser {
     } else if (first == 'U' && second == 'N') {
       attribute->type = ValueType::UN;
     } else {
-      return fail("unknown type tag '" + text_.substr(at_, 2) + "' of attribute " + attribute->name);
+      return fail("unknown type tag '" + text_.substr(at_, 2) + "' of attribute " + name());
     }
     at_ += 2;
     if (!expect('=') || !expect('"')) return false;
     const size_t valueStart = at_;
     const bool isText = attribute->type == ValueType::AS || attribute->type == ValueType::UN;
-    if (isText && !payloads_ && attribute->name == "data") {
+    if (isText && !payloads_ && nameLength == 4 && memcmp(data + start, "data", 4) == 0) {
       // Stepped over: an escaped value holds no quote, so its end is the next one.
       const void* quote = memchr(text_.data() + at_, '"', text_.size() - at_);
       if (quote == nullptr) {
         at_ = text_.size();
-        return fail("value of " + attribute->name + " is not closed");
+        return fail("value of " + name() + " is not closed");
       }
       at_ = static_cast<size_t>(static_cast<const char*>(quote) - text_.data());
       return expect('"');
     }
     if (isText ? !parseText(attribute) : !parseInteger(attribute)) return false;
-    attribute->raw.assign(text_, valueStart, at_ - valueStart);
+    if (store_) attribute->raw.assign(data + valueStart, at_ - valueStart);
     return expect('"');
   }
 
   bool parseInteger(MessageAttribute* attribute) {
     const size_t maxDigits = attribute->type == ValueType::I8 ? 16 : 8;
+    const char* const data = text_.data();
+    const size_t size = text_.size();
+    const size_t start = at_;
     uint64_t bits = 0;
-    size_t digits = 0;
-    while (at_ < text_.size() && text_[at_] != '"') {
-      const int v = hexValue(text_[at_]);
-      if (v < 0) return fail("not a lower-case hexadecimal digit in " + attribute->name);
+    size_t at = at_;
+    for (; at < size && data[at] != '"'; ++at) {
+      const int v = hexValue(data[at]);
+      if (v < 0) {
+        at_ = at;
+        return fail("not a lower-case hexadecimal digit in " + name());
+      }
       bits = (bits << 4) | static_cast<uint64_t>(v);
-      ++digits;
-      ++at_;
     }
-    if (digits == 0) return fail("empty number in " + attribute->name);
-    if (digits > maxDigits) return fail("too many digits in " + attribute->name);
+    at_ = at;
+    const size_t digits = at - start;
+    if (digits == 0) return fail("empty number in " + name());
+    if (digits > maxDigits) return fail("too many digits in " + name());
     switch (attribute->type) {
       case ValueType::I4: attribute->integer = static_cast<int32_t>(static_cast<uint32_t>(bits)); break;
       case ValueType::U4: attribute->integer = static_cast<int64_t>(static_cast<uint32_t>(bits)); break;
@@ -158,7 +209,7 @@ class Parser {
     }
     at_ = static_cast<size_t>(p - base);
     out.resize(static_cast<size_t>(o - &out[0]));
-    if (at_ >= text_.size()) return fail("value of " + attribute->name + " is not closed");
+    if (at_ >= text_.size()) return fail("value of " + name() + " is not closed");
     return true;
   }
 
@@ -187,23 +238,36 @@ class Parser {
           return fail(std::string("unknown escape '\\") + kind + "'");
         }
       } else if (c < 0x20 || c > 0x7e || c == '<') {
-        return fail("unescaped byte " + std::to_string(c) + " in " + attribute->name);
+        return fail("unescaped byte " + std::to_string(c) + " in " + name());
       } else {
         out.push_back(static_cast<char>(c));
         ++at_;
       }
     }
-    if (at_ >= text_.size()) return fail("value of " + attribute->name + " is not closed");
+    if (at_ >= text_.size()) return fail("value of " + name() + " is not closed");
     return true;
   }
+
+  // The attribute being read, named in what a failure says.
+  std::string name() const { return text_.substr(nameStart_, nameLength_); }
 
   const std::string& text_;
   std::string* error_;
   const bool payloads_;
+  const bool store_;
   size_t at_ = 0;
+  size_t nameStart_ = 0;
+  size_t nameLength_ = 0;
+  MessageAttribute scratch_;
 };
 
 }  // namespace
+
+bool recorderMessageWellFormed(const std::string& text) {
+  ParsedMessage scratch;
+  Parser parser(text, nullptr, false, false);
+  return parser.parse(&scratch);
+}
 
 const char* valueTypeTag(ValueType type) {
   switch (type) {
@@ -239,11 +303,11 @@ std::string ParsedMessage::text(const char* name) const {
 }
 
 bool parseRecorderMessage(const std::string& text, ParsedMessage* message, std::string* error, bool payloads) {
-  ParsedMessage parsed;
+  // Parsed in place: a reader that passes the same message each time keeps its storage, and
+  // allocates nothing once it has seen messages as long.
+  message->kind.clear();
   Parser parser(text, error, payloads);
-  if (!parser.parse(&parsed)) return false;
-  *message = std::move(parsed);
-  return true;
+  return parser.parse(message);
 }
 
 }  // namespace talvex

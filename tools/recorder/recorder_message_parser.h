@@ -36,9 +36,13 @@ struct ParsedMessage {
 };
 
 // Accepts exactly one message, with or without its closing line feed. On failure returns false
-// and says where and why in `error`.
+// and says where and why in `error`; `message` then holds what was read before the fault.
 // `payloads` false steps over the "data" value without decoding or checking it (it is then
 // absent): for readers that need only who talked to whom.
 bool parseRecorderMessage(const std::string& text, ParsedMessage* message, std::string* error, bool payloads = true);
+
+// Whether parseRecorderMessage with `payloads` false would accept `text`, found without keeping
+// anything of it: for a reader that passes messages on as they came and only counts the bad ones.
+bool recorderMessageWellFormed(const std::string& text);
 
 }  // namespace talvex

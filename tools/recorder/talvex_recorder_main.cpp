@@ -1,6 +1,7 @@
 // talvex-recorder: the recorder endpoint. Listens for the agent's connections and writes every
 // message, in arrival order, raw or as JSON Lines.
 #include <errno.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -125,23 +126,24 @@ int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
 
   std::atomic<long> received{0};
+  const pthread_t mainThread = pthread_self();
   std::atomic<long> malformed{0};
   const bool json = options.format == "jsonl";
+  // Only the endpoint's thread writes `out` until it has stopped: the stream's lock is not needed.
   talvex::RecorderEndpoint endpoint;
   endpoint.setHandler([&](const std::string& message) {
     if (json) {
       bool bad = false;
       const std::string line = talvex::receivedToJson(message, &bad);
       if (bad) ++malformed;
-      fwrite(line.data(), 1, line.size(), out);
-      fputc('\n', out);
+      fwrite_unlocked(line.data(), 1, line.size(), out);
+      fputc_unlocked('\n', out);
     } else {
       // Written as received; checked for its form, its payload stepped over unread.
-      talvex::ParsedMessage parsed;
-      if (!talvex::parseRecorderMessage(message, &parsed, nullptr, false)) ++malformed;
-      fwrite(message.data(), 1, message.size(), out);
+      if (!talvex::recorderMessageWellFormed(message)) ++malformed;
+      fwrite_unlocked(message.data(), 1, message.size(), out);
     }
-    ++received;
+    if (received.fetch_add(1, std::memory_order_relaxed) + 1 == options.count) pthread_kill(mainThread, SIGTERM);
   });
   // Written through at once when nothing else is waiting: a busy recorder writes in large blocks,
   // an idle one leaves nothing behind in its buffer.
@@ -169,6 +171,8 @@ int main(int argc, char** argv) {
   fprintf(stderr, "talvex-recorder: listening on %s port %d\n", where.host.c_str(), endpoint.port());
 
   const timespec tick = {0, 100 * 1000 * 1000};
+  // The endpoint's thread sends SIGTERM here the moment the count is reached: the wait ends then,
+  // not at the next tick.
   for (;;) {
     if (options.count > 0 && received.load() >= options.count) break;
     if (sigtimedwait(&stopSignals, nullptr, &tick) > 0) break;
