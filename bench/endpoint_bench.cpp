@@ -14,6 +14,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <string>
@@ -42,15 +43,32 @@ bool sendAll(int fd, const std::string& bytes) {
   return true;
 }
 
+// A loopback source address no earlier run has used. A connection per message leaves every port
+// it used in TIME_WAIT for a minute; a later run from the same address reuses them, and a SYN that
+// meets the old connection's remains is answered late or not at all and retried a second later.
+// From a fresh address every run starts with the whole port range.
+in_addr_t freshSourceAddress(int sender) {
+  static int runs = 0;
+  if (sender == 0) ++runs;
+  return htonl((127u << 24) | (1u << 16) | (static_cast<unsigned>(runs) << 8) | static_cast<unsigned>(sender + 1));
+}
+
 // 8 threads sending `each` messages: a connection per message, or one per sender.
 void sendFromEight(int port, int each, bool perMessage) {
   std::vector<std::thread> senders;
   for (int t = 0; t < kSenders; ++t) {
+    const in_addr_t source = freshSourceAddress(t);
     senders.emplace_back([=] {
       const sockaddr_in a = loopbackAddress(port);
       if (perMessage) {
+        sockaddr_in from = loopbackAddress(0);
+        from.sin_addr.s_addr = source;
         for (int i = 0; i < each; ++i) {
           const int fd = socket(AF_INET, SOCK_STREAM, 0);
+          // The port is chosen at connect, for the whole address pair, not at bind.
+          const int one = 1;
+          setsockopt(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &one, sizeof one);
+          bind(fd, reinterpret_cast<const sockaddr*>(&from), sizeof from);
           // A refused connect is retried: the accept queue may be full for a moment.
           while (connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0) usleep(100);
           sendAll(fd, kMessage);
@@ -160,12 +178,12 @@ double recorderRate(int each, bool perMessage, long* peakKiB) {
   const auto start = Clock::now();
   sendFromEight(port, each, perMessage);
   long peak = 0;
-  for (int i = 0; i < 6000; ++i) {
+  for (int i = 0; i < 30000; ++i) {
     const std::string status = readFile("/proc/" + std::to_string(recorder.pid()) + "/status");
     const size_t at = status.find("VmHWM:");
     if (at == std::string::npos) break;
     peak = atol(status.c_str() + at + 6);
-    usleep(5000);
+    usleep(1000);
   }
   const ProcessResult r = recorder.wait(std::chrono::seconds(300));
   const double rate = each * kSenders / std::chrono::duration<double>(Clock::now() - start).count();
@@ -176,18 +194,31 @@ double recorderRate(int each, bool perMessage, long* peakKiB) {
   return rate;
 }
 
+// The best of five runs each, sink and recorder taking turns to go first. With a connection per
+// message, a run now and then loses a whole second to a sender whose connection attempt was
+// dropped while the server was off the processor, whichever server it is.
+void compare(const char* label, int each, bool perMessage) {
+  double sink = 0, recorder = 0;
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    for (int turn = 0; turn < 2; ++turn) {
+      if ((attempt + turn) % 2 == 0) {
+        sink = std::max(sink, sinkRate(each, perMessage));
+      } else {
+        recorder = std::max(recorder, recorderRate(each, perMessage, nullptr));
+      }
+    }
+  }
+  printf("  %-26s minimal sink %8.0f msg/s   talvex-recorder %8.0f msg/s   ratio %.2f\n", label, sink, recorder,
+         recorder / sink);
+}
+
 }  // namespace
 
 int main() {
-  printf("8 concurrent senders, %zu-byte messages, talvex-recorder writing to /dev/null\n", kMessage.size());
-  const double sinkPer = sinkRate(2000, true);
-  const double recorderPer = recorderRate(2000, true, nullptr);
-  printf("  a connection per message:  minimal sink %8.0f msg/s   talvex-recorder %8.0f msg/s   ratio %.2f\n", sinkPer,
-         recorderPer, recorderPer / sinkPer);
-  const double sinkLines = sinkRate(50000, false);
-  const double recorderLines = recorderRate(50000, false, nullptr);
-  printf("  a connection per sender:   minimal sink %8.0f msg/s   talvex-recorder %8.0f msg/s   ratio %.2f\n",
-         sinkLines, recorderLines, recorderLines / sinkLines);
+  printf("8 concurrent senders, %zu-byte messages, talvex-recorder writing to /dev/null, best of 5 turns\n",
+         kMessage.size());
+  compare("a connection per message:", 2000, true);
+  compare("a connection per sender:", 50000, false);
   long small = 0, large = 0;
   recorderRate(12500, false, &small);
   recorderRate(125000, false, &large);

@@ -71,6 +71,9 @@ class RecorderEndpoint {
   static const size_t kMostPerRound = 64u << 20;
   // The storage a message buffer keeps between messages; a larger one is freed.
   static const size_t kKeptStorage = 1u << 20;
+  // Rounds that take less than this are followed by a pause of this long.
+  static const size_t kGatheringBelow = 64u << 10;
+  static const unsigned kGatheringMicroseconds = 1000;
 
   MessageHandler handler_;
   std::function<void()> idleHandler_;

@@ -2,6 +2,10 @@
 
 #include <string.h>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 namespace talvex {
 
 namespace {
@@ -24,6 +28,37 @@ constexpr HexDigits kHexDigits = buildHexDigits();
 inline int hexValue(char c) { return kHexDigits.value[static_cast<unsigned char>(c)]; }
 
 inline bool nameByte(char c) { return (c >= 'a' && c <= 'z') || c == '_'; }
+
+// Names and numbers are most of what is read of a message whose payload is stepped over. Their
+// ends are found sixteen bytes at a time where the processor allows: a byte-by-byte scan pays for
+// a mispredicted loop exit at the end of every one of them.
+const char* endOfName(const char* p, const char* end) {
+#ifdef __SSE2__
+  for (; end - p >= 16; p += 16) {
+    const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    // Signed compares: bytes from 0x80 up are negative, so never letters.
+    const __m128i letter = _mm_and_si128(_mm_cmpgt_epi8(x, _mm_set1_epi8('a' - 1)), _mm_cmplt_epi8(x, _mm_set1_epi8('z' + 1)));
+    const unsigned named = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(letter, _mm_cmpeq_epi8(x, _mm_set1_epi8('_')))));
+    if (named != 0xffff) return p + __builtin_ctz(~named);
+  }
+#endif
+  while (p < end && nameByte(*p)) ++p;
+  return p;
+}
+
+const char* endOfHexDigits(const char* p, const char* end) {
+#ifdef __SSE2__
+  for (; end - p >= 16; p += 16) {
+    const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i decimal = _mm_and_si128(_mm_cmpgt_epi8(x, _mm_set1_epi8('0' - 1)), _mm_cmplt_epi8(x, _mm_set1_epi8('9' + 1)));
+    const __m128i letter = _mm_and_si128(_mm_cmpgt_epi8(x, _mm_set1_epi8('a' - 1)), _mm_cmplt_epi8(x, _mm_set1_epi8('f' + 1)));
+    const unsigned digits = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(decimal, letter)));
+    if (digits != 0xffff) return p + __builtin_ctz(~digits);
+  }
+#endif
+  while (p < end && hexValue(*p) >= 0) ++p;
+  return p;
+}
 
 class Parser {
  public:
@@ -90,9 +125,7 @@ class Parser {
     const char* const data = text_.data();
     const size_t size = text_.size();
     const size_t start = at_;
-    size_t at = at_;
-    while (at < size && nameByte(data[at])) ++at;
-    at_ = at;
+    at_ = static_cast<size_t>(endOfName(data + at_, data + size) - data);
     // Names are lower case with '_'; the upper-case tag stops the scan just after the last '_'.
     if (at_ - start < 2 || text_[at_ - 1] != '_') return fail("attribute without a name and type tag");
     const size_t nameLength = at_ - start - 1;
@@ -138,20 +171,13 @@ class Parser {
     const char* const data = text_.data();
     const size_t size = text_.size();
     const size_t start = at_;
-    uint64_t bits = 0;
-    size_t at = at_;
-    for (; at < size && data[at] != '"'; ++at) {
-      const int v = hexValue(data[at]);
-      if (v < 0) {
-        at_ = at;
-        return fail("not a lower-case hexadecimal digit in " + name());
-      }
-      bits = (bits << 4) | static_cast<uint64_t>(v);
-    }
-    at_ = at;
-    const size_t digits = at - start;
+    at_ = static_cast<size_t>(endOfHexDigits(data + at_, data + size) - data);
+    if (at_ < size && data[at_] != '"') return fail("not a lower-case hexadecimal digit in " + name());
+    const size_t digits = at_ - start;
     if (digits == 0) return fail("empty number in " + name());
     if (digits > maxDigits) return fail("too many digits in " + name());
+    uint64_t bits = 0;
+    for (size_t i = start; i < at_; ++i) bits = (bits << 4) | static_cast<uint64_t>(hexValue(data[i]));
     switch (attribute->type) {
       case ValueType::I4: attribute->integer = static_cast<int32_t>(static_cast<uint32_t>(bits)); break;
       case ValueType::U4: attribute->integer = static_cast<int64_t>(static_cast<uint32_t>(bits)); break;
