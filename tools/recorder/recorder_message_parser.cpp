@@ -119,7 +119,7 @@ class Parser {
     return fail(std::string("expected '") + c + "'");
   }
 
-  // The hot loops below read through local copies of the text's start and size: a byte stored
+  // What is read below goes through local copies of the text's start and size: a byte stored
   // into a result string may, as far as the compiler knows, have changed any member.
   bool parseAttribute(MessageAttribute* attribute) {
     const char* const data = text_.data();
@@ -176,6 +176,7 @@ class Parser {
     const size_t digits = at_ - start;
     if (digits == 0) return fail("empty number in " + name());
     if (digits > maxDigits) return fail("too many digits in " + name());
+    if (!store_) return true;
     uint64_t bits = 0;
     for (size_t i = start; i < at_; ++i) bits = (bits << 4) | static_cast<uint64_t>(hexValue(data[i]));
     switch (attribute->type) {
