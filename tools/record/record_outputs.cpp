@@ -55,7 +55,7 @@ bool RecordOutputs::keepsForTranscript() const {
   return !options_.transcript.empty() || (!options_.quiet && !live_);
 }
 
-void RecordOutputs::onMessage(const std::string& raw) {
+void RecordOutputs::onMessage(std::string_view raw) {
   ParsedMessage m;
   // Payloads are decoded only for the outputs that show them: the raw output alone needs no more
   // than who talked to whom.
@@ -68,7 +68,7 @@ void RecordOutputs::onMessage(const std::string& raw) {
   if (!seen.shown) return;
   // Kept only for the transcript written at the end; without one, memory stays flat however long
   // the run.
-  if (keepsForTranscript()) shown_.push_back(raw);
+  if (keepsForTranscript()) shown_.emplace_back(raw);
   if (raw_ != nullptr) {
     fwrite(raw.data(), 1, raw.size(), raw_);
     flushOrNote(raw_, options_.raw);

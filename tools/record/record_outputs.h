@@ -8,6 +8,7 @@
 
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "capture_writer.h"
@@ -26,7 +27,7 @@ class RecordOutputs {
   // Creates every output file. False with `error` naming the first that cannot be written.
   bool open(std::string* error);
   // One message as it arrived. Safe to call from the endpoint's thread.
-  void onMessage(const std::string& raw);
+  void onMessage(std::string_view raw);
   // Writes the transcript (with `note` before its summary) and closes the files. False, with a
   // message on standard error naming the file, when an output could not be written in full.
   bool finish(const std::string& note);

@@ -206,7 +206,7 @@ int main(int argc, char** argv) {
   endpoint.keepMessages(false);
   // A payload of a quarter of a gigabyte is a message of up to a gigabyte once escaped.
   endpoint.setLongestMessage(size_t(1) << 30);
-  endpoint.setHandler([&outputs](const std::string& message) { outputs.onMessage(message); });
+  endpoint.setHandler([&outputs](std::string_view message) { outputs.onMessage(message); });
   if (!endpoint.start(where.host, where.port, &error)) {
     fprintf(stderr, "talvex-record: cannot listen on %s: %s\n", o.listen.c_str(), error.c_str());
     return 1;

@@ -9,7 +9,7 @@
 
 namespace talvex {
 
-std::string base64Encode(const std::string& bytes) {
+std::string base64Encode(std::string_view bytes) {
   static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string out;
   out.reserve((bytes.size() + 2) / 3 * 4);
@@ -147,11 +147,11 @@ std::string messageToJson(const ParsedMessage& message, const ConnectionEnds* en
   return object.done();
 }
 
-std::string malformedToJson(const std::string& raw, const std::string& reason) {
+std::string malformedToJson(std::string_view raw, const std::string& reason) {
   return "{\"kind\":\"malformed\",\"reason\":" + jsonString(reason) + ",\"raw_b64\":\"" + base64Encode(raw) + "\"}";
 }
 
-std::string receivedToJson(const std::string& raw, bool* malformed) {
+std::string receivedToJson(std::string_view raw, bool* malformed) {
   ParsedMessage parsed;
   std::string why;
   const bool ok = parseRecorderMessage(raw, &parsed, &why);

@@ -9,12 +9,13 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "recorder_message_parser.h"
 
 namespace talvex {
 
-std::string base64Encode(const std::string& bytes);
+std::string base64Encode(std::string_view bytes);
 // A JSON string of UTF-8 text.
 std::string jsonString(const std::string& text);
 bool isUtf8(const std::string& bytes);
@@ -31,10 +32,10 @@ struct ConnectionEnds {
 std::string messageToJson(const ParsedMessage& message, const ConnectionEnds* ends = nullptr);
 
 // A line that could not be parsed: {"kind":"malformed","reason":...,"raw_b64":...}.
-std::string malformedToJson(const std::string& raw, const std::string& reason);
+std::string malformedToJson(std::string_view raw, const std::string& reason);
 
 // One received message as its JSON line: decoded when it parses, reported as malformed when not
 // (`malformed`, when given, says which).
-std::string receivedToJson(const std::string& raw, bool* malformed = nullptr);
+std::string receivedToJson(std::string_view raw, bool* malformed = nullptr);
 
 }  // namespace talvex

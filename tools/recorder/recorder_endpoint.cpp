@@ -118,20 +118,20 @@ void RecorderEndpoint::run() {
   // the messages, not on waking waiters.
   size_t deliveredThisRound = 0;
   size_t takenThisRound = 0;
-  auto deliver = [&](const std::string& message) {
+  auto deliver = [&](std::string_view message) {
     if (handler_) handler_(message);
     ++deliveredThisRound;
     deliveredSinceIdle = true;
     if (keep_) {
       std::lock_guard<std::mutex> lock(mutex_);
-      messages_.push_back(message);
+      messages_.emplace_back(message);
     }
   };
-  // A message that came whole in one read is handed over from here, and one that came in pieces
-  // from its connection's own buffer: both keep their storage from message to message, so that
-  // the endpoint allocates nothing per message. What a long message made them grow to is given
-  // back, so that one long message does not pin its size for the connection's life.
-  std::string whole;
+  // A message that came whole in one read is handed over where it lies in the read buffer, one
+  // that came in pieces from its connection's own buffer, which keeps its storage from message to
+  // message: the endpoint allocates nothing per message. What a long message made that buffer
+  // grow to is given back, so that one long message does not pin its size for the connection's
+  // life.
   auto emptyKeepingSmallStorage = [](std::string& text) {
     if (text.capacity() > kKeptStorage) {
       std::string().swap(text);
@@ -175,9 +175,7 @@ void RecorderEndpoint::run() {
         const char* feed = static_cast<const char*>(memchr(at, '\n', static_cast<size_t>(end - at)));
         const char* stop = feed != nullptr ? feed + 1 : end;
         if (feed != nullptr && !c.cutting && c.pending.empty()) {
-          whole.assign(at, static_cast<size_t>(stop - at));
-          deliver(whole);
-          emptyKeepingSmallStorage(whole);
+          deliver(std::string_view(at, static_cast<size_t>(stop - at)));
           at = stop;
           continue;
         }

@@ -12,6 +12,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -19,7 +20,8 @@ namespace talvex {
 
 class RecorderEndpoint {
  public:
-  using MessageHandler = std::function<void(const std::string&)>;
+  // The message is valid for the call only.
+  using MessageHandler = std::function<void(std::string_view)>;
 
   RecorderEndpoint() = default;
   ~RecorderEndpoint();

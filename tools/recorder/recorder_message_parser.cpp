@@ -64,7 +64,7 @@ class Parser {
  public:
   // `store` false reads the message for its form alone: nothing is kept, and payloads are
   // stepped over.
-  Parser(const std::string& text, std::string* error, bool payloads, bool store = true)
+  Parser(std::string_view text, std::string* error, bool payloads, bool store = true)
       : text_(text), error_(error), payloads_(payloads && store), store_(store) {}
 
   bool parse(ParsedMessage* message) {
@@ -73,7 +73,7 @@ class Parser {
       message->attributes.clear();
       return at_ == start ? fail("missing message kind") : false;
     }
-    if (store_) message->kind.assign(text_, start, at_ - start);
+    if (store_) message->kind.assign(text_.data() + start, at_ - start);
     // The attributes a message passed in already holds are written over, so that their strings
     // keep their storage from one message to the next; those left over go at the end. Read for
     // its form alone, each attribute goes through the same scratch one.
@@ -145,7 +145,7 @@ class Parser {
     } else if (first == 'U' && second == 'N') {
       attribute->type = ValueType::UN;
     } else {
-      return fail("unknown type tag '" + text_.substr(at_, 2) + "' of attribute " + name());
+      return fail("unknown type tag '" + std::string(text_.substr(at_, 2)) + "' of attribute " + name());
     }
     at_ += 2;
     if (!expect('=') || !expect('"')) return false;
@@ -276,9 +276,9 @@ class Parser {
   }
 
   // The attribute being read, named in what a failure says.
-  std::string name() const { return text_.substr(nameStart_, nameLength_); }
+  std::string name() const { return std::string(text_.substr(nameStart_, nameLength_)); }
 
-  const std::string& text_;
+  const std::string_view text_;
   std::string* error_;
   const bool payloads_;
   const bool store_;
@@ -290,7 +290,7 @@ class Parser {
 
 }  // namespace
 
-bool recorderMessageWellFormed(const std::string& text) {
+bool recorderMessageWellFormed(std::string_view text) {
   ParsedMessage scratch;
   Parser parser(text, nullptr, false, false);
   return parser.parse(&scratch);
@@ -329,7 +329,7 @@ std::string ParsedMessage::text(const char* name) const {
   return a != nullptr ? a->bytes : std::string();
 }
 
-bool parseRecorderMessage(const std::string& text, ParsedMessage* message, std::string* error, bool payloads) {
+bool parseRecorderMessage(std::string_view text, ParsedMessage* message, std::string* error, bool payloads) {
   // Parsed in place: a reader that passes the same message each time keeps its storage, and
   // allocates nothing once it has seen messages as long.
   message->kind.clear();

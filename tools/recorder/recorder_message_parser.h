@@ -4,6 +4,7 @@
 #include <stdint.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace talvex {
@@ -39,10 +40,10 @@ struct ParsedMessage {
 // and says where and why in `error`; `message` then holds what was read before the fault.
 // `payloads` false steps over the "data" value without decoding or checking it (it is then
 // absent): for readers that need only who talked to whom.
-bool parseRecorderMessage(const std::string& text, ParsedMessage* message, std::string* error, bool payloads = true);
+bool parseRecorderMessage(std::string_view text, ParsedMessage* message, std::string* error, bool payloads = true);
 
 // Whether parseRecorderMessage with `payloads` false would accept `text`, found without keeping
 // anything of it: for a reader that passes messages on as they came and only counts the bad ones.
-bool recorderMessageWellFormed(const std::string& text);
+bool recorderMessageWellFormed(std::string_view text);
 
 }  // namespace talvex

@@ -135,7 +135,7 @@ int main(int argc, char** argv) {
   const bool json = options.format == "jsonl";
   // Only the endpoint's thread writes `out` until it has stopped: the stream's lock is not needed.
   talvex::RecorderEndpoint endpoint;
-  endpoint.setHandler([&](const std::string& message) {
+  endpoint.setHandler([&](std::string_view message) {
     if (json) {
       bool bad = false;
       const std::string line = talvex::receivedToJson(message, &bad);
