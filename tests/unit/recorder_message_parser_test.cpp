@@ -10,7 +10,7 @@
 
 using talvex::ParsedMessage;
 using talvex::parseRecorderMessage;
-using talvex::recorderMessageWellFormed;
+using talvex::RecorderMessageFormCheck;
 using talvex::ValueType;
 
 namespace {
@@ -114,7 +114,7 @@ TEST(MessageParser, AReusedMessageHoldsOnlyTheLastMessagesAttributes) {
 
 // The form check says yes exactly where the parser, stepping over payloads, does: for every
 // prefix of a real message, for every single byte of it replaced by each of a few others, and for
-// the malformed lines above.
+// a few lines that are no message at all.
 TEST(MessageParser, TheFormCheckAgreesWithTheParser) {
   RecorderMessage message(RMT_SEND, 3);
   message.set(RMA_TIMESTAMP_NS, static_cast<int64_t>(1700000000123456789LL));
@@ -134,10 +134,15 @@ TEST(MessageParser, TheFormCheckAgreesWithTheParser) {
     }
   }
   int accepted = 0;
+  // One check that has seen every text before and one that sees each as its first: the heads
+  // it remembers never change its answer.
+  RecorderMessageFormCheck seasoned;
   for (const std::string& text : texts) {
     ParsedMessage m;
     const bool parsed = parseRecorderMessage(text, &m, nullptr, false);
-    EXPECT_EQ(recorderMessageWellFormed(text), parsed) << text;
+    EXPECT_EQ(RecorderMessageFormCheck().wellFormed(text), parsed) << text;
+    EXPECT_EQ(seasoned.wellFormed(text), parsed) << text;
+    EXPECT_EQ(seasoned.wellFormed(whole), true);
     accepted += parsed;
   }
   // Both answers occur, so the comparison tells something.

@@ -67,6 +67,10 @@ class Parser {
   Parser(std::string_view text, std::string* error, bool payloads, bool store = true)
       : text_(text), error_(error), payloads_(payloads && store), store_(store) {}
 
+  // Attribute heads (name, tag, '="') already found well formed, by position in the message:
+  // where the text repeats one, it is stepped over whole. Only for reading a message's form.
+  void rememberHeads(std::vector<KnownHead>* heads) { heads_ = heads; }
+
   bool parse(ParsedMessage* message) {
     const size_t start = at_ + 1;
     if (!expect('<') || (scanKind(), at_ == start)) {
@@ -125,6 +129,17 @@ class Parser {
     const char* const data = text_.data();
     const size_t size = text_.size();
     const size_t start = at_;
+    const size_t index = attributeIndex_++;
+    if (heads_ != nullptr && index < heads_->size()) {
+      const KnownHead& known = (*heads_)[index];
+      if (size - start >= known.text.size() && memcmp(data + start, known.text.data(), known.text.size()) == 0) {
+        nameStart_ = start;
+        nameLength_ = known.nameLength;
+        attribute->type = known.type;
+        at_ = start + known.text.size();
+        return parseValue(attribute);
+      }
+    }
     at_ = static_cast<size_t>(endOfName(data + at_, data + size) - data);
     // Names are lower case with '_'; the upper-case tag stops the scan just after the last '_'.
     if (at_ - start < 2 || text_[at_ - 1] != '_') return fail("attribute without a name and type tag");
@@ -149,9 +164,22 @@ class Parser {
     }
     at_ += 2;
     if (!expect('=') || !expect('"')) return false;
+    if (heads_ != nullptr && index < kKnownHeads) {
+      if (heads_->size() <= index) heads_->resize(index + 1);
+      KnownHead& known = (*heads_)[index];
+      known.text.assign(data + start, at_ - start);
+      known.type = attribute->type;
+      known.nameLength = nameLength;
+    }
+    return parseValue(attribute);
+  }
+
+  // The value after its head, whose name is at nameStart_.
+  bool parseValue(MessageAttribute* attribute) {
+    const char* const data = text_.data();
     const size_t valueStart = at_;
     const bool isText = attribute->type == ValueType::AS || attribute->type == ValueType::UN;
-    if (isText && !payloads_ && nameLength == 4 && memcmp(data + start, "data", 4) == 0) {
+    if (isText && !payloads_ && nameLength_ == 4 && memcmp(data + nameStart_, "data", 4) == 0) {
       // Stepped over: an escaped value holds no quote, so its end is the next one.
       const void* quote = memchr(text_.data() + at_, '"', text_.size() - at_);
       if (quote == nullptr) {
@@ -286,13 +314,16 @@ class Parser {
   size_t nameStart_ = 0;
   size_t nameLength_ = 0;
   MessageAttribute scratch_;
+  std::vector<KnownHead>* heads_ = nullptr;
+  size_t attributeIndex_ = 0;
 };
 
 }  // namespace
 
-bool recorderMessageWellFormed(std::string_view text) {
+bool RecorderMessageFormCheck::wellFormed(std::string_view text) {
   ParsedMessage scratch;
   Parser parser(text, nullptr, false, false);
+  parser.rememberHeads(&heads_);
   return parser.parse(&scratch);
 }
 

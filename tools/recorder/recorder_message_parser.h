@@ -42,8 +42,27 @@ struct ParsedMessage {
 // absent): for readers that need only who talked to whom.
 bool parseRecorderMessage(std::string_view text, ParsedMessage* message, std::string* error, bool payloads = true);
 
-// Whether parseRecorderMessage with `payloads` false would accept `text`, found without keeping
-// anything of it: for a reader that passes messages on as they came and only counts the bad ones.
-bool recorderMessageWellFormed(std::string_view text);
+// How many attribute heads of a message a form check remembers.
+const size_t kKnownHeads = 32;
+
+// The head of an attribute (`name_TT="`) found well formed in an earlier message.
+struct KnownHead {
+  std::string text;
+  ValueType type = ValueType::AS;
+  size_t nameLength = 0;
+};
+
+// Says whether parseRecorderMessage with `payloads` false would accept a message, without
+// keeping anything of it: for a reader that passes messages on as they came and only counts the
+// bad ones. A program's messages of one kind repeat the same attribute heads in the same places,
+// so the check remembers the heads of the messages it has seen (the first kKnownHeads of each)
+// and steps over a repeated one with a single comparison.
+class RecorderMessageFormCheck {
+ public:
+  bool wellFormed(std::string_view text);
+
+ private:
+  std::vector<KnownHead> heads_;
+};
 
 }  // namespace talvex

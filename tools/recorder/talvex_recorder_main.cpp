@@ -134,6 +134,7 @@ int main(int argc, char** argv) {
   std::atomic<long> malformed{0};
   const bool json = options.format == "jsonl";
   // Only the endpoint's thread writes `out` until it has stopped: the stream's lock is not needed.
+  talvex::RecorderMessageFormCheck formCheck;
   talvex::RecorderEndpoint endpoint;
   endpoint.setHandler([&](std::string_view message) {
     if (json) {
@@ -144,7 +145,7 @@ int main(int argc, char** argv) {
       fputc_unlocked('\n', out);
     } else {
       // Written as received; checked for its form, its payload stepped over unread.
-      if (!talvex::recorderMessageWellFormed(message)) ++malformed;
+      if (!formCheck.wellFormed(message)) ++malformed;
       fwrite_unlocked(message.data(), 1, message.size(), out);
     }
     if (received.fetch_add(1, std::memory_order_relaxed) + 1 == options.count) pthread_kill(mainThread, SIGTERM);
