@@ -264,6 +264,7 @@ void RecorderEndpoint::run() {
     // connection per message (each connection dropped there is retried by its sender a whole
     // second later). Where nothing waits, this costs one refused accept. A round takes at most a
     // full queue.
+    bool tookConnections = false;
     if (accepting) {
       for (int round = 0; round < 4096; ++round) {
         const int fd = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
@@ -285,6 +286,7 @@ void RecorderEndpoint::run() {
           continue;
         }
         open.emplace(order, Connection{fd, std::string(), false});
+        tookConnections = true;
         std::lock_guard<std::mutex> lock(mutex_);
         ++connections_;
         ++openConnections_;
@@ -297,11 +299,12 @@ void RecorderEndpoint::run() {
       const auto it = open.find(key);
       if (it != open.end() && !readFrom(it->second)) closeConnection(it);
     }
-    // A round that took only a little woke this thread for a few small messages. Waiting a moment
-    // before the next round lets the next ones gather in their sockets, where they wake nobody:
-    // a program sending message after message then shares its processor with this thread once a
-    // millisecond instead of once a message.
-    const bool fewSmall = deliveredThisRound != 0 && takenThisRound < kGatheringBelow;
+    // A round that took only a little, on connections it already had, woke this thread for a few
+    // small messages. Waiting a moment before the next round lets the next ones gather in their
+    // sockets, where they wake nobody: a program sending message after message on its one
+    // connection then shares its processor with this thread once a millisecond instead of once a
+    // message. Connections made for one message each gather nothing by waiting.
+    const bool fewSmall = deliveredThisRound != 0 && takenThisRound < kGatheringBelow && !tookConnections;
     takenThisRound = 0;
     announce();
     if (fewSmall) usleep(kGatheringMicroseconds);
