@@ -18,7 +18,8 @@ struct HexDigits {
 constexpr HexDigits buildHexDigits() {
   HexDigits table{};
   for (int c = 0; c < 256; ++c) {
-    table.value[c] = static_cast<signed char>(c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1);
+    const int value = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+    table.value[c] = static_cast<signed char>(value);
   }
   return table;
 }
@@ -37,8 +38,10 @@ const char* endOfName(const char* p, const char* end) {
   for (; end - p >= 16; p += 16) {
     const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
     // Signed compares: bytes from 0x80 up are negative, so never letters.
-    const __m128i letter = _mm_and_si128(_mm_cmpgt_epi8(x, _mm_set1_epi8('a' - 1)), _mm_cmplt_epi8(x, _mm_set1_epi8('z' + 1)));
-    const unsigned named = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(letter, _mm_cmpeq_epi8(x, _mm_set1_epi8('_')))));
+    const __m128i letter =
+        _mm_and_si128(_mm_cmpgt_epi8(x, _mm_set1_epi8('a' - 1)), _mm_cmplt_epi8(x, _mm_set1_epi8('z' + 1)));
+    const __m128i nameBytes = _mm_or_si128(letter, _mm_cmpeq_epi8(x, _mm_set1_epi8('_')));
+    const unsigned named = static_cast<unsigned>(_mm_movemask_epi8(nameBytes));
     if (named != 0xffff) return p + __builtin_ctz(~named);
   }
 #endif
@@ -50,8 +53,10 @@ const char* endOfHexDigits(const char* p, const char* end) {
 #ifdef __SSE2__
   for (; end - p >= 16; p += 16) {
     const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-    const __m128i decimal = _mm_and_si128(_mm_cmpgt_epi8(x, _mm_set1_epi8('0' - 1)), _mm_cmplt_epi8(x, _mm_set1_epi8('9' + 1)));
-    const __m128i letter = _mm_and_si128(_mm_cmpgt_epi8(x, _mm_set1_epi8('a' - 1)), _mm_cmplt_epi8(x, _mm_set1_epi8('f' + 1)));
+    const __m128i decimal =
+        _mm_and_si128(_mm_cmpgt_epi8(x, _mm_set1_epi8('0' - 1)), _mm_cmplt_epi8(x, _mm_set1_epi8('9' + 1)));
+    const __m128i letter =
+        _mm_and_si128(_mm_cmpgt_epi8(x, _mm_set1_epi8('a' - 1)), _mm_cmplt_epi8(x, _mm_set1_epi8('f' + 1)));
     const unsigned digits = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(decimal, letter)));
     if (digits != 0xffff) return p + __builtin_ctz(~digits);
   }
