@@ -4,7 +4,6 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include "agent/recording_decision.h"
 #include "diag/debug_log.h"
 #include "diag/name_tables.h"
 #include "hooks/complete_capture_rules.h"
@@ -15,7 +14,6 @@
 #include "hooks/socket_registry.h"
 #include "interpose/capture_real_functions.h"
 #include "interpose/real_functions.h"
-#include "socks/socks_routing.h"
 
 namespace {
 
@@ -79,27 +77,21 @@ ssize_t sendFile(const char* name, ssize_t (*real)(int, int, Offset*, size_t), i
   const unsigned fd = static_cast<unsigned>(out);
   SOCKETINFO* record = socketForCall(fd);
   if (record == nullptr) return real(out, in, offset, count);
-  const CallStart start = beginCall();
-  waitConnectionDone(record, start.cpt);
-  si_disp(record, DMK_CALL, "[%d]%s \tsocket : %lx", start.cpt, name, static_cast<unsigned long>(fd));
+  const CallStart start = startDataCall(record, name, fd);
   Offset before = 0;
   const bool haveOffset = offset != nullptr && copyHostBytes(&before, offset, sizeof before, 0) == sizeof before;
   errno = start.callerErrno;
   const ssize_t result = real(out, in, offset, count);
   const int error = readErrorCode();
   logOutcome(record, name, start.cpt, fd, result, error);
-  const int reason = shouldBeLogged(record);
-  if (reason == SBL_SHOULDBELOGGED) {
+  recordOrSayWhyNot(record, name, start.cpt, fd, error, [&] {
     const FileBytes sent(in, haveOffset, static_cast<int64_t>(before), result);
     if (result > 0 && sent.bytes() == nullptr) {
       si_disp(record, DMK_WARNING, "[%d]%s on %lx: the file's bytes could not be read again", start.cpt, name,
               static_cast<unsigned long>(fd));
     }
     recordSend(start, out, sent.bytes(), count, result, error);
-  } else {
-    logNotRecorded(record, name, start.cpt, fd, reason);
-  }
-  restoreErrorCode(error);
+  });
   return result;
 }
 
@@ -109,21 +101,15 @@ ssize_t Mywritev(int fd, const iovec* vectors, int count) {
   const unsigned descriptor = static_cast<unsigned>(fd);
   SOCKETINFO* record = socketForCall(descriptor);
   if (record == nullptr) return True_writev(fd, vectors, count);
-  const CallStart start = beginCall();
-  waitConnectionDone(record, start.cpt);
-  si_disp(record, DMK_CALL, "[%d]writev \tsocket : %lx", start.cpt, static_cast<unsigned long>(descriptor));
+  const CallStart start = startDataCall(record, "writev", descriptor);
   const ssize_t result = True_writev(fd, vectors, count);
   const int error = readErrorCode();
   logOutcome(record, "writev", start.cpt, descriptor, result, error);
-  const int reason = shouldBeLogged(record);
-  if (reason == SBL_SHOULDBELOGGED) {
+  recordOrSayWhyNot(record, "writev", start.cpt, descriptor, error, [&] {
     const msghdr header = headerOf(vectors, count);
     const HostVectors list(&header, result);
     recordVectorSend(start, fd, list, result, error);
-  } else {
-    logNotRecorded(record, "writev", start.cpt, descriptor, reason);
-  }
-  restoreErrorCode(error);
+  });
   return result;
 }
 
@@ -131,23 +117,17 @@ ssize_t Myreadv(int fd, const iovec* vectors, int count) {
   const unsigned descriptor = static_cast<unsigned>(fd);
   SOCKETINFO* record = socketForCall(descriptor);
   if (record == nullptr) return True_readv(fd, vectors, count);
-  const CallStart start = beginCall();
-  waitConnectionDone(record, start.cpt);
-  si_disp(record, DMK_CALL, "[%d]readv \tsocket : %lx", start.cpt, static_cast<unsigned long>(descriptor));
+  const CallStart start = startDataCall(record, "readv", descriptor);
   const ssize_t result = True_readv(fd, vectors, count);
   const int error = readErrorCode();
   logOutcome(record, "readv", start.cpt, descriptor, result, error);
-  const int reason = shouldBeLogged(record);
-  if (reason == SBL_SHOULDBELOGGED) {
+  recordOrSayWhyNot(record, "readv", start.cpt, descriptor, error, [&] {
     if (receiveIsRecorded(0, error, result)) {
       const msghdr header = headerOf(vectors, count);
       const HostVectors list(&header, result);
       recordVectorReceive(start, fd, list, result, error);
     }
-  } else {
-    logNotRecorded(record, "readv", start.cpt, descriptor, reason);
-  }
-  restoreErrorCode(error);
+  });
   return result;
 }
 

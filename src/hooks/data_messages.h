@@ -6,12 +6,37 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
+#include "agent/recording_decision.h"
 #include "hooks/handler_support.h"
+#include "interpose/real_functions.h"
+#include "socks/socks_routing.h"
 
 class HostVectors;
 struct SOCKETINFO;
 
 void logNotRecorded(SOCKETINFO* record, const char* name, int cpt, unsigned fd, int reason);
+
+// How every data handler begins on a socket: its start drawn, any SOCKS connect of the socket
+// waited for, and its call line written.
+inline CallStart startDataCall(SOCKETINFO* record, const char* name, unsigned fd) {
+  const CallStart start = beginCall();
+  waitConnectionDone(record, start.cpt);
+  si_disp(record, DMK_CALL, "[%d]%s \tsocket : %lx", start.cpt, name, static_cast<unsigned long>(fd));
+  return start;
+}
+
+// How every data handler ends, after its outcome line: a call that is to be recorded goes to
+// `recordIt`, one that is not says why in the log; then the host gets the C library's errno back.
+template <class Record>
+void recordOrSayWhyNot(SOCKETINFO* record, const char* name, int cpt, unsigned fd, int error, Record recordIt) {
+  const int reason = shouldBeLogged(record);
+  if (reason == SBL_SHOULDBELOGGED) {
+    recordIt();
+  } else {
+    logNotRecorded(record, name, cpt, fd, reason);
+  }
+  restoreErrorCode(error);
+}
 
 // A send-like call's destination, for sendto.
 struct SendDestination {

@@ -4,7 +4,6 @@
 #include <sys/uio.h>
 
 #include "agent/agent_startup.h"
-#include "agent/recording_decision.h"
 #include "diag/debug_log.h"
 #include "diag/name_tables.h"
 #include "hooks/complete_capture_rules.h"
@@ -23,9 +22,7 @@ const unsigned kUdp = 17;
 ssize_t Mysend(int socket, const void* buffer, size_t length, int flags) {
   const unsigned fd = static_cast<unsigned>(socket);
   SOCKETINFO* record = socketForCall(fd);
-  const CallStart start = beginCall();
-  waitConnectionDone(record, start.cpt);
-  si_disp(record, DMK_CALL, "[%d]send \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
+  const CallStart start = startDataCall(record, "send", fd);
   const ssize_t result = True_send(socket, buffer, length, flags);
   const int error = readErrorCode();
   if (result == -1) {
@@ -38,13 +35,9 @@ ssize_t Mysend(int socket, const void* buffer, size_t length, int flags) {
             logAddress(buffer),
             loggableLength(record, DMK_RET, buffer, length, static_cast<size_t>(result)), static_cast<const char*>(buffer));
   }
-  const int reason = shouldBeLogged(record);
-  if (reason == SBL_SHOULDBELOGGED) {
+  recordOrSayWhyNot(record, "send", start.cpt, fd, error, [&] {
     recordSend(start, socket, buffer, length, result, error);
-  } else {
-    logNotRecorded(record, "send", start.cpt, fd, reason);
-  }
-  restoreErrorCode(error);
+  });
   return result;
 }
 
@@ -52,9 +45,7 @@ ssize_t Mysendto(int socket, const void* buffer, size_t length, int flags, const
                  socklen_t addressLength) {
   const unsigned fd = static_cast<unsigned>(socket);
   SOCKETINFO* record = socketForCall(fd);
-  const CallStart start = beginCall();
-  waitConnectionDone(record, start.cpt);
-  si_disp(record, DMK_CALL, "[%d]sendto \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
+  const CallStart start = startDataCall(record, "sendto", fd);
   // The caller's address goes to the C library as it is: a substitute for a null one would turn a
   // connected datagram send into an error.
   const ssize_t result = True_sendto(socket, buffer, length, flags, address, addressLength);
@@ -68,14 +59,10 @@ ssize_t Mysendto(int socket, const void* buffer, size_t length, int flags, const
             static_cast<unsigned long>(fd), static_cast<int>(length), flags,
             logAddress(buffer));
   }
-  const int reason = shouldBeLogged(record);
-  if (reason == SBL_SHOULDBELOGGED) {
+  recordOrSayWhyNot(record, "sendto", start.cpt, fd, error, [&] {
     const SendDestination destination = {getProtocol(record) == kUdp, address, addressLength};
     recordSend(start, socket, buffer, length, result, error, &destination);
-  } else {
-    logNotRecorded(record, "sendto", start.cpt, fd, reason);
-  }
-  restoreErrorCode(error);
+  });
   return result;
 }
 
@@ -84,9 +71,7 @@ ssize_t Mywrite(int descriptor, const void* buffer, size_t count) {
   const unsigned fd = static_cast<unsigned>(descriptor);
   SOCKETINFO* record = socketForCall(fd);
   if (record == nullptr) return True_write(descriptor, buffer, count);
-  const CallStart start = beginCall();
-  waitConnectionDone(record, start.cpt);
-  si_disp(record, DMK_CALL, "[%d]write \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
+  const CallStart start = startDataCall(record, "write", fd);
   const ssize_t result = True_write(descriptor, buffer, count);
   const int error = readErrorCode();
   if (result == -1) {
@@ -99,13 +84,9 @@ ssize_t Mywrite(int descriptor, const void* buffer, size_t count) {
             logAddress(buffer),
             loggableLength(record, DMK_RET, buffer, count, static_cast<size_t>(result)), static_cast<const char*>(buffer));
   }
-  const int reason = shouldBeLogged(record);
-  if (reason == SBL_SHOULDBELOGGED) {
+  recordOrSayWhyNot(record, "write", start.cpt, fd, error, [&] {
     recordSend(start, descriptor, buffer, count, result, error);
-  } else {
-    logNotRecorded(record, "write", start.cpt, fd, reason);
-  }
-  restoreErrorCode(error);
+  });
   return result;
 }
 
@@ -113,9 +94,7 @@ ssize_t Mysendmsg(int socket, const msghdr* header, int flags) {
   const unsigned fd = static_cast<unsigned>(socket);
   SOCKETINFO* record = socketForCall(fd);
   if (record == nullptr) return True_sendmsg(socket, header, flags);
-  const CallStart start = beginCall();
-  waitConnectionDone(record, start.cpt);
-  si_disp(record, DMK_CALL, "[%d]sendmsg \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
+  const CallStart start = startDataCall(record, "sendmsg", fd);
   const ssize_t result = True_sendmsg(socket, header, flags);
   const int error = readErrorCode();
   if (result == -1) {
@@ -126,23 +105,17 @@ ssize_t Mysendmsg(int socket, const msghdr* header, int flags) {
     si_disp(record, DMK_RET, "[%d]sendmsg (OK):\tsocket : %lx\t \t buf = 0x" TALVEX_HEX_ADDRESS " ", start.cpt,
             static_cast<unsigned long>(fd), logAddress(header));
   }
-  const int reason = shouldBeLogged(record);
-  if (reason == SBL_SHOULDBELOGGED) {
+  recordOrSayWhyNot(record, "sendmsg", start.cpt, fd, error, [&] {
     const HostVectors vectors(header, result);
     recordVectorSend(start, socket, vectors, result, error);
-  } else {
-    logNotRecorded(record, "sendmsg", start.cpt, fd, reason);
-  }
-  restoreErrorCode(error);
+  });
   return result;
 }
 
 ssize_t Myrecv(int socket, void* buffer, size_t length, int flags) {
   const unsigned fd = static_cast<unsigned>(socket);
   SOCKETINFO* record = socketForCall(fd);
-  const CallStart start = beginCall();
-  waitConnectionDone(record, start.cpt);
-  si_disp(record, DMK_CALL, "[%d]recv \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
+  const CallStart start = startDataCall(record, "recv", fd);
   const ssize_t result = True_recv(socket, buffer, length, flags);
   const int error = readErrorCode();
   if (result == -1) {
@@ -154,16 +127,12 @@ ssize_t Myrecv(int socket, void* buffer, size_t length, int flags) {
             static_cast<unsigned long>(fd), static_cast<int>(length), flags,
             logAddress(buffer));
   }
-  const int reason = shouldBeLogged(record);
-  if (reason == SBL_SHOULDBELOGGED) {
+  recordOrSayWhyNot(record, "recv", start.cpt, fd, error, [&] {
     // Stamped and ticketed when the data arrived, not when the call began.
     if (receiveIsRecorded(flags, error, result)) {
       recordReceive(start.cpt, static_cast<int>(getTicket()), socket, buffer, length, result, error);
     }
-  } else {
-    logNotRecorded(record, "recv", start.cpt, fd, reason);
-  }
-  restoreErrorCode(error);
+  });
   return result;
 }
 
@@ -209,16 +178,12 @@ ssize_t Myrecvfrom(int socket, void* buffer, size_t length, int flags, sockaddr*
             logAddress(buffer),
             logAddress(shownSource), logLength);
   }
-  const int reason = shouldBeLogged(record);
-  if (reason == SBL_SHOULDBELOGGED) {
+  recordOrSayWhyNot(record, "recvfrom", cpt, fd, error, [&] {
     if (receiveIsRecorded(flags, error, result)) {
       const ReceiveSource from = {getProtocol(record) == kUdp, reinterpret_cast<sockaddr*>(&source)};
       recordReceive(cpt, static_cast<int>(getTicket()), socket, buffer, length, result, error, &from);
     }
-  } else {
-    logNotRecorded(record, "recvfrom", cpt, fd, reason);
-  }
-  restoreErrorCode(error);
+  });
   return result;
 }
 
@@ -226,9 +191,7 @@ ssize_t Myread(int descriptor, void* buffer, size_t count) {
   const unsigned fd = static_cast<unsigned>(descriptor);
   SOCKETINFO* record = socketForCall(fd);
   if (record == nullptr) return True_read(descriptor, buffer, count);
-  const CallStart start = beginCall();
-  waitConnectionDone(record, start.cpt);
-  si_disp(record, DMK_CALL, "[%d]read \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
+  const CallStart start = startDataCall(record, "read", fd);
   const ssize_t result = True_read(descriptor, buffer, count);
   const int error = readErrorCode();
   if (result == -1) {
@@ -240,14 +203,10 @@ ssize_t Myread(int descriptor, void* buffer, size_t count) {
             static_cast<unsigned long>(fd), static_cast<int>(count),
             logAddress(buffer));
   }
-  const int reason = shouldBeLogged(record);
-  if (reason == SBL_SHOULDBELOGGED) {
+  recordOrSayWhyNot(record, "read", start.cpt, fd, error, [&] {
     // read keeps the ticket of its start, unlike recv: recorders have always ordered it so.
     if (receiveIsRecorded(0, error, result)) recordReceive(start.cpt, start.ticket, descriptor, buffer, count, result, error);
-  } else {
-    logNotRecorded(record, "read", start.cpt, fd, reason);
-  }
-  restoreErrorCode(error);
+  });
   return result;
 }
 
@@ -255,9 +214,7 @@ ssize_t Myrecvmsg(int socket, msghdr* header, int flags) {
   const unsigned fd = static_cast<unsigned>(socket);
   SOCKETINFO* record = socketForCall(fd);
   if (record == nullptr) return True_recvmsg(socket, header, flags);
-  const CallStart start = beginCall();
-  waitConnectionDone(record, start.cpt);
-  si_disp(record, DMK_CALL, "[%d]recvmsg \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
+  const CallStart start = startDataCall(record, "recvmsg", fd);
   const ssize_t result = True_recvmsg(socket, header, flags);
   const int error = readErrorCode();
   if (result == -1) {
@@ -268,16 +225,12 @@ ssize_t Myrecvmsg(int socket, msghdr* header, int flags) {
     si_disp(record, DMK_RET, "[%d]recvmsg (OK) :\tsocket : %lx\t buf = 0x" TALVEX_HEX_ADDRESS, start.cpt,
             static_cast<unsigned long>(fd), logAddress(header));
   }
-  const int reason = shouldBeLogged(record);
-  if (reason == SBL_SHOULDBELOGGED) {
+  recordOrSayWhyNot(record, "recvmsg", start.cpt, fd, error, [&] {
     if (receiveIsRecorded(flags, error, result)) {
       // Stamped now, ticketed at its start, as recvmsg has always been.
       const HostVectors vectors(header, result);
       recordVectorReceive(start, socket, vectors, result, error);
     }
-  } else {
-    logNotRecorded(record, "recvmsg", start.cpt, fd, reason);
-  }
-  restoreErrorCode(error);
+  });
   return result;
 }
