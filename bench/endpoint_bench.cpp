@@ -6,6 +6,7 @@
 //   talvex-recorder's peak memory after 100,000 and after 1,000,000 messages.
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -103,13 +104,10 @@ void sendFromEight(int port, int each, bool perMessage) {
 class MinimalSink {
  public:
   explicit MinimalSink(long expected) : expected_(expected) {
-    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    sockaddr_in a = loopbackAddress(0);
-    bind(listener_, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    listener_ = listenOnLoopback(&port_);
+    // The queue as deep as talvex-recorder's, and accepts that never wait.
     listen(listener_, 4096);
-    socklen_t length = sizeof a;
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&a), &length);
-    port_ = ntohs(a.sin_port);
+    fcntl(listener_, F_SETFL, fcntl(listener_, F_GETFL) | O_NONBLOCK);
     thread_ = std::thread([this] { run(); });
   }
   ~MinimalSink() {
