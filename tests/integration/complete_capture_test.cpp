@@ -156,6 +156,16 @@ long resultOf(const ClientRun& run, const std::string& name) {
   return -999;
 }
 
+// The probe's adopted scenario with complete capture: a socket made by a raw system call talks to
+// a peer that answers `answer` (on `peerPort`), then its number is reused for a file.
+Recording recordAdopted(const std::string& answer, int* peerPort = nullptr) {
+  TempDir files;
+  EXPECT_TRUE(writeFile(files.file("plain"), "file bytes, not network bytes"));
+  AnsweringPeer peer(answer);
+  if (peerPort != nullptr) *peerPort = peer.port();
+  return recordRun({kCaptureProbePath, "adopted", std::to_string(peer.port()), files.file("plain")}, kCapture);
+}
+
 }  // namespace
 
 TEST(CompleteCapture, ClientRecordingEqualsTheWireInBothDirections) {
@@ -337,11 +347,8 @@ TEST(CompleteCapture, WithoutTheVariableOnlyTheFirstAcceptIsRecordedAndNoTraffic
 }
 
 TEST(CompleteCapture, SocketsMadeBehindTheCLibrarysBackAreRecordedOnFirstUse) {
-  TempDir files;
-  ASSERT_TRUE(writeFile(files.file("plain"), "file bytes, not network bytes"));
-  AnsweringPeer peer("answer to the adopted socket");
-  const Recording r = recordRun({kCaptureProbePath, "adopted", std::to_string(peer.port()), files.file("plain")},
-                                kCapture);
+  int peerPort = 0;
+  const Recording r = recordAdopted("answer to the adopted socket", &peerPort);
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
   const auto accepts = r.ofKind("accept");
   ASSERT_EQ(accepts.size(), 1u);
@@ -350,18 +357,14 @@ TEST(CompleteCapture, SocketsMadeBehindTheCLibrarysBackAreRecordedOnFirstUse) {
                                                                 "ip", "port"}));
   EXPECT_EQ(valueOf(adopted, "info"), "ADOPTED");
   EXPECT_EQ(valueOf(adopted, "ip"), "127.0.0.1");
-  EXPECT_EQ(valueOf(adopted, "port"), hexOf(peer.port()));
+  EXPECT_EQ(valueOf(adopted, "port"), hexOf(peerPort));
   EXPECT_EQ(joined(conversation(r, &adopted, "send")), "adopted-bytes");
   EXPECT_EQ(joined(conversation(r, &adopted, "receive")), "answer to the adopted socket");
   EXPECT_EQ(conversation(r, &adopted, "close").size(), 1u);
 }
 
 TEST(CompleteCapture, ADescriptorReusedForAFileIsNeverRecordedAsTheSocket) {
-  TempDir files;
-  ASSERT_TRUE(writeFile(files.file("plain"), "file bytes, not network bytes"));
-  AnsweringPeer peer("answer");
-  const Recording r = recordRun({kCaptureProbePath, "adopted", std::to_string(peer.port()), files.file("plain")},
-                                kCapture);
+  const Recording r = recordAdopted("answer");
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
   ASSERT_EQ(linesContaining(r.run.out, "same-number 1").size(), 1u) << r.run.out;
   ASSERT_EQ(linesContaining(r.run.out, "file-read result=16").size(), 1u) << r.run.out;
