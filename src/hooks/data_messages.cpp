@@ -75,10 +75,7 @@ void logNotRecorded(SOCKETINFO* record, const char* name, int cpt, unsigned fd, 
 void recordSend(const CallStart& start, int socket, const void* buffer, size_t length, ssize_t result, int error,
                 const SendDestination* destination) {
   // A send never takes more than was asked: its data is at most `length` bytes.
-  if (!messageObservable(length)) {
-    skipUnobservedMessage();
-    return;
-  }
+  if (!messageWorthBuilding(length)) return;
   RecorderMessage message(RMT_SEND, start.cpt);
   sendHead(message, start, socket);
   const SentBytes sent = sentBytes(length, result);
@@ -103,10 +100,7 @@ void recordSend(const CallStart& start, int socket, const void* buffer, size_t l
 }
 
 void recordVectorSend(const CallStart& start, int socket, const HostVectors& vectors, ssize_t result, int error) {
-  if (!messageObservable(vectors.readable())) {
-    skipUnobservedMessage();
-    return;
-  }
+  if (!messageWorthBuilding(vectors.readable())) return;
   RecorderMessage message(RMT_SEND, start.cpt);
   sendHead(message, start, socket);
   const SentBytes sent = sentBytes(static_cast<size_t>(vectors.readable()), result);
@@ -124,10 +118,7 @@ void recordVectorSend(const CallStart& start, int socket, const HostVectors& vec
 
 void recordReceive(int cpt, int ticket, int socket, const void* buffer, size_t length, ssize_t result, int error,
                    const ReceiveSource* source) {
-  if (!messageObservable(result > 0 ? static_cast<uint64_t>(result) : length)) {
-    skipUnobservedMessage();
-    return;
-  }
+  if (!messageWorthBuilding(result > 0 ? static_cast<uint64_t>(result) : length)) return;
   RecorderMessage message(RMT_RECEIVE, cpt);
   receiveHead(message, ticket, socket);
   setReceivedData(message, buffer, length, result);
@@ -142,10 +133,7 @@ void recordReceive(int cpt, int ticket, int socket, const void* buffer, size_t l
 }
 
 void recordVectorReceive(const CallStart& start, int socket, const HostVectors& vectors, ssize_t result, int error) {
-  if (!messageObservable(result > 0 ? static_cast<uint64_t>(result) : 0)) {
-    skipUnobservedMessage();
-    return;
-  }
+  if (!messageWorthBuilding(result > 0 ? static_cast<uint64_t>(result) : 0)) return;
   RecorderMessage message(RMT_RECEIVE, start.cpt);
   receiveHead(message, start.ticket, socket);
   // The bytes received, spread over the vectors in order; a failed call received none.

@@ -15,7 +15,9 @@ bool messageObservable(uint64_t payloadBytes) {
          payloadBytes >= kAlwaysEncodable;
 }
 
-void skipUnobservedMessage() {
+bool messageWorthBuilding(uint64_t payloadBytes) {
+  if (messageObservable(payloadBytes)) return true;
   AgentInterface* channel = getAgentInterface();
   if (channel != nullptr) channel->dropPendingMessage();
+  return false;
 }

@@ -8,6 +8,7 @@
 // True when a message carrying `payloadBytes` bytes could be seen: sent, logged, or (too large to
 // encode for sure) reported as dropped.
 bool messageObservable(uint64_t payloadBytes);
-// Instead of sending a message that nobody could see: what its sending would have changed still
-// happens (the pending process message is used up, as a send while unplugged uses it up).
-void skipUnobservedMessage();
+// For a handler about to build a message: messageObservable, and when the message could not be
+// seen, what its sending would have changed still happens (the pending process message is used
+// up, as a send while unplugged uses it up).
+bool messageWorthBuilding(uint64_t payloadBytes);
