@@ -144,8 +144,6 @@ void sendOnPersistentChannel(const sockaddr_in& recorder, const char* text, unsi
 
 void leavePersistentChannelAfterFork() {
   // The child's copy of the parent's connection is closed; the parent's stays as it is.
-  if (channel >= 0 && cookieOf(channel) == channelCookie) True_close(channel);
-  channel = -1;
-  channelCookie = 0;
+  dropChannel(channel >= 0 && cookieOf(channel) == channelCookie);
   restUntilNs = 0;
 }
