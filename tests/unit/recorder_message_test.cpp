@@ -41,6 +41,19 @@ std::string referenceEscape(unsigned char b) {
   return out;
 }
 
+// A byte of one of four mixes that send the escaper down each of its paths: all plain text, text
+// with a few escapes, nothing but escapes, and every byte value.
+char drawPayloadByte(std::mt19937& random, int mix) {
+  static const std::string plain = "abcdefghijklmnopqrstuvwxyz ABCDEFGHIJKLMNOPQRSTUVWXYZ 0123456789 /:;=?";
+  static const std::string special("\t\n\"&<\\\x7f\x80\xff\x00\x1f", 11);
+  switch (mix) {
+    case 0: return plain[random() % plain.size()];
+    case 1: return random() % 40 == 0 ? special[random() % special.size()] : plain[random() % plain.size()];
+    case 2: return special[random() % special.size()];
+    default: return static_cast<char>(random());
+  }
+}
+
 }  // namespace
 
 TEST(RecorderMessage, WorkedExampleIsByteForByte) {
@@ -216,16 +229,7 @@ TEST(RecorderMessage, SeveralMegabytesEncodeWhole) {
 // past it is caught by the sanitizer build; each is encoded at every alignment of a block.
 TEST(RecorderMessage, RandomPayloadsEncodeAsTheReferenceEscaper) {
   std::mt19937 random(20261122);
-  const std::string plain = "abcdefghijklmnopqrstuvwxyz ABCDEFGHIJKLMNOPQRSTUVWXYZ 0123456789 /:;=?";
-  const std::string special = "\t\n\"&<\\\x7f\x80\xff\x00\x1f";
-  auto draw = [&](int mix) -> char {
-    switch (mix) {
-      case 0: return plain[random() % plain.size()];
-      case 1: return random() % 40 == 0 ? special[random() % special.size()] : plain[random() % plain.size()];
-      case 2: return special[random() % special.size()];
-      default: return static_cast<char>(random());
-    }
-  };
+  auto draw = [&](int mix) { return drawPayloadByte(random, mix); };
   for (int round = 0; round < 400; ++round) {
     const int mix = round % 4;
     const size_t n = round < 200 ? static_cast<size_t>(round) + 1 : 1 + random() % 20000;
@@ -252,6 +256,41 @@ TEST(RecorderMessage, RandomPayloadsEncodeAsTheReferenceEscaper) {
       ASSERT_EQ(finished(gathered), "<send data_AS=\"" + expected + "\"/>\n") << "mix " << mix << " length " << n;
     }
   }
+}
+
+// Each path the processor has, called directly (the tests above take the fastest one only): the
+// same escapes and the same size as the reference, and nothing written past the escapes but the
+// slack a caller reserves, which the widest path's overshooting stores must respect.
+TEST(PayloadEscaping, EveryPathEscapesAsTheReference) {
+  std::mt19937 random(20261123);
+  auto draw = [&](int mix) { return drawPayloadByte(random, mix); };
+  const char kUntouched = 0x5a;
+  int pathsTried = 0;
+  for (const EscapePath path : {EscapePath::kAvx512, EscapePath::kSse2, EscapePath::kTable}) {
+    if (!escapePathAvailable(path)) continue;
+    ++pathsTried;
+    for (int round = 0; round < 800; ++round) {
+      const int mix = round % 4;
+      const size_t n = round < 400 ? static_cast<size_t>(round) : 1 + random() % 5000;
+      std::vector<unsigned char> payload(n);
+      for (auto& byte : payload) byte = static_cast<unsigned char>(draw(mix));
+      std::string expected;
+      for (const unsigned char byte : payload) expected += referenceEscape(byte);
+      ASSERT_EQ(escapedSizeOfBy(path, payload.data(), n), expected.size())
+          << "path " << static_cast<int>(path) << " mix " << mix << " length " << n;
+      std::vector<char> out(expected.size() + kEscapeSlack + 64, kUntouched);
+      const char* end = escapeIntoBy(path, out.data(), payload.data(), n);
+      ASSERT_EQ(static_cast<size_t>(end - out.data()), expected.size())
+          << "path " << static_cast<int>(path) << " mix " << mix << " length " << n;
+      ASSERT_EQ(std::string(out.data(), expected.size()), expected)
+          << "path " << static_cast<int>(path) << " mix " << mix << " length " << n;
+      for (size_t k = expected.size() + kEscapeSlack; k < out.size(); ++k) {
+        ASSERT_EQ(out[k], kUntouched) << "path " << static_cast<int>(path) << " wrote past its slack at length " << n;
+      }
+    }
+  }
+  // The table path is always there: at least it was held to the reference.
+  EXPECT_GE(pathsTried, 1);
 }
 
 TEST(PrintBuffer, StartsAt8192AndGrowsByMultiples) {
