@@ -4,10 +4,14 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <string.h>
+#include <stddef.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "process_runner.h"
 
@@ -155,4 +159,87 @@ TEST(RecorderEndpoint, UnfinishedMessagesTogetherStayWithinTheirBudget) {
   // The four that were not cut are delivered whole.
   ASSERT_EQ(endpoint.waitForMessages(4, 10s), 4u);
   for (const auto& m : endpoint.messages()) EXPECT_EQ(m, part + "\n");
+}
+
+namespace {
+
+// A connection to a local stream socket named as listenLocally takes it.
+int connectLocally(const std::string& name) {
+  sockaddr_un address;
+  memset(&address, 0, sizeof address);
+  address.sun_family = AF_UNIX;
+  memcpy(address.sun_path, name.data(), name.size());
+  const bool abstract = name[0] == '@';
+  if (abstract) address.sun_path[0] = '\0';
+  const socklen_t length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size() + (abstract ? 0 : 1));
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), length), 0) << name << ": " << strerror(errno);
+  return fd;
+}
+
+}  // namespace
+
+// A local socket beside the TCP port: messages from both arrive as one stream, in order of their
+// connections; a socket file is gone once the endpoint stops, an abstract name leaves nothing.
+TEST(RecorderEndpoint, TakesMessagesOnALocalSocketToo) {
+  talvex_test::TempDir tmp;
+  const std::string abstractName = "@talvex-endpoint-test-" + std::to_string(getpid());
+  for (const std::string& name : {tmp.file("recorder.sock"), abstractName}) {
+    RecorderEndpoint endpoint;
+    std::string error;
+    ASSERT_TRUE(endpoint.listenLocally(name, &error)) << error;
+    ASSERT_TRUE(endpoint.start("127.0.0.1", 0, &error)) << error;
+    const int local = connectLocally(name);
+    const std::string first = "<exit n_I4=\"1\"/>\n<exit n_I4=\"2\"/>\n";
+    ASSERT_EQ(send(local, first.data(), first.size(), 0), static_cast<ssize_t>(first.size()));
+    ASSERT_EQ(endpoint.waitForMessages(2, 10s), 2u);
+    sendMessage(endpoint.port(), "<exit n_I4=\"3\"/>\n");
+    ASSERT_EQ(endpoint.waitForMessages(3, 10s), 3u);
+    close(local);
+    endpoint.stop();
+    EXPECT_EQ(endpoint.messages(), (std::vector<std::string>{"<exit n_I4=\"1\"/>\n", "<exit n_I4=\"2\"/>\n",
+                                                             "<exit n_I4=\"3\"/>\n"}));
+    EXPECT_EQ(endpoint.connectionCount(), 2u);
+    if (name[0] != '@') EXPECT_EQ(access(name.c_str(), F_OK), -1) << name;
+  }
+}
+
+TEST(RecorderEndpoint, ALocalSocketNameThatCannotBeIsRefused) {
+  RecorderEndpoint endpoint;
+  std::string error;
+  EXPECT_FALSE(endpoint.listenLocally(std::string(200, 'x'), &error));
+  EXPECT_EQ(error, "not a socket name: " + std::string(200, 'x'));
+  EXPECT_FALSE(endpoint.listenLocally("", &error));
+  EXPECT_FALSE(endpoint.listenLocally("/nonexistent/dir/recorder.sock", &error));
+  EXPECT_EQ(error, "cannot listen on /nonexistent/dir/recorder.sock: No such file or directory");
+}
+
+// An idle handler that asks to be called again is, after the time it asked for, with nothing
+// arriving meanwhile; one that does not ask is not.
+TEST(RecorderEndpoint, AnIdleHandlerIsCalledAgainWhenItAsks) {
+  // Before the endpoint: its handler is called once more when it stops, in its destructor.
+  std::mutex mutex;
+  std::vector<std::chrono::steady_clock::time_point> calls;
+  RecorderEndpoint endpoint;
+  endpoint.setIdleHandler([&] {
+    std::lock_guard<std::mutex> lock(mutex);
+    calls.push_back(std::chrono::steady_clock::now());
+    return calls.size() == 1 ? std::chrono::milliseconds(50) : std::chrono::milliseconds(-1);
+  });
+  std::string error;
+  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, &error)) << error;
+  sendMessage(endpoint.port(), "<exit/>\n");
+  ASSERT_EQ(endpoint.waitForMessages(1, 10s), 1u);
+  // Bounded: the second call is due 50 ms after the first; a third must never come.
+  for (int i = 0; i < 200; ++i) {
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      if (calls.size() >= 2) break;
+    }
+    usleep(10000);
+  }
+  usleep(200000);
+  std::lock_guard<std::mutex> lock(mutex);
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_GE(calls[1] - calls[0], std::chrono::milliseconds(50));
 }

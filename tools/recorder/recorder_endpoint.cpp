@@ -5,9 +5,11 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <stddef.h>
 #include <sys/epoll.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,7 +26,11 @@ bool setNonBlocking(int fd) {
 
 }  // namespace
 
-RecorderEndpoint::~RecorderEndpoint() { stop(); }
+RecorderEndpoint::~RecorderEndpoint() {
+  stop();
+  // A local listener made for an endpoint that never started.
+  closeListeners();
+}
 
 bool RecorderEndpoint::start(const std::string& address, int port, std::string* error) {
   auto fail = [&](const std::string& what) {
@@ -69,6 +75,38 @@ bool RecorderEndpoint::start(const std::string& address, int port, std::string* 
   return true;
 }
 
+bool RecorderEndpoint::listenLocally(const std::string& name, std::string* error) {
+  sockaddr_un address;
+  memset(&address, 0, sizeof address);
+  address.sun_family = AF_UNIX;
+  if (name.empty() || name.size() >= sizeof address.sun_path) {
+    if (error) *error = "not a socket name: " + name;
+    return false;
+  }
+  memcpy(address.sun_path, name.data(), name.size());
+  const bool abstract = name[0] == '@';
+  if (abstract) address.sun_path[0] = '\0';
+  const socklen_t length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size() + (abstract ? 0 : 1));
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(fd, 4096) != 0) {
+    if (error) *error = "cannot listen on " + name + ": " + strerror(errno);
+    if (fd >= 0) close(fd);
+    return false;
+  }
+  localListener_ = fd;
+  if (!abstract) localPath_ = name;
+  return true;
+}
+
+void RecorderEndpoint::closeListeners() {
+  if (listener_ >= 0) close(listener_);
+  listener_ = -1;
+  if (localListener_ >= 0) close(localListener_);
+  localListener_ = -1;
+  if (!localPath_.empty()) unlink(localPath_.c_str());
+  localPath_.clear();
+}
+
 void RecorderEndpoint::stop(std::chrono::milliseconds drain) {
   if (!thread_.joinable()) return;
   {
@@ -98,6 +136,7 @@ void RecorderEndpoint::run() {
   size_t pendingBytes = 0;
   bool accepting = true;
   bool deliveredSinceIdle = false;
+  bool idleAgain = false;  // the idle handler asked to be called again after a moment
   const uint64_t kWake = UINT64_MAX, kListener = UINT64_MAX - 1;
 
   const int poller = epoll_create1(EPOLL_CLOEXEC);
@@ -110,6 +149,7 @@ void RecorderEndpoint::run() {
   };
   watch(wakeRead_, kWake);
   watch(listener_, kListener);
+  if (localListener_ >= 0) watch(localListener_, kListener);
   // Held in reserve for the moment descriptors run out: closed, it makes room to take the waiting
   // connection and close it at once, instead of finding the listener ready again and again.
   int spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -228,9 +268,10 @@ void RecorderEndpoint::run() {
       std::lock_guard<std::mutex> lock(mutex_);
       if (stopping_) {
         if (accepting) {
-          epoll_ctl(poller, EPOLL_CTL_DEL, listener_, nullptr);
-          close(listener_);
-          listener_ = -1;
+          for (const int fd : {listener_, localListener_}) {
+            if (fd >= 0) epoll_ctl(poller, EPOLL_CTL_DEL, fd, nullptr);
+          }
+          closeListeners();
           accepting = false;
         }
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(drainUntil_ -
@@ -241,7 +282,11 @@ void RecorderEndpoint::run() {
     }
     int count = epoll_wait(poller, events.data(), static_cast<int>(events.size()), 0);
     if (count == 0) {
-      if (deliveredSinceIdle && idleHandler_) idleHandler_();
+      if ((deliveredSinceIdle || idleAgain) && idleHandler_) {
+        const int again = static_cast<int>(idleHandler_().count());
+        idleAgain = again >= 0;
+        if (idleAgain && (timeoutMs < 0 || again < timeoutMs)) timeoutMs = again;
+      }
       deliveredSinceIdle = false;
       count = epoll_wait(poller, events.data(), static_cast<int>(events.size()), timeoutMs);
     }
@@ -265,13 +310,14 @@ void RecorderEndpoint::run() {
     // second later). Where nothing waits, this costs one refused accept. A round takes at most a
     // full queue.
     bool tookConnections = false;
-    if (accepting) {
+    for (const int listener : {listener_, localListener_}) {
+      if (!accepting || listener < 0) continue;
       for (int round = 0; round < 4096; ++round) {
-        const int fd = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        const int fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
           if ((errno == EMFILE || errno == ENFILE) && spare >= 0) {
             close(spare);
-            const int refused = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+            const int refused = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
             if (refused >= 0) close(refused);
             spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
             std::lock_guard<std::mutex> lock(mutex_);
@@ -312,8 +358,7 @@ void RecorderEndpoint::run() {
   for (auto it = open.begin(); it != open.end();) it = closeConnection(it);
   announce();
   if (idleHandler_) idleHandler_();
-  if (listener_ >= 0) close(listener_);
-  listener_ = -1;
+  closeListeners();
   if (spare >= 0) close(spare);
   close(poller);
 }
@@ -357,9 +402,8 @@ void RecorderEndpoint::waitForClosedOrQuiet(std::chrono::milliseconds quiet,
 }
 
 bool RecorderEndpoint::listenerReady() const {
-  if (listener_ < 0) return false;
-  pollfd one = {listener_, POLLIN, 0};
-  return poll(&one, 1, 0) > 0;
+  pollfd both[2] = {{listener_, POLLIN, 0}, {localListener_, POLLIN, 0}};
+  return poll(both, 2, 0) > 0;
 }
 
 void RecorderEndpoint::waitForQuiet(std::chrono::milliseconds quiet, std::chrono::milliseconds timeout) const {

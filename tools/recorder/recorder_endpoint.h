@@ -30,6 +30,9 @@ class RecorderEndpoint {
 
   // Listens on address:port (port 0: the system chooses). Returns false with `error` filled in.
   bool start(const std::string& address, int port, std::string* error);
+  // Before start: listens on a local (Unix) stream socket as well, whose name is a path, or
+  // '@' and a name in the abstract namespace. False with `error` filled in.
+  bool listenLocally(const std::string& name, std::string* error);
   int port() const { return port_; }
 
   // Called on the endpoint's thread for each completed message, before it is stored.
@@ -38,8 +41,11 @@ class RecorderEndpoint {
   // comes need not keep them all in memory.
   void keepMessages(bool keep) { keep_ = keep; }
   // Called on the endpoint's thread when it has nothing to read after delivering messages (a
-  // writer flushes its output then), and once more when it stops.
-  void setIdleHandler(std::function<void()> handler) { idleHandler_ = std::move(handler); }
+  // writer flushes its output then), and once more when it stops. It returns how long from now it
+  // wants to be called again if nothing arrives meanwhile (a writer that holds a partial block back
+  // for a moment), or a negative duration for not at all.
+  using IdleHandler = std::function<std::chrono::milliseconds()>;
+  void setIdleHandler(IdleHandler handler) { idleHandler_ = std::move(handler); }
   // Called with the bytes dropped when a message is cut.
   void setCutHandler(std::function<void(size_t)> handler) { cutHandler_ = std::move(handler); }
   // The longest message kept whole (default 64 MiB).
@@ -62,10 +68,13 @@ class RecorderEndpoint {
 
  private:
   void run();
-  // Whether a connection waits in the listener's queue.
+  // Whether a connection waits in a listener's queue.
   bool listenerReady() const;
+  void closeListeners();
 
   int listener_ = -1;
+  int localListener_ = -1;
+  std::string localPath_;  // a path to unlink when the endpoint stops
   int wakeRead_ = -1;
   int wakeWrite_ = -1;
   int port_ = 0;
@@ -78,7 +87,7 @@ class RecorderEndpoint {
   static const unsigned kGatheringMicroseconds = 1000;
 
   MessageHandler handler_;
-  std::function<void()> idleHandler_;
+  IdleHandler idleHandler_;
   std::function<void(size_t)> cutHandler_;
   size_t longestMessage_ = 64u << 20;
   size_t cut_ = 0;

@@ -152,7 +152,10 @@ int main(int argc, char** argv) {
   });
   // Written through at once when nothing else is waiting: a busy recorder writes in large blocks,
   // an idle one leaves nothing behind in its buffer.
-  endpoint.setIdleHandler([&] { fflush(out); });
+  endpoint.setIdleHandler([&] {
+    fflush(out);
+    return std::chrono::milliseconds(-1);
+  });
   endpoint.setCutHandler([&](size_t dropped) {
     fprintf(stderr,
             "talvex-recorder: a message longer than %lld bytes was cut: its first %zu bytes and the rest up to its "
