@@ -21,6 +21,7 @@
 #include "interpose/dlsym_bootstrap.h"
 #include "interpose/real_functions.h"
 #include "recorder/recorder_channel_startup.h"
+#include "recorder/recorder_socket.h"
 #include "socks/local_addresses.h"
 #include "socks/socks_config.h"
 
@@ -133,6 +134,7 @@ void initializeSocketPointers() {
   readFollowForks();
   readCompleteCapture();
   readPersistentChannel();
+  readRecorderSocket();
   locateRecorderCore();
   startRecorderChannel();
   initializeRealFunctionPointers();

@@ -12,6 +12,7 @@
 #include "diag/name_tables.h"
 #include "interpose/real_functions.h"
 #include "interpose/symbol_versions.h"
+#include "recorder/recorder_socket.h"
 
 // The first fcntl of each ABI: the agent loads on C libraries older than the one it is built on.
 __asm__(".symver fcntl,fcntl@" TALVEX_GLIBC_FIRST);
@@ -26,6 +27,7 @@ const int64_t kWriteBudgetNs = 1000 * 1000 * 1000;
 const int64_t kRestNs = 1000 * 1000 * 1000;
 // Descriptors below this are the host's usual range; the channel's sits above it where it can.
 const int kFirstChannelDescriptor = 512;
+const int kLocalSendBuffer = 4 << 20;
 
 bool enabled = false;
 int channel = -1;
@@ -63,30 +65,60 @@ void dropChannel(bool closeIt) {
   channelCookie = 0;
 }
 
-bool connectChannel(const sockaddr_in& recorder, int64_t deadlineNs) {
-  const int fd = True_socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_TCP);
-  if (fd < 0) return false;
+// Connects a new socket of `family` to `address`, placed above the host's usual descriptors.
+// -1 with `error` when the connection failed, -2 when no socket could be made.
+int connectedSocket(int family, const sockaddr* address, socklen_t length, int64_t deadlineNs, int* error) {
+  const int fd = True_socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) {
+    *error = errno;
+    return -2;
+  }
   int placed = fcntl(fd, F_DUPFD_CLOEXEC, kFirstChannelDescriptor);
   if (placed >= 0) {
     True_close(fd);
   } else {
     placed = fd;
   }
-  if (True_connect(placed, reinterpret_cast<const sockaddr*>(&recorder), sizeof recorder) != 0) {
-    int error = errno;
-    if (error == EINPROGRESS && waitFor(placed, POLLOUT, deadlineNs)) {
-      socklen_t length = sizeof error;
-      if (True_getsockopt(placed, SOL_SOCKET, SO_ERROR, &error, &length) != 0) error = errno;
+  if (True_connect(placed, address, length) != 0) {
+    *error = errno;
+    if (*error == EINPROGRESS && waitFor(placed, POLLOUT, deadlineNs)) {
+      socklen_t size = sizeof *error;
+      if (True_getsockopt(placed, SOL_SOCKET, SO_ERROR, error, &size) != 0) *error = errno;
     }
-    if (error != 0 && error != EISCONN) {
-      x_disp(DMK_ERROR, "connect() returned SOCKET_ERROR, WSAGetLastError=%d %s : %s", error, getSocketErrorKind(error),
-             getSocketErrorMsg(error));
+    if (*error != 0 && *error != EISCONN) {
       True_close(placed);
-      return false;
+      return -1;
     }
   }
-  channel = placed;
-  channelCookie = cookieOf(placed);
+  return placed;
+}
+
+bool connectChannel(const sockaddr_in& recorder, int64_t deadlineNs) {
+  int error = 0;
+  int fd = -1;
+  socklen_t localLength = 0;
+  if (const sockaddr_un* local = recorderSocketAddress(&localLength)) {
+    fd = connectedSocket(AF_UNIX, reinterpret_cast<const sockaddr*>(local), localLength, deadlineNs, &error);
+    if (fd >= 0) {
+      // A local socket's buffer does not grow with the traffic as TCP's does: asked for large, it
+      // gets as much as the system allows, and a large message is written with fewer waits.
+      const int wanted = kLocalSendBuffer;
+      if (setsockopt_ptr != nullptr) setsockopt_ptr(fd, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof wanted);
+    } else {
+      x_disp(DMK_ERROR, "the recorder socket took no connection (%d %s : %s): the channel uses TCP", error,
+             getSocketErrorKind(error), getSocketErrorMsg(error));
+    }
+  }
+  if (fd < 0) {
+    fd = connectedSocket(AF_INET, reinterpret_cast<const sockaddr*>(&recorder), sizeof recorder, deadlineNs, &error);
+  }
+  if (fd == -1) {
+    x_disp(DMK_ERROR, "connect() returned SOCKET_ERROR, WSAGetLastError=%d %s : %s", error, getSocketErrorKind(error),
+           getSocketErrorMsg(error));
+  }
+  if (fd < 0) return false;
+  channel = fd;
+  channelCookie = cookieOf(fd);
   return true;
 }
 

@@ -140,6 +140,45 @@ TEST(PersistentChannel, AChildAfterForkWritesOnAConnectionOfItsOwn) {
   EXPECT_EQ(connects, 4u);
 }
 
+// TALVEX_SOCKET_AGENT_RECORDER_SOCKET: the channel takes the named local socket when it can (here
+// the TCP port names nothing that listens, so whatever arrives came that way), in every process
+// of a forking program; when the socket takes no connection, the recorder's TCP port stands in.
+TEST(PersistentChannel, ANamedLocalSocketCarriesTheChannelAndTcpStandsInForIt) {
+  EchoServer echo;
+  const std::string name = "@talvex-channel-test-" + std::to_string(getpid());
+  const Environment local = {{"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", name}, {"TALVEX_SOCKET_AGENT_FOLLOW_FORKS", "1"}};
+  {
+    talvex::RecorderEndpoint endpoint;
+    ASSERT_TRUE(endpoint.listenLocally(name, nullptr));
+    ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+    TempDir logs;
+    const ProcessResult r = runProcess({kHostileProbePath, "fork-children", std::to_string(echo.port())},
+                                       persistentTo(closedLoopbackPort(), logs, local));
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    endpoint.waitForQuiet(300ms, 10s);
+    EXPECT_EQ(endpoint.connectionCount(), 4u);
+    std::set<std::string> announced;
+    for (const auto& m : parsedOrFail(endpoint.messages())) {
+      if (m.kind == "process") announced.insert(m.find("pid")->raw);
+    }
+    EXPECT_EQ(announced.size(), 4u);
+    EXPECT_EQ(logOf(logs).find("message dropped"), std::string::npos) << logOf(logs);
+  }
+  // The name is gone with its endpoint.
+  talvex::RecorderEndpoint endpoint;
+  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+  TempDir logs;
+  const ProcessResult r = runProcess({kRecordingProbePath, "loop", std::to_string(echo.port()), "20"},
+                                     persistentTo(endpoint.port(), logs, local));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  endpoint.waitForQuiet(300ms, 10s);
+  EXPECT_EQ(endpoint.messages().size(), 43u);
+  EXPECT_EQ(endpoint.connectionCount(), 1u);
+  EXPECT_EQ(linesContaining(logOf(logs), "recorder socket"),
+            (std::vector<std::string>{"[ERROR]the recorder socket took no connection (111 WSAECONNREFUSED : Connection "
+                                      "refused): the channel uses TCP"}));
+}
+
 TEST(PersistentChannel, ARestartedRecorderReceivesWhatFollows) {
   EchoServer echo;
   TempDir logs;

@@ -199,5 +199,10 @@ INSTANTIATE_TEST_SUITE_P(
         Environment{{kRecorderCoreVariable, ""}},
         Environment{{kRecorderCoreVariable, std::string(9000, '/')}},
         Environment{{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}, {"TALVEX_SOCKET_AGENT_DOUBLE_LOG_SOCKS", ""},
-                    {"TALVEX_SOCKET_AGENT_DEBUG_TRACEBACK", ""}, {"TALVEX_SOCKET_AGENT_OPT_HOOK", ""}}),
+                    {"TALVEX_SOCKET_AGENT_DEBUG_TRACEBACK", ""}, {"TALVEX_SOCKET_AGENT_OPT_HOOK", ""}},
+        Environment{{"TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL", "1"},
+                    {"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", std::string(5000, '@')}},
+        Environment{{"TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL", "1"}, {"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", "@"}},
+        Environment{{"TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL", "1"},
+                    {"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", "/etc/hostname"}}),
     caseName);
