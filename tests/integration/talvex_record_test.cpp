@@ -1,7 +1,9 @@
 // talvex-record end to end, through the built binaries.
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <map>
@@ -485,6 +487,90 @@ TEST(TalvexRecord, ATimeoutLeavesTheRecordingOnDisk) {
   EXPECT_EQ(r.exitCode, 124) << r.err;
   EXPECT_EQ(linesContaining(readFile(tmp.file("r.raw")), "data_AS=\"cut short\"").size(), 2u);
   EXPECT_EQ(linesContaining(readFile(tmp.file("r.jsonl")), "\"data\":\"cut short\"").size(), 2u);
+}
+
+// An output left by an earlier run is replaced by a new file, not truncated; a file with other
+// names and a link's target are written where they are, as any program writes them.
+TEST(TalvexRecord, OutputsReplaceAnEarlierRunsAndWriteThroughLinks) {
+  EchoServer echo;
+  TempDir tmp;
+  const std::string earlier = "an earlier run\n";
+  ASSERT_TRUE(writeFile(tmp.file("own.raw"), earlier));
+  ASSERT_TRUE(writeFile(tmp.file("shared.raw"), earlier));
+  ASSERT_EQ(link(tmp.file("shared.raw").c_str(), tmp.file("other-name").c_str()), 0);
+  ASSERT_TRUE(writeFile(tmp.file("target.raw"), earlier));
+  ASSERT_EQ(symlink(tmp.file("target.raw").c_str(), tmp.file("link.raw").c_str()), 0);
+  // Held open, the earlier files show what became of them.
+  const int own = open(tmp.file("own.raw").c_str(), O_RDONLY | O_CLOEXEC);
+  const int shared = open(tmp.file("shared.raw").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(own, 0);
+  ASSERT_GE(shared, 0);
+  auto contentOf = [](int fd) {
+    std::string content(4096, '\0');
+    const ssize_t n = pread(fd, &content[0], content.size(), 0);
+    content.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return content;
+  };
+  for (const char* name : {"own.raw", "shared.raw", "link.raw"}) {
+    const ProcessResult r = record({"--quiet", "--raw", tmp.file(name)}, {kRecordingProbePath, "vectors", std::to_string(echo.port())});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+  }
+  auto kindsIn = [&](const std::string& path) {
+    std::vector<std::string> kinds;
+    for (const auto& line : splitLines(readFile(path))) {
+      talvex::ParsedMessage m;
+      EXPECT_TRUE(talvex::parseRecorderMessage(line, &m, nullptr)) << path << ": " << line;
+      kinds.push_back(m.kind);
+    }
+    return kinds;
+  };
+  const std::vector<std::string> recording = {"process", "connect", "send", "receive", "close"};
+  // The earlier file itself untouched, a new one in its place.
+  EXPECT_EQ(contentOf(own), earlier);
+  EXPECT_EQ(kindsIn(tmp.file("own.raw")), recording);
+  // Written in place, seen under both names.
+  EXPECT_EQ(contentOf(shared), readFile(tmp.file("shared.raw")));
+  EXPECT_EQ(kindsIn(tmp.file("shared.raw")), recording);
+  EXPECT_EQ(readFile(tmp.file("other-name")), readFile(tmp.file("shared.raw")));
+  close(own);
+  close(shared);
+  struct stat after;
+  ASSERT_EQ(lstat(tmp.file("link.raw").c_str(), &after), 0);
+  EXPECT_TRUE(S_ISLNK(after.st_mode));
+  EXPECT_EQ(kindsIn(tmp.file("target.raw")), recording);
+}
+
+// A recording of many megabytes, its messages across the blocks the raw output is written in,
+// is every byte that went each way.
+TEST(TalvexRecord, ARecordingOfManyMegabytesIsWrittenWhole) {
+  EchoServer echo;
+  TempDir tmp;
+  const size_t kSize = 3u << 20;
+  const std::string client = "import socket\n"
+                             "payload = bytes(range(256)) * (" + std::to_string(kSize / 256) + ")\n"
+                             "s = socket.create_connection(('127.0.0.1', " + std::to_string(echo.port()) + "))\n"
+                             "s.sendall(payload)\n"
+                             "got = 0\n"
+                             "while got < len(payload):\n"
+                             "    got += len(s.recv(1 << 20))\n"
+                             "s.close()\n";
+  const ProcessResult r = record({"--quiet", "--raw", tmp.file("r.raw")}, {"/usr/bin/python3", "-c", client});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const std::string raw = readFile(tmp.file("r.raw"));
+  EXPECT_GT(raw.size(), 3 * kSize);
+  std::string sent, received;
+  for (const auto& line : splitLines(raw)) {
+    talvex::ParsedMessage m;
+    ASSERT_TRUE(talvex::parseRecorderMessage(line, &m, nullptr)) << line.substr(0, 200);
+    const auto* data = m.find("data");
+    if (data == nullptr || m.find("error") != nullptr) continue;
+    if (m.kind == "send") sent += data->bytes;
+    if (m.kind == "receive") received += data->bytes;
+  }
+  std::string payload;
+  for (size_t i = 0; i < kSize; ++i) payload.push_back(static_cast<char>(i % 256));
+  EXPECT_TRUE(sent == payload) << sent.size();
+  EXPECT_TRUE(received == payload) << received.size();
 }
 
 TEST(TalvexRecord, UnwritableOutputsStopTheRunBeforeItBegins) {

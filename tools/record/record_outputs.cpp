@@ -26,14 +26,12 @@ RecordOutputs::RecordOutputs(const RecordOptions& options, bool live)
     : options_(options), live_(live), connections_(options.filter) {}
 
 RecordOutputs::~RecordOutputs() {
-  for (FILE* file : {raw_, jsonl_, transcript_}) {
-    if (file != nullptr) fclose(file);
-  }
+  if (transcript_ != nullptr) fclose(transcript_);
 }
 
 bool RecordOutputs::open(std::string* error) {
-  if (!options_.raw.empty() && (raw_ = create(options_.raw, error)) == nullptr) return false;
-  if (!options_.jsonl.empty() && (jsonl_ = create(options_.jsonl, error)) == nullptr) return false;
+  if (!options_.raw.empty() && !raw_.create(options_.raw, error)) return false;
+  if (!options_.jsonl.empty() && !jsonl_.create(options_.jsonl, error)) return false;
   if (!options_.transcript.empty() && (transcript_ = create(options_.transcript, error)) == nullptr) return false;
   std::string why;
   if (!options_.pcap.empty() && !capture_.open(options_.pcap, &why)) {
@@ -47,10 +45,6 @@ void RecordOutputs::noteFailure(const std::string& path) {
   if (std::find(failed_.begin(), failed_.end(), path) == failed_.end()) failed_.push_back(path);
 }
 
-void RecordOutputs::flushOrNote(FILE* file, const std::string& path) {
-  if (ferror(file) || fflush(file) != 0) noteFailure(path);
-}
-
 bool RecordOutputs::keepsForTranscript() const {
   return !options_.transcript.empty() || (!options_.quiet && !live_);
 }
@@ -59,7 +53,7 @@ void RecordOutputs::onMessage(std::string_view raw) {
   ParsedMessage m;
   // Payloads are decoded only for the outputs that show them: the raw output alone needs no more
   // than who talked to whom.
-  const bool payloads = jsonl_ != nullptr || !options_.pcap.empty() || live_;
+  const bool payloads = jsonl_.isOpen() || !options_.pcap.empty() || live_;
   const bool parsed = parseRecorderMessage(raw, &m, nullptr, payloads);
   std::lock_guard<std::mutex> lock(mutex_);
   ++received_;
@@ -69,11 +63,8 @@ void RecordOutputs::onMessage(std::string_view raw) {
   // Kept only for the transcript written at the end; without one, memory stays flat however long
   // the run.
   if (keepsForTranscript()) shown_.emplace_back(raw);
-  if (raw_ != nullptr) {
-    fwrite(raw.data(), 1, raw.size(), raw_);
-    flushOrNote(raw_, options_.raw);
-  }
-  if (jsonl_ != nullptr) {
+  raw_.append(raw);
+  if (jsonl_.isOpen()) {
     std::string line;
     if (!parsed) {
       line = receivedToJson(raw);
@@ -82,8 +73,7 @@ void RecordOutputs::onMessage(std::string_view raw) {
       line = messageToJson(m, traffic && seen.connection != nullptr ? &seen.connection->ends : nullptr);
     }
     line += '\n';
-    fwrite(line.data(), 1, line.size(), jsonl_);
-    flushOrNote(jsonl_, options_.jsonl);
+    jsonl_.append(line);
   }
   if (!options_.pcap.empty() && parsed && seen.connection != nullptr && seen.connection->connected &&
       !seen.connection->failed) {
@@ -108,6 +98,18 @@ void RecordOutputs::onMessage(std::string_view raw) {
   if (live_ && parsed) writeLiveEvent(m, seen.connection, stderr);
 }
 
+std::chrono::milliseconds RecordOutputs::onIdle() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const std::chrono::milliseconds raw = raw_.flushWhenDue();
+  const std::chrono::milliseconds jsonl = jsonl_.flushWhenDue();
+  if (raw.count() < 0) return jsonl;
+  return jsonl.count() < 0 ? raw : std::min(raw, jsonl);
+}
+
+void RecordOutputs::closeOrNote(OutputFile& file, const std::string& path) {
+  if (file.isOpen() && !file.close()) noteFailure(path);
+}
+
 bool RecordOutputs::finish(const std::string& note) {
   std::lock_guard<std::mutex> lock(mutex_);
   const Recording recording = buildRecording(shown_);
@@ -119,13 +121,12 @@ bool RecordOutputs::finish(const std::string& note) {
   } else if (!options_.quiet && !note.empty()) {
     fprintf(stderr, "%s\n", note.c_str());
   }
-  const std::pair<FILE**, const std::string*> files[] = {
-      {&raw_, &options_.raw}, {&jsonl_, &options_.jsonl}, {&transcript_, &options_.transcript}};
-  for (const auto& file : files) {
-    if (*file.first == nullptr) continue;
-    flushOrNote(*file.first, *file.second);
-    if (fclose(*file.first) != 0) noteFailure(*file.second);
-    *file.first = nullptr;
+  closeOrNote(raw_, options_.raw);
+  closeOrNote(jsonl_, options_.jsonl);
+  if (transcript_ != nullptr) {
+    const bool lost = ferror(transcript_) != 0;
+    if (fclose(transcript_) != 0 || lost) noteFailure(options_.transcript);
+    transcript_ = nullptr;
   }
   for (const std::string& path : failed_) fprintf(stderr, "talvex-record: could not write all of %s\n", path.c_str());
   return failed_.empty();

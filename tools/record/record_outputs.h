@@ -1,11 +1,14 @@
 // Everything talvex-record writes, opened before the command starts (so that a path that cannot
-// be written stops the run before it begins, by name) and written as the messages arrive, each
-// message flushed at once: whatever was recorded is on disk however the run ends. The transcript
-// is the exception: it groups each conversation and is written when the run ends.
+// be written stops the run before it begins, by name) and written as the messages arrive. The raw
+// and JSON Lines outputs go out in blocks and are flushed whenever the endpoint has caught up with
+// its peers: whatever was recorded is in the file however the run ends, except what arrived in the
+// last moment of a burst. The transcript is the exception: it groups each conversation and is
+// written when the run ends.
 #pragma once
 
 #include <stdio.h>
 
+#include <chrono>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -13,6 +16,7 @@
 
 #include "capture_writer.h"
 #include "live_connections.h"
+#include "output_file.h"
 #include "record_options.h"
 
 namespace talvex {
@@ -28,6 +32,9 @@ class RecordOutputs {
   bool open(std::string* error);
   // One message as it arrived. Safe to call from the endpoint's thread.
   void onMessage(std::string_view raw);
+  // The endpoint has nothing more to read for now: what has been held back long enough is
+  // written. Returns when to be called again for the rest (negative: never).
+  std::chrono::milliseconds onIdle();
   // Writes the transcript (with `note` before its summary) and closes the files. False, with a
   // message on standard error naming the file, when an output could not be written in full.
   bool finish(const std::string& note);
@@ -37,7 +44,7 @@ class RecordOutputs {
  private:
   // An output that could not be written in full, named once in the end.
   void noteFailure(const std::string& path);
-  void flushOrNote(FILE* file, const std::string& path);
+  void closeOrNote(OutputFile& file, const std::string& path);
   // Whether messages are kept for a transcript written at the end (to a file, or on standard
   // error when neither --live nor --quiet takes its place).
   bool keepsForTranscript() const;
@@ -45,8 +52,8 @@ class RecordOutputs {
   const RecordOptions& options_;
   const bool live_;
   mutable std::mutex mutex_;
-  FILE* raw_ = nullptr;
-  FILE* jsonl_ = nullptr;
+  OutputFile raw_;
+  OutputFile jsonl_;
   FILE* transcript_ = nullptr;
   CaptureFile capture_;
   LiveConnections connections_;

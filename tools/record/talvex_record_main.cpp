@@ -207,6 +207,13 @@ int main(int argc, char** argv) {
   // A payload of a quarter of a gigabyte is a message of up to a gigabyte once escaped.
   endpoint.setLongestMessage(size_t(1) << 30);
   endpoint.setHandler([&outputs](std::string_view message) { outputs.onMessage(message); });
+  endpoint.setIdleHandler([&outputs] { return outputs.onIdle(); });
+  // The command's processes write to a local socket, which costs the kernel half what TCP over
+  // loopback does; the TCP port stays for any process that cannot reach the socket. Abstract: it
+  // leaves no file behind however this process ends.
+  const std::string localSocket = "@talvex-record-" + std::to_string(getpid());
+  std::string localError;
+  const bool local = endpoint.listenLocally(localSocket, &localError);
   if (!endpoint.start(where.host, where.port, &error)) {
     fprintf(stderr, "talvex-record: cannot listen on %s: %s\n", o.listen.c_str(), error.c_str());
     return 1;
@@ -232,6 +239,7 @@ int main(int argc, char** argv) {
   environment["TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL"] = "1";
   environment["TALVEX_SOCKET_AGENT_IP_ADDRESS"] = where.host;
   environment["TALVEX_SOCKET_AGENT_PORT_NUMBER"] = std::to_string(endpoint.port());
+  if (local) environment["TALVEX_SOCKET_AGENT_RECORDER_SOCKET"] = localSocket;
   const std::string clock32 = top + "/lib/i386-linux-gnu/libRecorderCore.so";
   const std::string clock64 = top + "/lib/x86_64-linux-gnu/libRecorderCore.so";
   if (access(clock32.c_str(), R_OK) == 0) environment["TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH"] = clock32;

@@ -1,0 +1,95 @@
+#include "output_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace talvex {
+
+OutputFile::~OutputFile() { close(); }
+
+bool OutputFile::create(const std::string& path, std::string* error) {
+  close();
+  failed_ = false;
+  written_ = 0;
+  heldBytes_ = 0;
+  // A file of ours from an earlier run is unlinked rather than truncated: ext4 writes back the
+  // whole of a file that was truncated to nothing as soon as it is closed, which for a large
+  // recording costs more than writing it did. Anything else (a link to elsewhere, a file with other
+  // names, a device, a pipe) is opened where it is, as any program would.
+  struct stat existing;
+  if (lstat(path.c_str(), &existing) == 0 && S_ISREG(existing.st_mode) && existing.st_nlink == 1) {
+    unlink(path.c_str());
+  }
+  fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (fd_ < 0) {
+    *error = "cannot write " + path + ": " + strerror(errno);
+    return false;
+  }
+  held_ = static_cast<char*>(malloc(kBlock));
+  if (held_ == nullptr) {
+    *error = "cannot write " + path + ": out of memory";
+    ::close(fd_);
+    fd_ = -1;
+    return false;
+  }
+  return true;
+}
+
+void OutputFile::append(std::string_view bytes) {
+  if (fd_ < 0) return;
+  while (!bytes.empty()) {
+    // Filled up to the next block boundary of the file, never past it.
+    const size_t room = kBlock - static_cast<size_t>((written_ + heldBytes_) % kBlock);
+    const size_t take = std::min(room, bytes.size());
+    if (heldBytes_ == 0) heldSince_ = std::chrono::steady_clock::now();
+    memcpy(held_ + heldBytes_, bytes.data(), take);
+    heldBytes_ += take;
+    bytes.remove_prefix(take);
+    if (take == room) writeHeld();
+  }
+}
+
+void OutputFile::flush() {
+  if (fd_ >= 0) writeHeld();
+}
+
+std::chrono::milliseconds OutputFile::flushWhenDue() {
+  if (fd_ < 0 || heldBytes_ == 0) return std::chrono::milliseconds(-1);
+  const auto held = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - heldSince_);
+  if (held < kLongestHold) return kLongestHold - held;
+  writeHeld();
+  return std::chrono::milliseconds(-1);
+}
+
+void OutputFile::writeHeld() {
+  size_t done = 0;
+  while (done < heldBytes_ && !failed_) {
+    const ssize_t n = write(fd_, held_ + done, heldBytes_ - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      failed_ = true;
+      break;
+    }
+    done += static_cast<size_t>(n);
+  }
+  written_ += heldBytes_;
+  heldBytes_ = 0;
+}
+
+bool OutputFile::close() {
+  if (fd_ < 0) return !failed_;
+  writeHeld();
+  if (::close(fd_) != 0) failed_ = true;
+  fd_ = -1;
+  free(held_);
+  held_ = nullptr;
+  return !failed_;
+}
+
+}  // namespace talvex

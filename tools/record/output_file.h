@@ -1,0 +1,52 @@
+// An output file written in whole, aligned blocks. The raw recording of a large transfer is three
+// times the size of its payload; the file system takes it for about half the work when it comes
+// in megabyte blocks on megabyte boundaries (large page-cache folios, one allocation each)
+// rather than a message at a time. A partial block is held back for a moment when the recorder
+// catches up with its peers, in case more comes, and written then: the file lags what arrived by
+// at most one block and a fiftieth of a second.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <chrono>
+#include <string>
+#include <string_view>
+
+namespace talvex {
+
+class OutputFile {
+ public:
+  OutputFile() = default;
+  ~OutputFile();
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+
+  // Creates `path`, replacing what is there. False with `error` filled in.
+  bool create(const std::string& path, std::string* error);
+  bool isOpen() const { return fd_ >= 0; }
+  void append(std::string_view bytes);
+  // Hands everything held back to the system.
+  void flush();
+  // Flushes what has been held back for kLongestHold; otherwise returns how long until it will
+  // have been, or a negative duration when nothing is held.
+  std::chrono::milliseconds flushWhenDue();
+  // Flushes and closes; false if any write failed (what could not be written is dropped).
+  bool close();
+  bool failed() const { return failed_; }
+
+  static const size_t kBlock = 1u << 20;
+  static constexpr std::chrono::milliseconds kLongestHold{20};
+
+ private:
+  void writeHeld();
+
+  int fd_ = -1;
+  char* held_ = nullptr;  // kBlock bytes: what follows `written_` in the file
+  size_t heldBytes_ = 0;
+  uint64_t written_ = 0;
+  std::chrono::steady_clock::time_point heldSince_;  // when the first byte held back came
+  bool failed_ = false;
+};
+
+}  // namespace talvex
