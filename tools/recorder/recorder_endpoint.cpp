@@ -1,5 +1,7 @@
 #include "recorder_endpoint.h"
 
+#include "pending_message.h"
+
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -128,7 +130,7 @@ void RecorderEndpoint::run() {
   // so they say nothing about order.
   struct Connection {
     int fd;
-    std::string pending;  // the start of a message whose line feed has not come yet
+    PendingMessage pending;
     bool cutting = false;   // the rest of an over-long message is being skipped
   };
   std::map<uint64_t, Connection> open;
@@ -168,17 +170,10 @@ void RecorderEndpoint::run() {
     }
   };
   // A message that came whole in one read is handed over where it lies in the read buffer, one
-  // that came in pieces from its connection's own buffer, which keeps its storage from message to
-  // message: the endpoint allocates nothing per message. What a long message made that buffer
-  // grow to is given back, so that one long message does not pin its size for the connection's
-  // life.
-  auto emptyKeepingSmallStorage = [](std::string& text) {
-    if (text.capacity() > kKeptStorage) {
-      std::string().swap(text);
-    } else {
-      text.clear();
-    }
-  };
+  // that came in pieces from its connection's own storage, which the rest is read straight into
+  // and which is kept from message to message: the endpoint allocates nothing per message. What a
+  // long message made that storage grow to is given back, so that one long message does not pin
+  // its size for the connection's life.
   auto announce = [&] {
     if (deliveredThisRound == 0) return;
     std::lock_guard<std::mutex> lock(mutex_);
@@ -194,23 +189,49 @@ void RecorderEndpoint::run() {
     }
     if (cutHandler_) cutHandler_(c.pending.size());
     pendingBytes -= c.pending.size();
-    std::string().swap(c.pending);
+    c.pending.release();
     c.cutting = true;
   };
   // Splits what came into messages at their line feeds; returns false at the end of the stream.
   auto readFrom = [&](Connection& c) {
-    char chunk[65536];
+    const size_t kReadSize = 65536;
+    char chunk[kReadSize];
     size_t taken = 0;
     for (;;) {
       // A peer that writes faster than this reads must not hold the others back for ever.
       if (taken >= kMostPerRound) return true;
-      const ssize_t n = read(c.fd, chunk, sizeof chunk);
+      // The rest of a message begun in an earlier read is read where it continues.
+      char* into = chunk;
+      if (!c.cutting && !c.pending.empty()) {
+        into = c.pending.room(kReadSize);
+        if (into == nullptr) {
+          cut(c);
+          into = chunk;
+        }
+      }
+      const ssize_t n = read(c.fd, into, kReadSize);
       if (n == 0) return false;
       if (n < 0) return errno == EAGAIN || errno == EINTR;
       taken += static_cast<size_t>(n);
       takenThisRound += static_cast<size_t>(n);
-      const char* at = chunk;
-      const char* end = chunk + n;
+      const char* at = into;
+      const char* end = into + n;
+      if (into != chunk) {
+        const char* feed = static_cast<const char*>(memchr(at, '\n', static_cast<size_t>(n)));
+        const size_t part = feed != nullptr ? static_cast<size_t>(feed + 1 - at) : static_cast<size_t>(n);
+        c.pending.commit(part);
+        pendingBytes += part;
+        at += part;
+        if (feed != nullptr) {
+          pendingBytes -= c.pending.size();
+          deliver(c.pending.view());
+          // What came after the line feed lies past the message in the same storage, which is
+          // kept until that has been handled below.
+          c.pending.clear(static_cast<size_t>(-1));
+        } else if (c.pending.size() > longestMessage_) {
+          cut(c);
+        }
+      }
       while (at < end) {
         const char* feed = static_cast<const char*>(memchr(at, '\n', static_cast<size_t>(end - at)));
         const char* stop = feed != nullptr ? feed + 1 : end;
@@ -220,14 +241,17 @@ void RecorderEndpoint::run() {
           continue;
         }
         if (!c.cutting) {
-          c.pending.append(at, static_cast<size_t>(stop - at));
-          pendingBytes += static_cast<size_t>(stop - at);
+          if (c.pending.append(at, static_cast<size_t>(stop - at))) {
+            pendingBytes += static_cast<size_t>(stop - at);
+          } else {
+            cut(c);
+          }
         }
         if (feed != nullptr) {
           if (!c.cutting) {
             pendingBytes -= c.pending.size();
-            deliver(c.pending);
-            emptyKeepingSmallStorage(c.pending);
+            deliver(c.pending.view());
+            c.pending.clear(kKeptStorage);
           }
           c.cutting = false;
         } else if (!c.cutting && c.pending.size() > longestMessage_) {
@@ -235,6 +259,7 @@ void RecorderEndpoint::run() {
         }
         at = stop;
       }
+      if (c.pending.empty()) c.pending.clear(kKeptStorage);
       // Over the budget for all connections together: the longest unfinished message goes.
       while (pendingBytes > 4 * longestMessage_) {
         auto largest = std::max_element(open.begin(), open.end(), [](const auto& a, const auto& b) {
@@ -249,7 +274,7 @@ void RecorderEndpoint::run() {
     // A message cut short by its peer's end is kept as it stands: better evidence than none.
     if (!c.cutting && !c.pending.empty()) {
       pendingBytes -= c.pending.size();
-      deliver(c.pending);
+      deliver(c.pending.view());
     }
     close(c.fd);
     {
@@ -331,7 +356,7 @@ void RecorderEndpoint::run() {
           close(fd);
           continue;
         }
-        open.emplace(order, Connection{fd, std::string(), false});
+        open.emplace(order, Connection{fd, PendingMessage(), false});
         tookConnections = true;
         std::lock_guard<std::mutex> lock(mutex_);
         ++connections_;
