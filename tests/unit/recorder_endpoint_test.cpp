@@ -121,6 +121,33 @@ TEST(RecorderEndpoint, ManyMessagesOnOneConnectionArriveOneByOneWhereverThePiece
   EXPECT_EQ(endpoint.connectionCount(), 1u);
 }
 
+// Messages longer than a read, their rest read where they continue, with short ones after them
+// in the same reads and a message left unfinished when the peer closes: every one whole, in order.
+TEST(RecorderEndpoint, LongMessagesAndShortOnesAfterThemInTheSameReadsArriveWhole) {
+  RecorderEndpoint endpoint;
+  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+  const int fd = connectTo(endpoint.port());
+  std::vector<std::string> sent;
+  for (int i = 0; i < 40; ++i) {
+    const size_t length = i % 4 == 0 ? 150000 + static_cast<size_t>(i) * 977 : static_cast<size_t>(i) * 13;
+    std::string message = "<send data_AS=\"";
+    for (size_t k = 0; k < length; ++k) message.push_back(static_cast<char>('a' + (k + static_cast<size_t>(i)) % 26));
+    sent.push_back(message + "\"/>\n");
+  }
+  sent.push_back("<send data_AS=\"cut by the close");
+  std::string all;
+  for (const auto& m : sent) all += m;
+  for (size_t at = 0, piece = 70001; at < all.size(); at += piece, piece = piece * 7 % 180001 + 1) {
+    const std::string part = all.substr(at, piece);
+    ASSERT_EQ(send(fd, part.data(), part.size(), MSG_NOSIGNAL), static_cast<ssize_t>(part.size()));
+  }
+  ASSERT_EQ(endpoint.waitForMessages(40, 10s), 40u);
+  close(fd);
+  ASSERT_EQ(endpoint.waitForMessages(41, 10s), 41u);
+  EXPECT_TRUE(endpoint.messages() == sent);
+  EXPECT_EQ(endpoint.cutCount(), 0u);
+}
+
 TEST(RecorderEndpoint, AMessageOverTheLimitIsCutAndTheNextOneStillArrives) {
   RecorderEndpoint endpoint;
   endpoint.setLongestMessage(1000);
