@@ -77,6 +77,27 @@ TEST_F(TalvexRecorder, RecordsAPreloadedProgramAsJsonLines) {
   EXPECT_EQ(lines[2], "{\"kind\":\"exit\"}");
 }
 
+// With --socket, agents that name it take the local socket (the TCP port they are given here
+// refuses connections, so whatever arrives came that way).
+TEST_F(TalvexRecorder, TakesAgentsOnALocalSocket) {
+  const std::string name = "@talvex-recorder-test-" + std::to_string(getpid());
+  start({"--socket", name, "--output", tmp.file("out.raw")});
+  EchoServer echo;
+  const ProcessResult probe = runProcess(
+      {kRecordingProbePath, "loop", std::to_string(echo.port()), "10"},
+      agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(closedLoopbackPort())},
+                        {"TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL", "1"},
+                        {"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", name}}));
+  ASSERT_EQ(probe.exitCode, 0) << probe.err;
+  usleep(200000);
+  const ProcessResult r = stop();
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.err, "talvex-recorder: listening on 127.0.0.1 port " + std::to_string(port) +
+                       "\ntalvex-recorder: listening on local socket " + name +
+                       "\ntalvex-recorder: 23 messages received, 0 malformed\n");
+  EXPECT_EQ(splitLines(readFile(tmp.file("out.raw"))).size(), 23u);
+}
+
 TEST_F(TalvexRecorder, RawOutputIsTheExactBytes) {
   start({"--output", tmp.file("out.raw")});
   const std::string a = "<exit/>\n", b = "<send data_AS=\"\\x00&#x0a;\" length_U4=\"2\"/>\n";

@@ -30,6 +30,9 @@ const char* const kUsage =
     "  --output FILE        write messages to FILE instead of standard output\n"
     "  --format raw|jsonl   raw: each message exactly as received (default);\n"
     "                       jsonl: one flat JSON object per message, attributes decoded\n"
+    "  --socket NAME        listen on a local stream socket too: a path, or @NAME in the\n"
+    "                       abstract namespace (agents with TALVEX_SOCKET_AGENT_RECORDER_SOCKET\n"
+    "                       and the persistent channel use it)\n"
     "  --port-file FILE     write the port actually listened on to FILE\n"
     "  --count N            stop after N messages\n"
     "  --max-message BYTES  the longest message kept (default 67108864); a longer one is\n"
@@ -50,6 +53,7 @@ struct Options {
   std::string output;
   std::string format = "raw";
   std::string portFile;
+  std::string socket;
   long count = 0;
   long long longestMessage = 64ll << 20;
 };
@@ -85,6 +89,8 @@ int main(int argc, char** argv) {
       if (!value(&options.format) || (options.format != "raw" && options.format != "jsonl")) {
         return usageError("--format is raw or jsonl");
       }
+    } else if (arg == "--socket") {
+      if (!value(&options.socket)) return usageError("--socket needs a name");
     } else if (arg == "--port-file") {
       if (!value(&options.portFile)) return usageError("--port-file needs a file");
     } else if (arg == "--max-message") {
@@ -165,6 +171,10 @@ int main(int argc, char** argv) {
   // Four times the limit is what all unfinished messages together may hold: it must fit a size_t.
   endpoint.setLongestMessage(static_cast<size_t>(std::min<long long>(options.longestMessage, SIZE_MAX / 8)));
   endpoint.keepMessages(false);
+  if (!options.socket.empty() && !endpoint.listenLocally(options.socket, &error)) {
+    fprintf(stderr, "talvex-recorder: %s\n", error.c_str());
+    return 1;
+  }
   if (!endpoint.start(where.host, where.port, &error)) {
     fprintf(stderr, "talvex-recorder: cannot listen on %s: %s\n", options.listen.c_str(), error.c_str());
     return 1;
@@ -177,6 +187,7 @@ int main(int argc, char** argv) {
     }
   }
   fprintf(stderr, "talvex-recorder: listening on %s port %d\n", where.host.c_str(), endpoint.port());
+  if (!options.socket.empty()) fprintf(stderr, "talvex-recorder: listening on local socket %s\n", options.socket.c_str());
 
   const timespec tick = {0, 100 * 1000 * 1000};
   // The endpoint's thread sends SIGTERM here the moment the count is reached: the wait ends then,
