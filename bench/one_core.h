@@ -12,10 +12,11 @@ inline void runOnOneCore() {
   sched_setaffinity(0, sizeof one, &one);
 }
 
-// Every core of the machine again, for what is measured as a user runs it.
-inline void runOnEveryCore() {
+// Every core of the machine again, for what is measured as a user runs it: this process (0) or
+// another started on one core before.
+inline void runOnEveryCore(pid_t pid = 0) {
   cpu_set_t all;
   CPU_ZERO(&all);
   for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) CPU_SET(cpu, &all);
-  sched_setaffinity(0, sizeof all, &all);
+  sched_setaffinity(pid, sizeof all, &all);
 }
