@@ -22,6 +22,7 @@
 #include "interpose/real_functions.h"
 #include "recorder/recorder_channel_startup.h"
 #include "recorder/recorder_socket.h"
+#include "recorder/shared_ring.h"
 #include "socks/local_addresses.h"
 #include "socks/socks_config.h"
 
@@ -135,6 +136,7 @@ void initializeSocketPointers() {
   readCompleteCapture();
   readPersistentChannel();
   readRecorderSocket();
+  readSharedRing();
   locateRecorderCore();
   startRecorderChannel();
   initializeRealFunctionPointers();

@@ -13,6 +13,7 @@
 #include "interpose/real_functions.h"
 #include "interpose/symbol_versions.h"
 #include "recorder/recorder_socket.h"
+#include "recorder/shared_ring.h"
 
 // The first fcntl of each ABI: the agent loads on C libraries older than the one it is built on.
 __asm__(".symver fcntl,fcntl@" TALVEX_GLIBC_FIRST);
@@ -60,6 +61,7 @@ bool waitFor(int fd, short events, int64_t deadlineNs) {
 }
 
 void dropChannel(bool closeIt) {
+  dropSharedRing();
   if (channel >= 0 && closeIt) True_close(channel);
   channel = -1;
   channelCookie = 0;
@@ -104,6 +106,9 @@ bool connectChannel(const sockaddr_in& recorder, int64_t deadlineNs) {
       // gets as much as the system allows, and a large message is written with fewer waits.
       const int wanted = kLocalSendBuffer;
       if (setsockopt_ptr != nullptr) setsockopt_ptr(fd, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof wanted);
+      if (sharedRingWanted() && !offerSharedRing(fd)) {
+        x_disp(DMK_ERROR, "no shared ring could be made: messages go on the connection");
+      }
     } else {
       x_disp(DMK_ERROR, "the recorder socket took no connection (%d %s : %s): the channel uses TCP", error,
              getSocketErrorKind(error), getSocketErrorMsg(error));
@@ -124,6 +129,7 @@ bool connectChannel(const sockaddr_in& recorder, int64_t deadlineNs) {
 
 // Writes the whole text before the deadline, or says it could not.
 bool writeWhole(const char* text, unsigned length, int64_t deadlineNs) {
+  if (sharedRingActive()) return writeToSharedRing(channel, text, length, deadlineNs);
   unsigned done = 0;
   while (done < length) {
     const ssize_t n = True_send(channel, text + done, length - done, MSG_NOSIGNAL | MSG_DONTWAIT);

@@ -3,7 +3,10 @@
 // costs the host a bounded delay and never a hang.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <stddef.h>
+#include <string.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <map>
@@ -179,6 +182,56 @@ TEST(PersistentChannel, ANamedLocalSocketCarriesTheChannelAndTcpStandsInForIt) {
                                       "refused): the channel uses TCP"}));
 }
 
+// TALVEX_SOCKET_AGENT_SHARED_RING: on the local socket the messages go through a ring the agent
+// shares with the recorder, in every process of a forking program (each child its own ring on
+// its own connection), and a message larger than the ring goes in pieces as the recorder takes
+// them.
+TEST(PersistentChannel, ASharedRingCarriesEveryProcesssMessagesWhole) {
+  EchoServer echo;
+  const std::string name = "@talvex-ring-channel-test-" + std::to_string(getpid());
+  talvex::RecorderEndpoint endpoint;
+  ASSERT_TRUE(endpoint.listenLocally(name, nullptr));
+  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+  TempDir logs;
+  const Environment ring = {{"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", name},
+                            {"TALVEX_SOCKET_AGENT_SHARED_RING", "1"},
+                            {"TALVEX_SOCKET_AGENT_FOLLOW_FORKS", "1"}};
+  ProcessResult r = runProcess({kHostileProbePath, "fork-children", std::to_string(echo.port())},
+                               persistentTo(closedLoopbackPort(), logs, ring));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  endpoint.waitForQuiet(300ms, 10s);
+  std::set<std::string> announced;
+  for (const auto& m : parsedOrFail(endpoint.messages())) {
+    if (m.kind == "process") announced.insert(m.find("pid")->raw);
+  }
+  EXPECT_EQ(announced.size(), 4u);
+  EXPECT_EQ(endpoint.sharedRingCount(), 4u);
+  // Six megabytes each way: messages of eighteen, through a ring of four.
+  const size_t kSize = 6000000;
+  const size_t before = endpoint.messages().size();
+  r = runProcess({kRecordingProbePath, "bytes", std::to_string(echo.port()), std::to_string(kSize)},
+                 persistentTo(closedLoopbackPort(), logs, ring));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  endpoint.waitForQuiet(300ms, 10s);
+  std::string payload;
+  for (size_t i = 0; i < kSize; ++i) payload.push_back(static_cast<char>(i % 256));
+  // The send is one message; the echo comes back in as many receives as it took.
+  std::string sent, received;
+  const auto all = endpoint.messages();
+  for (const auto& m : parsedOrFail(std::vector<std::string>(all.begin() + static_cast<long>(before), all.end()))) {
+    const auto* data = m.find("data");
+    if (data == nullptr) continue;
+    if (m.kind == "send") sent += data->bytes;
+    if (m.kind == "receive") received += data->bytes;
+  }
+  EXPECT_EQ(sent.size(), kSize);
+  EXPECT_TRUE(sent == payload);
+  EXPECT_TRUE(received == payload) << received.size();
+  EXPECT_EQ(endpoint.sharedRingCount(), 5u);
+  EXPECT_EQ(logOf(logs).find("message dropped"), std::string::npos) << logOf(logs);
+  EXPECT_EQ(logOf(logs).find("no shared ring"), std::string::npos) << logOf(logs);
+}
+
 TEST(PersistentChannel, ARestartedRecorderReceivesWhatFollows) {
   EchoServer echo;
   TempDir logs;
@@ -222,6 +275,36 @@ TEST(PersistentChannel, ARecorderThatStopsReadingDelaysTheHostOnlyABoundedTime) 
   EXPECT_EQ(r.exitCode, 0) << r.err;
   EXPECT_LT(took, std::chrono::seconds(45));
   EXPECT_NE(logOf(logs).find("message dropped: the recorder took no more within the time allowed"), std::string::npos);
+}
+
+// A recorder that takes the ring and then reads nothing: the host waits for room only within the
+// channel's time budget, and goes on.
+TEST(PersistentChannel, ARecorderThatStopsTakingFromItsRingDelaysTheHostOnlyABoundedTime) {
+  EchoServer echo;
+  const std::string name = "@talvex-deaf-ring-test-" + std::to_string(getpid());
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  memcpy(address.sun_path + 1, name.data() + 1, name.size() - 1);
+  const socklen_t length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+  const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+  ASSERT_EQ(listen(listener, 16), 0);
+  TempDir logs;
+  const auto started = std::chrono::steady_clock::now();
+  const ProcessResult r = runProcess({kRecordingProbePath, "bytes", std::to_string(echo.port()), "6000000"},
+                                     persistentTo(closedLoopbackPort(), logs,
+                                                  {{"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", name},
+                                                   {"TALVEX_SOCKET_AGENT_SHARED_RING", "1"}}),
+                                     std::chrono::seconds(60));
+  const auto took = std::chrono::steady_clock::now() - started;
+  close(listener);
+  ASSERT_FALSE(r.timedOut);
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_NE(r.out.find("same 1\n"), std::string::npos) << r.out;
+  EXPECT_LT(took, std::chrono::seconds(30));
+  EXPECT_NE(logOf(logs).find("message dropped: the recorder took no more within the time allowed (110 "),
+            std::string::npos)
+      << logOf(logs);
 }
 
 TEST(PersistentChannel, ANumberTheHostTookOverIsNeverWrittenTo) {

@@ -4,16 +4,22 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <string.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <stddef.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "process_runner.h"
+#include "recorder/shared_ring_layout.h"
 
 using talvex::RecorderEndpoint;
 using namespace std::chrono_literals;
@@ -269,4 +275,159 @@ TEST(RecorderEndpoint, AnIdleHandlerIsCalledAgainWhenItAsks) {
   std::lock_guard<std::mutex> lock(mutex);
   ASSERT_EQ(calls.size(), 2u);
   EXPECT_GE(calls[1] - calls[0], std::chrono::milliseconds(50));
+}
+
+namespace {
+
+// A ring as an agent shares it, written the way the agent writes it.
+class TestRing {
+ public:
+  TestRing(uint64_t capacity, bool sealed, uint64_t magic = shared_ring::kMagic) : capacity_(capacity) {
+    memory_ = static_cast<int>(syscall(SYS_memfd_create, "test-ring", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    EXPECT_GE(memory_, 0);
+    EXPECT_EQ(ftruncate(memory_, static_cast<off_t>(shared_ring::kHeaderBytes + capacity)), 0);
+    if (sealed) EXPECT_EQ(fcntl(memory_, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW), 0);
+    base_ = static_cast<char*>(
+        mmap(nullptr, shared_ring::kHeaderBytes + capacity, PROT_READ | PROT_WRITE, MAP_SHARED, memory_, 0));
+    *counter(shared_ring::kMagicAt) = magic;
+    *counter(shared_ring::kCapacityAt) = capacity;
+    *counter(shared_ring::kAsleepAt) = 1;
+  }
+  ~TestRing() {
+    munmap(base_, shared_ring::kHeaderBytes + capacity_);
+    if (memory_ >= 0) close(memory_);
+  }
+  // Hands the ring's descriptor over on `fd` with the offer byte.
+  bool offer(int fd) { return sendDescriptor(fd, memory_); }
+  static bool sendDescriptor(int fd, int descriptor) {
+    char byte = shared_ring::kOfferByte;
+    iovec data = {&byte, 1};
+    char space[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message = {};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = space;
+    message.msg_controllen = sizeof space;
+    cmsghdr* rights = CMSG_FIRSTHDR(&message);
+    rights->cmsg_level = SOL_SOCKET;
+    rights->cmsg_type = SCM_RIGHTS;
+    rights->cmsg_len = CMSG_LEN(sizeof(int));
+    memcpy(CMSG_DATA(rights), &descriptor, sizeof descriptor);
+    return sendmsg(fd, &message, MSG_NOSIGNAL) == 1;
+  }
+  // Writes `text`, waiting (a bounded time) for the recorder to take what fills the ring, and
+  // rings the doorbell on `fd` when the recorder asked for one.
+  bool write(int fd, const std::string& text) {
+    size_t done = 0;
+    for (int waits = 0; done < text.size() && waits < 100000;) {
+      const uint64_t used = head_ - __atomic_load_n(counter(shared_ring::kTailAt), __ATOMIC_ACQUIRE);
+      if (used == capacity_) {
+        usleep(100);
+        ++waits;
+        continue;
+      }
+      const size_t n = std::min<size_t>(capacity_ - used, text.size() - done);
+      for (size_t k = 0; k < n; ++k) base_[shared_ring::kHeaderBytes + (head_ + k) % capacity_] = text[done + k];
+      head_ += n;
+      done += n;
+      __atomic_store_n(counter(shared_ring::kHeadAt), head_, __ATOMIC_SEQ_CST);
+      if (__atomic_exchange_n(counter(shared_ring::kAsleepAt), 0, __ATOMIC_SEQ_CST) != 0 &&
+          send(fd, "", 1, MSG_NOSIGNAL) != 1) {
+        return false;
+      }
+    }
+    return done == text.size();
+  }
+  void setHead(uint64_t head) { __atomic_store_n(counter(shared_ring::kHeadAt), head, __ATOMIC_SEQ_CST); }
+
+ private:
+  uint64_t* counter(size_t at) { return reinterpret_cast<uint64_t*>(base_ + at); }
+
+  uint64_t capacity_;
+  int memory_ = -1;
+  char* base_ = nullptr;
+  uint64_t head_ = 0;
+};
+
+}  // namespace
+
+// Messages through a ring the peer shares: longer ones than the ring holds come in pieces as
+// the endpoint takes them, others wrap round its end; all arrive whole and in order.
+TEST(RecorderEndpoint, MessagesThroughASharedRingArriveWholeAndInOrder) {
+  const std::string name = "@talvex-ring-endpoint-test-" + std::to_string(getpid());
+  RecorderEndpoint endpoint;
+  ASSERT_TRUE(endpoint.listenLocally(name, nullptr));
+  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+  const int local = connectLocally(name);
+  TestRing ring(shared_ring::kSmallestCapacity, true);
+  ASSERT_TRUE(ring.offer(local));
+  std::vector<std::string> sent;
+  for (int i = 0; i < 200; ++i) {
+    const size_t length = i % 50 == 7 ? 150000 : static_cast<size_t>(i) * 37 % 3000;
+    sent.push_back("<send n_I4=\"" + std::to_string(i) + "\" data_AS=\"" + std::string(length, 'r') + "\"/>\n");
+    ASSERT_TRUE(ring.write(local, sent.back())) << i;
+  }
+  ASSERT_EQ(endpoint.waitForMessages(sent.size(), 10s), sent.size());
+  close(local);
+  endpoint.stop(1000ms);
+  EXPECT_TRUE(endpoint.messages() == sent);
+  EXPECT_EQ(endpoint.sharedRingCount(), 1u);
+  EXPECT_EQ(endpoint.cutCount(), 0u);
+}
+
+// What is not a ring as an agent makes it ends the connection, with nothing delivered from it:
+// a memfd that could still shrink under the endpoint's reads, a plain file, a wrong header, a
+// ring offered after the first byte, a second one; a head beyond the ring's size ends it too.
+TEST(RecorderEndpoint, WhatIsNotARingEndsItsConnection) {
+  const std::string name = "@talvex-ring-refusal-test-" + std::to_string(getpid());
+  talvex_test::TempDir tmp;
+  ASSERT_TRUE(talvex_test::writeFile(tmp.file("plain"), std::string(shared_ring::kHeaderBytes + (64u << 10), '\0')));
+  enum Case { kUnsealed, kPlainFile, kBadMagic, kAfterTheFirstByte, kSecondRing, kHeadBeyond };
+  for (const Case which : {kUnsealed, kPlainFile, kBadMagic, kAfterTheFirstByte, kSecondRing, kHeadBeyond}) {
+    RecorderEndpoint endpoint;
+    ASSERT_TRUE(endpoint.listenLocally(name, nullptr));
+    ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+    const int local = connectLocally(name);
+    TestRing good(shared_ring::kSmallestCapacity, true);
+    TestRing unsealed(shared_ring::kSmallestCapacity, false);
+    TestRing badMagic(shared_ring::kSmallestCapacity, true, 42);
+    const int plain = open(tmp.file("plain").c_str(), O_RDWR | O_CLOEXEC);
+    size_t expected = 0;
+    switch (which) {
+      case kUnsealed: ASSERT_TRUE(unsealed.offer(local)); break;
+      case kPlainFile: ASSERT_TRUE(TestRing::sendDescriptor(local, plain)); break;
+      case kBadMagic: ASSERT_TRUE(badMagic.offer(local)); break;
+      case kAfterTheFirstByte:
+        ASSERT_EQ(send(local, "<exit/>\n", 8, MSG_NOSIGNAL), 8);
+        ASSERT_EQ(endpoint.waitForMessages(1, 10s), 1u);
+        expected = 1;
+        ASSERT_TRUE(good.offer(local));
+        break;
+      case kSecondRing:
+        ASSERT_TRUE(good.offer(local));
+        ASSERT_TRUE(good.write(local, "<exit/>\n"));
+        ASSERT_EQ(endpoint.waitForMessages(1, 10s), 1u);
+        expected = 1;
+        ASSERT_TRUE(good.offer(local));
+        break;
+      case kHeadBeyond:
+        ASSERT_TRUE(good.offer(local));
+        ASSERT_TRUE(good.write(local, "<exit/>\n"));
+        ASSERT_EQ(endpoint.waitForMessages(1, 10s), 1u);
+        expected = 1;
+        good.setHead(8 + shared_ring::kSmallestCapacity + 1);
+        ASSERT_EQ(send(local, "", 1, MSG_NOSIGNAL), 1);
+        break;
+    }
+    // The endpoint closes its end: a read sees it, within a bound.
+    pollfd hangup = {local, POLLIN, 0};
+    EXPECT_EQ(poll(&hangup, 1, 10000), 1) << which;
+    char byte;
+    EXPECT_EQ(recv(local, &byte, 1, MSG_DONTWAIT), 0) << which;
+    close(local);
+    close(plain);
+    endpoint.stop(1000ms);
+    EXPECT_EQ(endpoint.messages().size(), expected) << which;
+    EXPECT_EQ(endpoint.sharedRingCount(), which >= kSecondRing ? 1u : 0u) << which;
+  }
 }

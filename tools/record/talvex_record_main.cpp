@@ -239,7 +239,11 @@ int main(int argc, char** argv) {
   environment["TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL"] = "1";
   environment["TALVEX_SOCKET_AGENT_IP_ADDRESS"] = where.host;
   environment["TALVEX_SOCKET_AGENT_PORT_NUMBER"] = std::to_string(endpoint.port());
-  if (local) environment["TALVEX_SOCKET_AGENT_RECORDER_SOCKET"] = localSocket;
+  if (local) {
+    environment["TALVEX_SOCKET_AGENT_RECORDER_SOCKET"] = localSocket;
+    // Messages through memory shared with this process, the local socket carrying only doorbells.
+    environment["TALVEX_SOCKET_AGENT_SHARED_RING"] = "1";
+  }
   const std::string clock32 = top + "/lib/i386-linux-gnu/libRecorderCore.so";
   const std::string clock64 = top + "/lib/x86_64-linux-gnu/libRecorderCore.so";
   if (access(clock32.c_str(), R_OK) == 0) environment["TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH"] = clock32;

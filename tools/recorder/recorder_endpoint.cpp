@@ -1,6 +1,7 @@
 #include "recorder_endpoint.h"
 
 #include "pending_message.h"
+#include "ring_mapping.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -20,6 +21,38 @@
 namespace talvex {
 
 namespace {
+
+// A read from a local connection, which may carry descriptors: the first is handed back in
+// `passed` (close-on-exec), any other closed at once.
+ssize_t receiveLocally(int fd, char* into, size_t size, int* passed) {
+  iovec data = {into, size};
+  union {
+    cmsghdr header;
+    char space[CMSG_SPACE(sizeof(int) * 8)];
+  } control;
+  msghdr message;
+  memset(&message, 0, sizeof message);
+  message.msg_iov = &data;
+  message.msg_iovlen = 1;
+  message.msg_control = control.space;
+  message.msg_controllen = sizeof control.space;
+  const ssize_t n = recvmsg(fd, &message, MSG_CMSG_CLOEXEC);
+  if (n < 0) return n;
+  for (cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
+    if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
+    const size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (size_t i = 0; i < count; ++i) {
+      int descriptor;
+      memcpy(&descriptor, CMSG_DATA(c) + i * sizeof(int), sizeof descriptor);
+      if (*passed < 0) {
+        *passed = descriptor;
+      } else {
+        close(descriptor);
+      }
+    }
+  }
+  return n;
+}
 
 bool setNonBlocking(int fd) {
   const int flags = fcntl(fd, F_GETFL, 0);
@@ -131,11 +164,15 @@ void RecorderEndpoint::run() {
   struct Connection {
     int fd;
     PendingMessage pending;
-    bool cutting = false;   // the rest of an over-long message is being skipped
+    bool cutting = false;  // the rest of an over-long message is being skipped
+    bool local = false;    // taken on the local socket: it may hand over a shared ring
+    uint64_t received = 0;
+    RingMapping ring;      // once mapped, the connection itself carries only doorbells
   };
   std::map<uint64_t, Connection> open;
   uint64_t nextOrder = 0;
   size_t pendingBytes = 0;
+  size_t rings = 0;  // connections whose messages come through a shared ring
   bool accepting = true;
   bool deliveredSinceIdle = false;
   bool idleAgain = false;  // the idle handler asked to be called again after a moment
@@ -192,28 +229,100 @@ void RecorderEndpoint::run() {
     c.pending.release();
     c.cutting = true;
   };
-  // Splits what came into messages at their line feeds; returns false at the end of the stream.
+  // Splits bytes of a connection's stream into messages at their line feeds.
+  auto split = [&](Connection& c, const char* at, const char* end) {
+    while (at < end) {
+      const char* feed = static_cast<const char*>(memchr(at, '\n', static_cast<size_t>(end - at)));
+      const char* stop = feed != nullptr ? feed + 1 : end;
+      if (feed != nullptr && !c.cutting && c.pending.empty()) {
+        deliver(std::string_view(at, static_cast<size_t>(stop - at)));
+        at = stop;
+        continue;
+      }
+      if (!c.cutting) {
+        if (c.pending.append(at, static_cast<size_t>(stop - at))) {
+          pendingBytes += static_cast<size_t>(stop - at);
+        } else {
+          cut(c);
+        }
+      }
+      if (feed != nullptr) {
+        if (!c.cutting) {
+          pendingBytes -= c.pending.size();
+          deliver(c.pending.view());
+          c.pending.clear(kKeptStorage);
+        }
+        c.cutting = false;
+      } else if (!c.cutting && c.pending.size() > longestMessage_) {
+        cut(c);
+      }
+      at = stop;
+    }
+    if (c.pending.empty()) c.pending.clear(kKeptStorage);
+    // Over the budget for all connections together: the longest unfinished message goes.
+    while (pendingBytes > 4 * longestMessage_) {
+      auto largest = std::max_element(open.begin(), open.end(), [](const auto& a, const auto& b) {
+        return a.second.pending.size() < b.second.pending.size();
+      });
+      cut(largest->second);
+    }
+  };
+  // What the agent wrote into a connection's ring since it was last read; false when the ring's
+  // head cannot be believed.
+  auto drainRing = [&](Connection& c) {
+    if (!c.ring.mapped()) return true;
+    std::string_view first, second;
+    if (!c.ring.unread(&first, &second)) return false;
+    for (const std::string_view part : {first, second}) split(c, part.data(), part.data() + part.size());
+    takenThisRound += first.size() + second.size();
+    c.ring.take(first.size() + second.size());
+    return true;
+  };
+  // Reads what came and splits it into messages; returns false at the end of the stream. On a
+  // ring's connection the bytes read are doorbells, all read before the ring is, so that one
+  // rung after that read is still there to wake the next round.
   auto readFrom = [&](Connection& c) {
     const size_t kReadSize = 65536;
     char chunk[kReadSize];
     size_t taken = 0;
     for (;;) {
       // A peer that writes faster than this reads must not hold the others back for ever.
-      if (taken >= kMostPerRound) return true;
+      if (taken >= kMostPerRound) return drainRing(c);
       // The rest of a message begun in an earlier read is read where it continues.
       char* into = chunk;
-      if (!c.cutting && !c.pending.empty()) {
+      if (!c.cutting && !c.pending.empty() && !c.ring.mapped()) {
         into = c.pending.room(kReadSize);
         if (into == nullptr) {
           cut(c);
           into = chunk;
         }
       }
-      const ssize_t n = read(c.fd, into, kReadSize);
-      if (n == 0) return false;
-      if (n < 0) return errno == EAGAIN || errno == EINTR;
+      int passed = -1;
+      const ssize_t n = c.local ? receiveLocally(c.fd, into, kReadSize, &passed) : read(c.fd, into, kReadSize);
+      // A ring comes with the connection's first byte, once; anything else that carries a
+      // descriptor is not an agent.
+      if (passed >= 0) {
+        if (c.received != 0 || c.ring.mapped()) {
+          close(passed);
+          return false;
+        }
+        if (!c.ring.map(passed)) return false;
+        ++rings;
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++sharedRings_;
+      }
+      if (n == 0) {
+        drainRing(c);
+        return false;
+      }
+      if (n < 0) {
+        if (errno == EINTR) continue;
+        return errno == EAGAIN && drainRing(c);
+      }
+      c.received += static_cast<uint64_t>(n);
       taken += static_cast<size_t>(n);
       takenThisRound += static_cast<size_t>(n);
+      if (c.ring.mapped()) continue;
       const char* at = into;
       const char* end = into + n;
       if (into != chunk) {
@@ -232,45 +341,12 @@ void RecorderEndpoint::run() {
           cut(c);
         }
       }
-      while (at < end) {
-        const char* feed = static_cast<const char*>(memchr(at, '\n', static_cast<size_t>(end - at)));
-        const char* stop = feed != nullptr ? feed + 1 : end;
-        if (feed != nullptr && !c.cutting && c.pending.empty()) {
-          deliver(std::string_view(at, static_cast<size_t>(stop - at)));
-          at = stop;
-          continue;
-        }
-        if (!c.cutting) {
-          if (c.pending.append(at, static_cast<size_t>(stop - at))) {
-            pendingBytes += static_cast<size_t>(stop - at);
-          } else {
-            cut(c);
-          }
-        }
-        if (feed != nullptr) {
-          if (!c.cutting) {
-            pendingBytes -= c.pending.size();
-            deliver(c.pending.view());
-            c.pending.clear(kKeptStorage);
-          }
-          c.cutting = false;
-        } else if (!c.cutting && c.pending.size() > longestMessage_) {
-          cut(c);
-        }
-        at = stop;
-      }
-      if (c.pending.empty()) c.pending.clear(kKeptStorage);
-      // Over the budget for all connections together: the longest unfinished message goes.
-      while (pendingBytes > 4 * longestMessage_) {
-        auto largest = std::max_element(open.begin(), open.end(), [](const auto& a, const auto& b) {
-          return a.second.pending.size() < b.second.pending.size();
-        });
-        cut(largest->second);
-      }
+      split(c, at, end);
     }
   };
   auto closeConnection = [&](std::map<uint64_t, Connection>::iterator it) {
     Connection& c = it->second;
+    if (c.ring.mapped()) --rings;
     // A message cut short by its peer's end is kept as it stands: better evidence than none.
     if (!c.cutting && !c.pending.empty()) {
       pendingBytes -= c.pending.size();
@@ -306,18 +382,33 @@ void RecorderEndpoint::run() {
       }
     }
     int count = epoll_wait(poller, events.data(), static_cast<int>(events.size()), 0);
-    if (count == 0) {
+    // Rings written since they were last read: their writers ring no doorbell while this thread
+    // is awake.
+    ready.clear();
+    if (rings != 0) {
+      for (auto& entry : open) {
+        if (entry.second.ring.mapped() && entry.second.ring.hasUnread()) ready.push_back(entry.first);
+      }
+    }
+    if (count == 0 && ready.empty()) {
       if ((deliveredSinceIdle || idleAgain) && idleHandler_) {
         const int again = static_cast<int>(idleHandler_().count());
         idleAgain = again >= 0;
         if (idleAgain && (timeoutMs < 0 || again < timeoutMs)) timeoutMs = again;
       }
       deliveredSinceIdle = false;
-      count = epoll_wait(poller, events.data(), static_cast<int>(events.size()), timeoutMs);
+      // Every ring asks for a doorbell before this thread waits; one written to meanwhile is
+      // read at once instead.
+      if (rings != 0) {
+        for (auto& entry : open) {
+          if (entry.second.ring.mapped() && entry.second.ring.askForDoorbell()) ready.push_back(entry.first);
+        }
+      }
+      if (ready.empty()) count = epoll_wait(poller, events.data(), static_cast<int>(events.size()), timeoutMs);
     }
     if (count < 0 && errno != EINTR) break;
-    if (count <= 0) continue;
-    ready.clear();
+    if (count < 0) count = 0;
+    if (count == 0 && ready.empty()) continue;
     for (int i = 0; i < count; ++i) {
       const uint64_t key = events[i].data.u64;
       if (key == kWake) {
@@ -356,7 +447,7 @@ void RecorderEndpoint::run() {
           close(fd);
           continue;
         }
-        open.emplace(order, Connection{fd, PendingMessage(), false});
+        open.emplace(order, Connection{fd, PendingMessage(), false, listener == localListener_, 0, RingMapping()});
         tookConnections = true;
         std::lock_guard<std::mutex> lock(mutex_);
         ++connections_;
@@ -366,6 +457,7 @@ void RecorderEndpoint::run() {
     // Ready connections are read in the order they were accepted; those just taken come up in
     // the next round.
     std::sort(ready.begin(), ready.end());
+    ready.erase(std::unique(ready.begin(), ready.end()), ready.end());
     for (const uint64_t key : ready) {
       const auto it = open.find(key);
       if (it != open.end() && !readFrom(it->second)) closeConnection(it);
@@ -401,6 +493,11 @@ size_t RecorderEndpoint::cutCount() const {
 size_t RecorderEndpoint::refusedCount() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return refused_;
+}
+
+size_t RecorderEndpoint::sharedRingCount() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return sharedRings_;
 }
 
 size_t RecorderEndpoint::connectionCount() const {

@@ -56,6 +56,8 @@ class RecorderEndpoint {
 
   std::vector<std::string> messages() const;
   size_t connectionCount() const;
+  // Connections whose messages came through a ring their agent shared.
+  size_t sharedRingCount() const;
   // Messages cut for their length; connections refused because descriptors ran out.
   size_t cutCount() const;
   size_t refusedCount() const;
@@ -98,6 +100,7 @@ class RecorderEndpoint {
   size_t received_ = 0;
   bool keep_ = true;
   size_t connections_ = 0;
+  size_t sharedRings_ = 0;
   size_t openConnections_ = 0;  // taken and not yet closed
   std::chrono::steady_clock::time_point lastArrival_ = std::chrono::steady_clock::now();
   std::chrono::steady_clock::time_point drainUntil_{};
