@@ -204,5 +204,7 @@ INSTANTIATE_TEST_SUITE_P(
                     {"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", std::string(5000, '@')}},
         Environment{{"TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL", "1"}, {"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", "@"}},
         Environment{{"TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL", "1"},
-                    {"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", "/etc/hostname"}}),
+                    {"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", "/etc/hostname"}},
+        Environment{{"TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL", "1"}, {"TALVEX_SOCKET_AGENT_SHARED_RING", "x"}},
+        Environment{{"TALVEX_SOCKET_AGENT_SHARED_RING", ""}, {"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", "@nobody"}}),
     caseName);
