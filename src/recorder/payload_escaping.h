@@ -1,8 +1,8 @@
 // The escaped text of a payload: each byte as itself, or as "\\", "\xNN" or "&#xNN;".
 // Payloads are the bulk of what is recorded, so both functions take the widest path the
-// processor has: 64 bytes at a time with AVX-512 (byte compression squeezes eight table entries
-// into their escapes at once), 16 at a time with SSE2 through plain text, and one table entry per
-// byte everywhere else.
+// processor has: in the 64-bit agent 64 bytes at a time with AVX-512 (sixteen bytes that are
+// themselves or "\xNN" are spread and squeezed into their escapes at once), 16 at a time with
+// SSE2 through plain text, and one table entry per byte everywhere else.
 #pragma once
 
 #include <stddef.h>
