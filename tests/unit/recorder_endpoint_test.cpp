@@ -393,6 +393,13 @@ TEST(RecorderEndpoint, WhatIsNotARingEndsItsConnection) {
     TestRing badMagic(shared_ring::kSmallestCapacity, true, 42);
     const int plain = open(tmp.file("plain").c_str(), O_RDWR | O_CLOEXEC);
     size_t expected = 0;
+    // A ring that works, and the message it carried.
+    auto ringWithAMessage = [&] {
+      ASSERT_TRUE(good.offer(local));
+      ASSERT_TRUE(good.write(local, "<exit/>\n"));
+      ASSERT_EQ(endpoint.waitForMessages(1, 10s), 1u);
+      expected = 1;
+    };
     switch (which) {
       case kUnsealed: ASSERT_TRUE(unsealed.offer(local)); break;
       case kPlainFile: ASSERT_TRUE(TestRing::sendDescriptor(local, plain)); break;
@@ -404,17 +411,11 @@ TEST(RecorderEndpoint, WhatIsNotARingEndsItsConnection) {
         ASSERT_TRUE(good.offer(local));
         break;
       case kSecondRing:
-        ASSERT_TRUE(good.offer(local));
-        ASSERT_TRUE(good.write(local, "<exit/>\n"));
-        ASSERT_EQ(endpoint.waitForMessages(1, 10s), 1u);
-        expected = 1;
+        ringWithAMessage();
         ASSERT_TRUE(good.offer(local));
         break;
       case kHeadBeyond:
-        ASSERT_TRUE(good.offer(local));
-        ASSERT_TRUE(good.write(local, "<exit/>\n"));
-        ASSERT_EQ(endpoint.waitForMessages(1, 10s), 1u);
-        expected = 1;
+        ringWithAMessage();
         good.setHead(8 + shared_ring::kSmallestCapacity + 1);
         ASSERT_EQ(send(local, "", 1, MSG_NOSIGNAL), 1);
         break;
