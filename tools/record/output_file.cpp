@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <thread>
 
 namespace talvex {
 
@@ -24,7 +25,11 @@ bool OutputFile::create(const std::string& path, std::string* error) {
   // names, a device, a pipe) is opened where it is, as any program would.
   struct stat existing;
   if (lstat(path.c_str(), &existing) == 0 && S_ISREG(existing.st_mode) && existing.st_nlink == 1) {
+    // Freeing the old file's pages takes a while for a large one: it is done on a thread of its
+    // own, its last descriptor closed there, while the command starts.
+    const int old = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     unlink(path.c_str());
+    if (old >= 0) std::thread([old] { ::close(old); }).detach();
   }
   fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   if (fd_ < 0) {
