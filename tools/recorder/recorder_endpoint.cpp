@@ -288,9 +288,10 @@ void RecorderEndpoint::run() {
     for (;;) {
       // A peer that writes faster than this reads must not hold the others back for ever.
       if (taken >= kMostPerRound) return drainRing(c);
-      // The rest of a message begun in an earlier read is read where it continues.
+      // The rest of a long message begun in an earlier read is read where it continues; a short
+      // start (the last of many small messages in a read) is cheaper copied once more.
       char* into = chunk;
-      if (!c.cutting && !c.pending.empty() && !c.ring.mapped()) {
+      if (!c.cutting && c.pending.size() >= kReadSize / 4 && !c.ring.mapped()) {
         into = c.pending.room(kReadSize);
         if (into == nullptr) {
           cut(c);
