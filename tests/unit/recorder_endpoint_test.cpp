@@ -217,6 +217,15 @@ int connectLocally(const std::string& name) {
 TEST(RecorderEndpoint, TakesMessagesOnALocalSocketToo) {
   talvex_test::TempDir tmp;
   const std::string abstractName = "@talvex-endpoint-test-" + std::to_string(getpid());
+  // A socket file an endpoint that did not stop cleanly left behind.
+  {
+    sockaddr_un stale = {};
+    stale.sun_family = AF_UNIX;
+    snprintf(stale.sun_path, sizeof stale.sun_path, "%s", tmp.file("recorder.sock").c_str());
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&stale), sizeof stale), 0);
+    close(fd);
+  }
   for (const std::string& name : {tmp.file("recorder.sock"), abstractName}) {
     RecorderEndpoint endpoint;
     std::string error;
@@ -245,6 +254,12 @@ TEST(RecorderEndpoint, ALocalSocketNameThatCannotBeIsRefused) {
   EXPECT_FALSE(endpoint.listenLocally("", &error));
   EXPECT_FALSE(endpoint.listenLocally("/nonexistent/dir/recorder.sock", &error));
   EXPECT_EQ(error, "cannot listen on /nonexistent/dir/recorder.sock: No such file or directory");
+  // A file that is not a socket is not the endpoint's to remove.
+  talvex_test::TempDir tmp;
+  ASSERT_TRUE(talvex_test::writeFile(tmp.file("notes"), "keep me"));
+  EXPECT_FALSE(endpoint.listenLocally(tmp.file("notes"), &error));
+  EXPECT_EQ(error, "cannot listen on " + tmp.file("notes") + ": Address already in use");
+  EXPECT_EQ(talvex_test::readFile(tmp.file("notes")), "keep me");
 }
 
 // An idle handler that asks to be called again is, after the time it asked for, with nothing

@@ -29,7 +29,13 @@ bool OutputFile::create(const std::string& path, std::string* error) {
     // own, its last descriptor closed there, while the command starts.
     const int old = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     unlink(path.c_str());
-    if (old >= 0) std::thread([old] { ::close(old); }).detach();
+    if (old >= 0) {
+      try {
+        std::thread([old] { ::close(old); }).detach();
+      } catch (...) {
+        ::close(old);  // no thread to be had: freed here after all
+      }
+    }
   }
   fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   if (fd_ < 0) {

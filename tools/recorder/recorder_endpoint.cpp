@@ -12,6 +12,7 @@
 #include <sys/epoll.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -122,6 +123,10 @@ bool RecorderEndpoint::listenLocally(const std::string& name, std::string* error
   const bool abstract = name[0] == '@';
   if (abstract) address.sun_path[0] = '\0';
   const socklen_t length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size() + (abstract ? 0 : 1));
+  // A socket file left by an endpoint that did not stop cleanly is in the way of a new one; any
+  // other file is not the endpoint's to remove.
+  struct stat existing;
+  if (!abstract && lstat(name.c_str(), &existing) == 0 && S_ISSOCK(existing.st_mode)) unlink(name.c_str());
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(fd, 4096) != 0) {
     if (error) *error = "cannot listen on " + name + ": " + strerror(errno);
