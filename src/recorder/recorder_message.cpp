@@ -5,15 +5,12 @@
 
 #include "diag/debug_log.h"
 
+// The buffer lives inside the message: building one costs no allocation of its own.
 RecorderMessage::RecorderMessage(RecorderMessageKind kind, int32_t sequence)
-    : buffer_(nullptr), sequence_(sequence), return_(0), error_(0) {
-  // The buffer lives inside the message: building one costs no allocation of its own.
-  buffer_ = new (bufferStorage_) PrintBuffer();
-  buffer_->append("<", 1);
-  buffer_->append(MARKER_RMT[kind], 0);
+    : sequence_(sequence), return_(0), error_(0) {
+  buffer_.append("<", 1);
+  buffer_.append(MARKER_RMT[kind], 0);
 }
-
-RecorderMessage::~RecorderMessage() { buffer_->~PrintBuffer(); }
 
 // "return" is only kept; "error" is kept and written only after a return value of -1; anything
 // else is written at once, at the width of the value's type.
@@ -27,47 +24,44 @@ void RecorderMessage::setSigned(RecorderMessageAttribute attribute, Value value)
     error_ = value;
     if (return_ != -1) return;
   }
-  if (buffer_) buffer_->appendAttr(attribute, value);
+  buffer_.appendAttr(attribute, value);
 }
 
 void RecorderMessage::set(RecorderMessageAttribute attribute, int value) { setSigned(attribute, value); }
 void RecorderMessage::set(RecorderMessageAttribute attribute, int64_t value) { setSigned(attribute, value); }
 
 void RecorderMessage::set(RecorderMessageAttribute attribute, unsigned value) {
-  if (buffer_) buffer_->appendAttr(attribute, value);
+  buffer_.appendAttr(attribute, value);
 }
 
 void RecorderMessage::set(RecorderMessageAttribute attribute, const char* text, int n) {
-  if (n < 0 || text == nullptr || buffer_ == nullptr) return;
-  buffer_->appendAttr(attribute, text, static_cast<unsigned>(n));
+  if (n < 0 || text == nullptr) return;
+  buffer_.appendAttr(attribute, text, static_cast<unsigned>(n));
 }
 
 void RecorderMessage::set(RecorderMessageAttribute attribute, const wchar_t* wide, int n) {
-  if (n < 0 || wide == nullptr || buffer_ == nullptr) return;
-  buffer_->appendAttr(attribute, wide, static_cast<unsigned>(n));
+  if (n < 0 || wide == nullptr) return;
+  buffer_.appendAttr(attribute, wide, static_cast<unsigned>(n));
 }
 
-void RecorderMessage::abandon() {
-  if (buffer_ != nullptr) buffer_->abandon();
-}
+void RecorderMessage::abandon() { buffer_.abandon(); }
 
 void RecorderMessage::setiovect(RecorderMessageAttribute attribute, const iovec* list, int count, uint64_t limit) {
-  if (list == nullptr || buffer_ == nullptr) return;
-  buffer_->appendAttr(attribute, list, count > 0 ? static_cast<unsigned>(count) : 0u, limit);
+  if (list == nullptr) return;
+  buffer_.appendAttr(attribute, list, count > 0 ? static_cast<unsigned>(count) : 0u, limit);
 }
 
 void RecorderMessage::finish() {
-  if (buffer_ == nullptr) return;
-  buffer_->append("/>", 2);
-  x_disp(DMK_DATA, "[%d]%s", sequence_, buffer_->toString());
-  buffer_->append("\n", 1);
+  buffer_.append("/>", 2);
+  x_disp(DMK_DATA, "[%d]%s", sequence_, buffer_.toString());
+  buffer_.append("\n", 1);
 }
 
 void RecorderMessage::display() const { x_disp(DMK_DATA, "[%d]%s", sequence_, toString()); }
 
-const char* RecorderMessage::toString() const { return buffer_ ? buffer_->toString() : ""; }
-unsigned RecorderMessage::length() const { return buffer_ ? buffer_->length() : 0; }
-bool RecorderMessage::complete() const { return buffer_ != nullptr && buffer_->complete(); }
+const char* RecorderMessage::toString() const { return buffer_.toString(); }
+unsigned RecorderMessage::length() const { return buffer_.length(); }
+bool RecorderMessage::complete() const { return buffer_.complete(); }
 
 RecorderMessage* createRecorderMessage(RecorderMessageKind kind, int32_t sequence) {
   void* memory = malloc(sizeof(RecorderMessage));

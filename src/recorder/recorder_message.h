@@ -11,7 +11,6 @@
 class RecorderMessage {
  public:
   RecorderMessage(RecorderMessageKind kind, int32_t sequence);
-  ~RecorderMessage();
   RecorderMessage(const RecorderMessage&) = delete;
   RecorderMessage& operator=(const RecorderMessage&) = delete;
 
@@ -39,8 +38,7 @@ class RecorderMessage {
   template <class Value>
   void setSigned(RecorderMessageAttribute attribute, Value value);
 
-  alignas(PrintBuffer) unsigned char bufferStorage_[sizeof(PrintBuffer)];
-  PrintBuffer* buffer_;
+  PrintBuffer buffer_;
   int32_t sequence_;
   int64_t return_;
   int64_t error_;
