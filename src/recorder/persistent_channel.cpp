@@ -6,8 +6,8 @@
 #include <stdint.h>
 #include <stdlib.h>
 #include <sys/socket.h>
-#include <time.h>
 
+#include "agent/monotonic_clock.h"
 #include "diag/debug_log.h"
 #include "diag/name_tables.h"
 #include "interpose/real_functions.h"
@@ -35,12 +35,6 @@ int channel = -1;
 uint64_t channelCookie = 0;
 int64_t restUntilNs = 0;
 
-int64_t nowNs() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
-
 uint64_t cookieOf(int fd) {
   uint64_t cookie = 0;
   socklen_t length = sizeof cookie;
@@ -51,7 +45,7 @@ uint64_t cookieOf(int fd) {
 // Waits until `fd` is ready for `events` or the deadline passes.
 bool waitFor(int fd, short events, int64_t deadlineNs) {
   for (;;) {
-    const int64_t left = deadlineNs - nowNs();
+    const int64_t left = deadlineNs - monotonicNs();
     if (left <= 0) return false;
     pollfd one = {fd, events, 0};
     const int ready = poll(&one, 1, static_cast<int>(left / 1000000) + 1);
@@ -154,7 +148,7 @@ bool persistentChannelOn() { return enabled; }
 
 void sendOnPersistentChannel(const sockaddr_in& recorder, const char* text, unsigned length) {
   const int savedErrno = errno;
-  const int64_t start = nowNs();
+  const int64_t start = monotonicNs();
   // The descriptor the host may have closed and reused is not the channel any more: forgotten,
   // never closed, since it is the host's now.
   if (channel >= 0 && cookieOf(channel) != channelCookie) dropChannel(false);
@@ -167,7 +161,7 @@ void sendOnPersistentChannel(const sockaddr_in& recorder, const char* text, unsi
   if (channel < 0 && start < restUntilNs) {
     x_disp(DMK_ERROR, "message dropped: the recorder channel is resting after a failure");
   } else if (channel < 0 && !connectChannel(recorder, start + kWriteBudgetNs)) {
-    restUntilNs = nowNs() + kRestNs;
+    restUntilNs = monotonicNs() + kRestNs;
     x_disp(DMK_ERROR, "message dropped: no connection to the recorder");
   } else if (!writeWhole(text, length, start + kWriteBudgetNs)) {
     const int error = errno;
@@ -175,7 +169,7 @@ void sendOnPersistentChannel(const sockaddr_in& recorder, const char* text, unsi
            getSocketErrorKind(error), getSocketErrorMsg(error));
     // Part of the line may have gone: only a new connection frames the next message cleanly.
     dropChannel(true);
-    restUntilNs = nowNs() + kRestNs;
+    restUntilNs = monotonicNs() + kRestNs;
   }
   errno = savedErrno;
 }

@@ -10,6 +10,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "agent/monotonic_clock.h"
 #include "interpose/real_functions.h"
 #include "interpose/symbol_versions.h"
 #include "recorder/shared_ring_layout.h"
@@ -36,12 +37,6 @@ char* ring = nullptr;
 typedef uint64_t __attribute__((aligned(8))) Counter;
 
 Counter* counter(size_t at) { return reinterpret_cast<Counter*>(ring + at); }
-
-int64_t nowNs() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
 
 // The descriptor goes with the offer byte, in one message of its own.
 bool handOver(int fd, int memory) {
@@ -120,7 +115,7 @@ bool writeToSharedRing(int fd, const char* text, unsigned length, int64_t deadli
       return false;
     }
     if (used == kCapacity) {
-      if (nowNs() >= deadlineNs) {
+      if (monotonicNs() >= deadlineNs) {
         errno = ETIMEDOUT;
         return false;
       }

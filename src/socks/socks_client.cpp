@@ -9,8 +9,8 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/select.h>
-#include <time.h>
 
+#include "agent/monotonic_clock.h"
 #include "diag/debug_log.h"
 #include "diag/name_tables.h"
 #include "interpose/real_functions.h"
@@ -30,11 +30,7 @@ const unsigned char kIpv4 = 0x01;
 const unsigned char kDomainName = 0x03;
 const unsigned char kIpv6 = 0x04;
 
-int64_t nowMs() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
+int64_t nowMs() { return monotonicNs() / 1000000; }
 
 void logSocketError(const char* format, int code) {
   x_disp(DMK_ERROR, format, code, getSocketErrorKind(code), getSocketErrorMsg(code));
