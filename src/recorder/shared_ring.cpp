@@ -32,11 +32,7 @@ const long kRoomWaitNs = 50 * 1000;
 bool wanted = false;
 char* ring = nullptr;
 
-// Aligned as the header places them: a 32-bit compiler otherwise assumes four bytes and makes
-// the atomic operations library calls.
-typedef uint64_t __attribute__((aligned(8))) Counter;
-
-Counter* counter(size_t at) { return reinterpret_cast<Counter*>(ring + at); }
+shared_ring::Word* counter(size_t at) { return shared_ring::wordAt(ring, at); }
 
 // The descriptor goes with the offer byte, in one message of its own.
 bool handOver(int fd, int memory) {

@@ -24,4 +24,10 @@ const uint64_t kLargestCapacity = 64u << 20;
 // The one byte that goes with the ring's descriptor, as the first byte of the connection.
 const char kOfferByte = '\x01';
 
+// A header word, aligned as the header places it: a 32-bit compiler otherwise assumes four bytes
+// and makes the atomic operations on it library calls.
+typedef uint64_t __attribute__((aligned(8))) Word;
+
+inline Word* wordAt(char* base, size_t at) { return reinterpret_cast<Word*>(base + at); }
+
 }  // namespace shared_ring

@@ -356,7 +356,7 @@ class TestRing {
   void setHead(uint64_t head) { __atomic_store_n(counter(shared_ring::kHeadAt), head, __ATOMIC_SEQ_CST); }
 
  private:
-  uint64_t* counter(size_t at) { return reinterpret_cast<uint64_t*>(base_ + at); }
+  shared_ring::Word* counter(size_t at) { return shared_ring::wordAt(base_, at); }
 
   uint64_t capacity_;
   int memory_ = -1;

@@ -9,16 +9,6 @@
 
 namespace talvex {
 
-namespace {
-
-// Aligned as the header places them: a 32-bit compiler otherwise assumes four bytes and makes
-// the atomic operations library calls.
-typedef uint64_t __attribute__((aligned(8))) Counter;
-
-Counter* counterIn(char* base, size_t at) { return reinterpret_cast<Counter*>(base + at); }
-
-}  // namespace
-
 RingMapping::RingMapping(RingMapping&& other) noexcept
     : base_(other.base_), size_(other.size_), capacity_(other.capacity_), tail_(other.tail_) {
   other.base_ = nullptr;
@@ -38,8 +28,8 @@ bool RingMapping::map(int fd) {
   if (mapped == MAP_FAILED) return false;
   base_ = static_cast<char*>(mapped);
   size_ = static_cast<size_t>(status.st_size);
-  capacity_ = __atomic_load_n(counterIn(base_, shared_ring::kCapacityAt), __ATOMIC_RELAXED);
-  const bool ring = __atomic_load_n(counterIn(base_, shared_ring::kMagicAt), __ATOMIC_RELAXED) == shared_ring::kMagic &&
+  capacity_ = __atomic_load_n(shared_ring::wordAt(base_, shared_ring::kCapacityAt), __ATOMIC_RELAXED);
+  const bool ring = __atomic_load_n(shared_ring::wordAt(base_, shared_ring::kMagicAt), __ATOMIC_RELAXED) == shared_ring::kMagic &&
                     capacity_ == size_ - shared_ring::kHeaderBytes && (capacity_ & (capacity_ - 1)) == 0;
   if (!ring) {
     unmap();
@@ -47,12 +37,12 @@ bool RingMapping::map(int fd) {
   }
   // Nothing is taken yet, whatever the header says.
   tail_ = 0;
-  __atomic_store_n(counterIn(base_, shared_ring::kTailAt), tail_, __ATOMIC_RELEASE);
+  __atomic_store_n(shared_ring::wordAt(base_, shared_ring::kTailAt), tail_, __ATOMIC_RELEASE);
   return true;
 }
 
 bool RingMapping::unread(std::string_view* first, std::string_view* second) const {
-  const uint64_t head = __atomic_load_n(counterIn(base_, shared_ring::kHeadAt), __ATOMIC_ACQUIRE);
+  const uint64_t head = __atomic_load_n(shared_ring::wordAt(base_, shared_ring::kHeadAt), __ATOMIC_ACQUIRE);
   const uint64_t written = head - tail_;
   if (written > capacity_) return false;
   const char* bytes = base_ + shared_ring::kHeaderBytes;
@@ -66,16 +56,16 @@ bool RingMapping::unread(std::string_view* first, std::string_view* second) cons
 
 void RingMapping::take(uint64_t n) {
   tail_ += n;
-  __atomic_store_n(counterIn(base_, shared_ring::kTailAt), tail_, __ATOMIC_RELEASE);
+  __atomic_store_n(shared_ring::wordAt(base_, shared_ring::kTailAt), tail_, __ATOMIC_RELEASE);
 }
 
 bool RingMapping::hasUnread() const {
-  return __atomic_load_n(counterIn(base_, shared_ring::kHeadAt), __ATOMIC_ACQUIRE) != tail_;
+  return __atomic_load_n(shared_ring::wordAt(base_, shared_ring::kHeadAt), __ATOMIC_ACQUIRE) != tail_;
 }
 
 bool RingMapping::askForDoorbell() {
-  __atomic_store_n(counterIn(base_, shared_ring::kAsleepAt), 1, __ATOMIC_SEQ_CST);
-  return __atomic_load_n(counterIn(base_, shared_ring::kHeadAt), __ATOMIC_SEQ_CST) != tail_;
+  __atomic_store_n(shared_ring::wordAt(base_, shared_ring::kAsleepAt), 1, __ATOMIC_SEQ_CST);
+  return __atomic_load_n(shared_ring::wordAt(base_, shared_ring::kHeadAt), __ATOMIC_SEQ_CST) != tail_;
 }
 
 void RingMapping::unmap() {
