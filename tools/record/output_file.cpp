@@ -66,10 +66,6 @@ void OutputFile::append(std::string_view bytes) {
   }
 }
 
-void OutputFile::flush() {
-  if (fd_ >= 0) writeHeld();
-}
-
 std::chrono::milliseconds OutputFile::flushWhenDue() {
   if (fd_ < 0 || heldBytes_ == 0) return std::chrono::milliseconds(-1);
   const auto held = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - heldSince_);

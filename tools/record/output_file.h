@@ -26,14 +26,11 @@ class OutputFile {
   bool create(const std::string& path, std::string* error);
   bool isOpen() const { return fd_ >= 0; }
   void append(std::string_view bytes);
-  // Hands everything held back to the system.
-  void flush();
   // Flushes what has been held back for kLongestHold; otherwise returns how long until it will
   // have been, or a negative duration when nothing is held.
   std::chrono::milliseconds flushWhenDue();
   // Flushes and closes; false if any write failed (what could not be written is dropped).
   bool close();
-  bool failed() const { return failed_; }
 
   static const size_t kBlock = 1u << 20;
   static constexpr std::chrono::milliseconds kLongestHold{20};

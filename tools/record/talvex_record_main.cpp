@@ -212,8 +212,7 @@ int main(int argc, char** argv) {
   // loopback does; the TCP port stays for any process that cannot reach the socket. Abstract: it
   // leaves no file behind however this process ends.
   const std::string localSocket = "@talvex-record-" + std::to_string(getpid());
-  std::string localError;
-  const bool local = endpoint.listenLocally(localSocket, &localError);
+  const bool local = endpoint.listenLocally(localSocket, nullptr);
   if (!endpoint.start(where.host, where.port, &error)) {
     fprintf(stderr, "talvex-record: cannot listen on %s: %s\n", o.listen.c_str(), error.c_str());
     return 1;
