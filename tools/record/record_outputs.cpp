@@ -4,7 +4,6 @@
 #include <string.h>
 
 #include <algorithm>
-#include <utility>
 
 #include "conversations.h"
 #include "message_json.h"
