@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <regex>
 #include <string>
@@ -538,6 +539,10 @@ TEST(TalvexRecord, OutputsReplaceAnEarlierRunsAndWriteThroughLinks) {
   ASSERT_EQ(lstat(tmp.file("link.raw").c_str(), &after), 0);
   EXPECT_TRUE(S_ISLNK(after.st_mode));
   EXPECT_EQ(kindsIn(tmp.file("target.raw")), recording);
+  // The earlier file went without leaving a name behind.
+  std::vector<std::string> names = listDirectory(tmp.path());
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"link.raw", "other-name", "own.raw", "shared.raw", "target.raw"}));
 }
 
 // A recording of many megabytes, its messages across the blocks the raw output is written in,

@@ -2,17 +2,37 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <thread>
 
 namespace talvex {
 
 OutputFile::~OutputFile() { close(); }
+
+void OutputFile::removeEarlier(const std::string& path) {
+  // Freeing a large file's pages takes a while, and is done by whoever drops the file's last
+  // reference. The file is moved aside under a name nobody uses and unlinked there on a thread
+  // of its own, while the command starts. A descriptor held open for that thread to close would
+  // not do: the command, forked meanwhile, inherits it, and its exec would then free the pages on
+  // the command's own time.
+  static unsigned moved = 0;
+  const std::string aside = path + ".talvex-old-" + std::to_string(getpid()) + "-" + std::to_string(++moved);
+  if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) == 0) {
+    try {
+      remover_ = std::thread([aside] { unlink(aside.c_str()); });
+      return;
+    } catch (...) {
+      unlink(aside.c_str());  // no thread to be had: freed here after all
+      return;
+    }
+  }
+  unlink(path.c_str());
+}
 
 bool OutputFile::create(const std::string& path, std::string* error) {
   close();
@@ -24,19 +44,7 @@ bool OutputFile::create(const std::string& path, std::string* error) {
   // recording costs more than writing it did. Anything else (a link to elsewhere, a file with other
   // names, a device, a pipe) is opened where it is, as any program would.
   struct stat existing;
-  if (lstat(path.c_str(), &existing) == 0 && S_ISREG(existing.st_mode) && existing.st_nlink == 1) {
-    // Freeing the old file's pages takes a while for a large one: it is done on a thread of its
-    // own, its last descriptor closed there, while the command starts.
-    const int old = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    unlink(path.c_str());
-    if (old >= 0) {
-      try {
-        std::thread([old] { ::close(old); }).detach();
-      } catch (...) {
-        ::close(old);  // no thread to be had: freed here after all
-      }
-    }
-  }
+  if (lstat(path.c_str(), &existing) == 0 && S_ISREG(existing.st_mode) && existing.st_nlink == 1) removeEarlier(path);
   fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   if (fd_ < 0) {
     *error = "cannot write " + path + ": " + strerror(errno);
@@ -90,6 +98,8 @@ void OutputFile::writeHeld() {
 }
 
 bool OutputFile::close() {
+  // The earlier file must be gone before this process can end, or its aside name would stay.
+  if (remover_.joinable()) remover_.join();
   if (fd_ < 0) return !failed_;
   writeHeld();
   if (::close(fd_) != 0) failed_ = true;

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <string>
 #include <string_view>
+#include <thread>
 
 namespace talvex {
 
@@ -37,6 +38,7 @@ class OutputFile {
 
  private:
   void writeHeld();
+  void removeEarlier(const std::string& path);
 
   int fd_ = -1;
   char* held_ = nullptr;  // kBlock bytes: what follows `written_` in the file
@@ -44,6 +46,7 @@ class OutputFile {
   uint64_t written_ = 0;
   std::chrono::steady_clock::time_point heldSince_;  // when the first byte held back came
   bool failed_ = false;
+  std::thread remover_;  // unlinks an earlier run's file
 };
 
 }  // namespace talvex
