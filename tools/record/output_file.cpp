@@ -5,7 +5,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -50,6 +52,14 @@ bool OutputFile::create(const std::string& path, std::string* error) {
     *error = "cannot write " + path + ": " + strerror(errno);
     return false;
   }
+  // ext4 takes a write into blocks allocated ahead (a block map already there, no delayed
+  // allocation to account for each page) for about two thirds of the work. On tmpfs allocating
+  // ahead costs more than it saves: pages are cleared first, then written over.
+  struct statfs system;
+  struct stat created;
+  preallocate_ = fstatfs(fd_, &system) == 0 && system.f_type == EXT4_SUPER_MAGIC && fstat(fd_, &created) == 0 &&
+                 S_ISREG(created.st_mode);
+  allocatedTo_ = 0;
   held_ = static_cast<char*>(malloc(kBlock));
   if (held_ == nullptr) {
     *error = "cannot write " + path + ": out of memory";
@@ -82,7 +92,18 @@ std::chrono::milliseconds OutputFile::flushWhenDue() {
   return std::chrono::milliseconds(-1);
 }
 
+void OutputFile::allocateAhead(uint64_t end) {
+  if (!preallocate_ || end <= allocatedTo_) return;
+  // Past the end of the file, which keeps its size: what is not written is given back at close.
+  if (fallocate(fd_, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(allocatedTo_), static_cast<off_t>(kAllocationStep)) != 0) {
+    preallocate_ = false;  // not supported, or the disk is nearly full: written as it comes
+    return;
+  }
+  allocatedTo_ += kAllocationStep;
+}
+
 void OutputFile::writeHeld() {
+  allocateAhead(written_ + heldBytes_);
   size_t done = 0;
   while (done < heldBytes_ && !failed_) {
     const ssize_t n = write(fd_, held_ + done, heldBytes_ - done);
@@ -102,6 +123,9 @@ bool OutputFile::close() {
   if (remover_.joinable()) remover_.join();
   if (fd_ < 0) return !failed_;
   writeHeld();
+  // Blocks allocated past what was written go back; the size stays what was written.
+  struct stat written;
+  if (allocatedTo_ != 0 && fstat(fd_, &written) == 0 && ftruncate(fd_, written.st_size) != 0) failed_ = true;
   if (::close(fd_) != 0) failed_ = true;
   fd_ = -1;
   free(held_);

@@ -35,10 +35,13 @@ class OutputFile {
 
   static const size_t kBlock = 1u << 20;
   static constexpr std::chrono::milliseconds kLongestHold{20};
+  static const uint64_t kAllocationStep = 64u << 20;
 
  private:
   void writeHeld();
   void removeEarlier(const std::string& path);
+  // Allocates the file's blocks ahead of a write that ends at `end`, where that saves work.
+  void allocateAhead(uint64_t end);
 
   int fd_ = -1;
   char* held_ = nullptr;  // kBlock bytes: what follows `written_` in the file
@@ -46,6 +49,8 @@ class OutputFile {
   uint64_t written_ = 0;
   std::chrono::steady_clock::time_point heldSince_;  // when the first byte held back came
   bool failed_ = false;
+  bool preallocate_ = false;
+  uint64_t allocatedTo_ = 0;  // blocks are allocated up to here
   std::thread remover_;  // unlinks an earlier run's file
 };
 
