@@ -576,6 +576,11 @@ TEST(TalvexRecord, ARecordingOfManyMegabytesIsWrittenWhole) {
   for (size_t i = 0; i < kSize; ++i) payload.push_back(static_cast<char>(i % 256));
   EXPECT_TRUE(sent == payload) << sent.size();
   EXPECT_TRUE(received == payload) << received.size();
+  // Blocks allocated ahead of the writes and not written were given back.
+  struct stat file;
+  ASSERT_EQ(stat(tmp.file("r.raw").c_str(), &file), 0);
+  EXPECT_EQ(static_cast<size_t>(file.st_size), raw.size());
+  EXPECT_LT(static_cast<size_t>(file.st_blocks) * 512, raw.size() + (1u << 20));
 }
 
 TEST(TalvexRecord, UnwritableOutputsStopTheRunBeforeItBegins) {
