@@ -118,14 +118,20 @@ void AgentInterface::sendAMessage(RecorderMessage& message) {
   }
   EndCriticalSectionBase(&criticalSectionMessage);
   message.finish();
+  // Only the persistent channel writes a held payload; the plain one sends the text as it stands.
+  if (message.holdsPayload() && !persistentChannelOn()) message.releasePayload();
   if (!message.complete()) {
     x_disp(DMK_ERROR, "[%d]message dropped: not enough memory to encode it", message.sequence());
     return;
   }
-  _sendAMessage(message.toString(), message.length());
+  deliver(message.outgoing());
 }
 
-void AgentInterface::_sendAMessage(const char* text, unsigned length) {
+void AgentInterface::_sendAMessage(const char* text, unsigned length) { deliver(OutgoingText{text, length, nullptr, 0}); }
+
+void AgentInterface::deliver(const OutgoingText& message) {
+  const char* const text = message.text;
+  const unsigned length = message.length;
   if (length == 0 || text == nullptr || agentInterfaceUnplugged) return;
   StartCriticalSectionBase(&criticalSectionSend);
   const int savedErrno = errno;
@@ -137,7 +143,7 @@ void AgentInterface::_sendAMessage(const char* text, unsigned length) {
   if (!addressUsable) {
     x_disp(DMK_ERROR, "no usable recorder address: message not sent");
   } else if (persistentChannelOn()) {
-    sendOnPersistentChannel(recorder, text, length);
+    sendOnPersistentChannel(recorder, message);
   } else {
     // Close-on-exec: a program the host starts while a message is on its way must not inherit it.
     const int fd = True_socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);

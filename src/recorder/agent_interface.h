@@ -33,6 +33,8 @@ class AgentInterface {
   void resetLocksAfterFork();
 
  private:
+  void deliver(const OutgoingText& message);
+
   pthread_mutex_t criticalSectionMessage;
   char recorderAddress[200];
   int32_t recorderPort;

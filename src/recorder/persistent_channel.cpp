@@ -121,14 +121,13 @@ bool connectChannel(const sockaddr_in& recorder, int64_t deadlineNs) {
   return true;
 }
 
-// Writes the whole text before the deadline, or says it could not.
-bool writeWhole(const char* text, unsigned length, int64_t deadlineNs) {
-  if (sharedRingActive()) return writeToSharedRing(channel, text, length, deadlineNs);
-  unsigned done = 0;
+// Writes the text before the deadline, or says it could not.
+bool sendWhole(const char* text, size_t length, int64_t deadlineNs) {
+  size_t done = 0;
   while (done < length) {
     const ssize_t n = True_send(channel, text + done, length - done, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n > 0) {
-      done += static_cast<unsigned>(n);
+      done += static_cast<size_t>(n);
     } else if (n < 0 && errno == EINTR) {
       continue;
     } else if (n < 0 && errno == EAGAIN) {
@@ -140,13 +139,29 @@ bool writeWhole(const char* text, unsigned length, int64_t deadlineNs) {
   return true;
 }
 
+// Writes the whole message before the deadline, or says it could not. A payload held for a ring
+// that has gone since is escaped a piece at a time on its way to the connection.
+bool writeWhole(const OutgoingText& message, int64_t deadlineNs) {
+  if (sharedRingActive()) return writeToSharedRing(channel, message, deadlineNs);
+  if (message.payload == nullptr) return sendWhole(message.text, message.length, deadlineNs);
+  if (!sendWhole(message.text, message.holeAt, deadlineNs)) return false;
+  PayloadPieces pieces(*message.payload);
+  const unsigned char* bytes;
+  size_t n;
+  char* scratch = pieceScratch();
+  while (pieces.next(kPieceBytes, &bytes, &n)) {
+    if (!sendWhole(scratch, static_cast<size_t>(escapeInto(scratch, bytes, n) - scratch), deadlineNs)) return false;
+  }
+  return sendWhole(message.text + message.holeAt, message.length - message.holeAt, deadlineNs);
+}
+
 }  // namespace
 
 void readPersistentChannel() { enabled = getenv(kPersistentChannelVariable) != nullptr; }
 
 bool persistentChannelOn() { return enabled; }
 
-void sendOnPersistentChannel(const sockaddr_in& recorder, const char* text, unsigned length) {
+void sendOnPersistentChannel(const sockaddr_in& recorder, const OutgoingText& message) {
   const int savedErrno = errno;
   const int64_t start = monotonicNs();
   // The descriptor the host may have closed and reused is not the channel any more: forgotten,
@@ -163,7 +178,7 @@ void sendOnPersistentChannel(const sockaddr_in& recorder, const char* text, unsi
   } else if (channel < 0 && !connectChannel(recorder, start + kWriteBudgetNs)) {
     restUntilNs = monotonicNs() + kRestNs;
     x_disp(DMK_ERROR, "message dropped: no connection to the recorder");
-  } else if (!writeWhole(text, length, start + kWriteBudgetNs)) {
+  } else if (!writeWhole(message, start + kWriteBudgetNs)) {
     const int error = errno;
     x_disp(DMK_ERROR, "message dropped: the recorder took no more within the time allowed (%d %s : %s)", error,
            getSocketErrorKind(error), getSocketErrorMsg(error));

@@ -14,6 +14,8 @@
 
 #include <netinet/in.h>
 
+#include "recorder/held_payload.h"
+
 extern const char* const kPersistentChannelVariable;
 
 // Read at start-up, with the other switches.
@@ -21,6 +23,6 @@ void readPersistentChannel();
 bool persistentChannelOn();
 // Writes one message on the process's connection to `recorder`, connecting first if need be.
 // Called with the channel's send lock held.
-void sendOnPersistentChannel(const sockaddr_in& recorder, const char* text, unsigned length);
+void sendOnPersistentChannel(const sockaddr_in& recorder, const OutgoingText& message);
 // In a forked child: the parent's connection is not the child's.
 void leavePersistentChannelAfterFork();

@@ -69,7 +69,7 @@ void release(char* array, unsigned capacity) {
 }  // namespace
 
 PrintBuffer::PrintBuffer()
-    : data_(takeArray()), capacity_(kInitialCapacity), length_(0), complete_(true) {
+    : data_(takeArray()), capacity_(kInitialCapacity), length_(0), complete_(true), held_(), holeAt_(0) {
   if (data_ != nullptr) {
     data_[0] = '\0';
   } else {
@@ -193,16 +193,31 @@ void PrintBuffer::appendAttr(RecorderMessageAttribute attribute, int64_t value) 
   endData();
 }
 
+void PrintBuffer::escapeAt(const HeldPayload& payload, unsigned at) {
+  const uint64_t size = escapedSizeOfHeld(payload);
+  // The escape's last store may overshoot its end: at the end of the text the margin takes it,
+  // and text that follows the hole waits past it until the escape is written, then closes up.
+  const unsigned after = length_ - at;
+  const unsigned gap = after != 0 ? kEscapeSlack : 0;
+  if (size == 0 || !reserve(size + gap, kAppendMargin)) return;
+  char* hole = data_ + at;
+  if (after != 0) memmove(hole + size + gap, hole, after);
+  PayloadPieces pieces(payload);
+  const unsigned char* bytes;
+  size_t n;
+  char* out = hole;
+  while (pieces.next(static_cast<size_t>(-1), &bytes, &n)) out = escapeInto(out, bytes, n);
+  if (after != 0) memmove(hole + size, hole + size + gap, after);
+  length_ += static_cast<unsigned>(size);
+  data_[length_] = '\0';
+}
+
 void PrintBuffer::appendAttr(RecorderMessageAttribute attribute, const char* text, unsigned n) {
   if (text == nullptr) return;
   startData(attribute, RMAT_AS);
   if (n == 0) n = static_cast<unsigned>(strlen(text));
-  const unsigned char* bytes = reinterpret_cast<const unsigned char*>(text);
-  const uint64_t size = escapedSizeOf(bytes, n);
-  if (size != 0 && reserve(size, kAppendMargin)) {
-    length_ = static_cast<unsigned>(escapeInto(data_ + length_, bytes, n) - data_);
-    data_[length_] = '\0';
-  }
+  const iovec whole = {const_cast<char*>(text), n};
+  escapeAt(HeldPayload{&whole, 1, n, {nullptr, 0}}, length_);
   endData();
 }
 
@@ -216,31 +231,47 @@ void PrintBuffer::appendAttr(RecorderMessageAttribute attribute, const wchar_t* 
 void PrintBuffer::appendAttr(RecorderMessageAttribute attribute, const iovec* list, unsigned count, uint64_t limit) {
   if (list == nullptr) return;
   startData(attribute, RMAT_AS);
-  // The bytes of each vector up to `limit` in all; a null vector has nothing to read (the C
-  // library refused it too).
-  auto taken = [&](unsigned i, uint64_t before) -> size_t {
-    if (list[i].iov_base == nullptr || before >= limit) return 0;
-    return limit - before < list[i].iov_len ? static_cast<size_t>(limit - before) : list[i].iov_len;
-  };
-  uint64_t size = 0;
-  uint64_t before = 0;
-  for (unsigned i = 0; i < count && before < limit; ++i) {
-    const size_t n = taken(i, before);
-    size += escapedSizeOf(static_cast<const unsigned char*>(list[i].iov_base), n);
-    before += n;
-  }
-  if (size != 0 && reserve(size, kAppendMargin)) {
-    char* out = data_ + length_;
-    before = 0;
-    for (unsigned i = 0; i < count && before < limit; ++i) {
-      const size_t n = taken(i, before);
-      out = escapeInto(out, static_cast<const unsigned char*>(list[i].iov_base), n);
-      before += n;
-    }
-    length_ = static_cast<unsigned>(out - data_);
-    data_[length_] = '\0';
-  }
+  escapeAt(HeldPayload{list, count, limit, {nullptr, 0}}, length_);
   endData();
+}
+
+void PrintBuffer::hold(const iovec* list, unsigned count, uint64_t limit) {
+  held_.list = list;
+  held_.count = count;
+  held_.limit = limit;
+  holeAt_ = length_;
+}
+
+void PrintBuffer::appendHeldAttr(RecorderMessageAttribute attribute, const char* text, unsigned n) {
+  if (holdsPayload() || text == nullptr || n == 0) {
+    appendAttr(attribute, text, n);
+    return;
+  }
+  startData(attribute, RMAT_AS);
+  held_.single = {const_cast<char*>(text), n};
+  hold(&held_.single, 1, n);
+  endData();
+}
+
+void PrintBuffer::appendHeldAttr(RecorderMessageAttribute attribute, const iovec* list, unsigned count,
+                                 uint64_t limit) {
+  if (holdsPayload() || list == nullptr) {
+    appendAttr(attribute, list, count, limit);
+    return;
+  }
+  startData(attribute, RMAT_AS);
+  hold(list, count, limit);
+  endData();
+}
+
+void PrintBuffer::releasePayload() {
+  if (!holdsPayload()) return;
+  escapeAt(held_, holeAt_);
+  held_ = HeldPayload();
+}
+
+OutgoingText PrintBuffer::outgoing() const {
+  return OutgoingText{toString(), length_, holdsPayload() ? &held_ : nullptr, holeAt_};
 }
 
 void PrintBuffer::expand(unsigned n) { reserve(n, kExpandMargin); }

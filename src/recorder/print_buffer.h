@@ -5,6 +5,7 @@
 #include <sys/uio.h>
 #include <wchar.h>
 
+#include "recorder/held_payload.h"
 #include "recorder/recorder_vocabulary.h"
 
 class PrintBuffer {
@@ -33,6 +34,14 @@ class PrintBuffer {
   void appendAttr(RecorderMessageAttribute attribute, const char* text, unsigned n);
   void appendAttr(RecorderMessageAttribute attribute, const wchar_t* wide, unsigned n);
   void appendAttr(RecorderMessageAttribute attribute, const iovec* list, unsigned count, uint64_t limit);
+  // The same attributes with their bytes held by reference (see held_payload.h): the text then
+  // lacks their escape at the hole until releasePayload() puts it there, or a writer does on its
+  // way out. One payload is held at most; a second is escaped at once.
+  void appendHeldAttr(RecorderMessageAttribute attribute, const char* text, unsigned n);
+  void appendHeldAttr(RecorderMessageAttribute attribute, const iovec* list, unsigned count, uint64_t limit);
+  bool holdsPayload() const { return held_.list != nullptr; }
+  void releasePayload();
+  OutgoingText outgoing() const;
 
   void expand(unsigned n);
   const char* toString() const;
@@ -47,9 +56,14 @@ class PrintBuffer {
   // Room for `n` more bytes plus `margin`, by the growth rule; false when memory is exhausted.
   bool reserve(uint64_t n, unsigned margin);
   void appendDigits(uint64_t bits, int minimumDigits);
+  // Escapes `payload` into the text at `at`, moving what follows.
+  void escapeAt(const HeldPayload& payload, unsigned at);
+  void hold(const iovec* list, unsigned count, uint64_t limit);
 
   char* data_;
   unsigned capacity_;
   unsigned length_;
   bool complete_;
+  HeldPayload held_;
+  unsigned holeAt_;
 };

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include "diag/debug_log.h"
+#include "recorder/shared_ring.h"
 
 // The buffer lives inside the message: building one costs no allocation of its own.
 RecorderMessage::RecorderMessage(RecorderMessageKind kind, int32_t sequence)
@@ -34,9 +35,18 @@ void RecorderMessage::set(RecorderMessageAttribute attribute, unsigned value) {
   buffer_.appendAttr(attribute, value);
 }
 
+// A large payload bound for a shared ring is escaped into the ring, not into this buffer first.
+bool RecorderMessage::holdsPayloadOf(RecorderMessageAttribute attribute, uint64_t bytes) {
+  return attribute == RMA_DATA && bytes >= kHeldPayloadBytes && sharedRingActive();
+}
+
 void RecorderMessage::set(RecorderMessageAttribute attribute, const char* text, int n) {
   if (n < 0 || text == nullptr) return;
-  buffer_.appendAttr(attribute, text, static_cast<unsigned>(n));
+  if (holdsPayloadOf(attribute, static_cast<unsigned>(n))) {
+    buffer_.appendHeldAttr(attribute, text, static_cast<unsigned>(n));
+  } else {
+    buffer_.appendAttr(attribute, text, static_cast<unsigned>(n));
+  }
 }
 
 void RecorderMessage::set(RecorderMessageAttribute attribute, const wchar_t* wide, int n) {
@@ -48,11 +58,18 @@ void RecorderMessage::abandon() { buffer_.abandon(); }
 
 void RecorderMessage::setiovect(RecorderMessageAttribute attribute, const iovec* list, int count, uint64_t limit) {
   if (list == nullptr) return;
-  buffer_.appendAttr(attribute, list, count > 0 ? static_cast<unsigned>(count) : 0u, limit);
+  const unsigned vectors = count > 0 ? static_cast<unsigned>(count) : 0u;
+  if (holdsPayloadOf(attribute, limit)) {
+    buffer_.appendHeldAttr(attribute, list, vectors, limit);
+  } else {
+    buffer_.appendAttr(attribute, list, vectors, limit);
+  }
 }
 
 void RecorderMessage::finish() {
   buffer_.append("/>", 2);
+  // The log line shows the message whole.
+  if (buffer_.holdsPayload() && logLineWanted(DMK_DATA)) buffer_.releasePayload();
   x_disp(DMK_DATA, "[%d]%s", sequence_, buffer_.toString());
   buffer_.append("\n", 1);
 }

@@ -29,14 +29,20 @@ class RecorderMessage {
 
   void finish();
   void display() const;
+  // The text and length of a message that holds no payload (see releasePayload).
   const char* toString() const;
   unsigned length() const;
+  // The message as it goes out, a held payload's escape still to be written in its place.
+  OutgoingText outgoing() const { return buffer_.outgoing(); }
+  bool holdsPayload() const { return buffer_.holdsPayload(); }
+  void releasePayload() { buffer_.releasePayload(); }
   bool complete() const;
   int32_t sequence() const { return sequence_; }
 
  private:
   template <class Value>
   void setSigned(RecorderMessageAttribute attribute, Value value);
+  static bool holdsPayloadOf(RecorderMessageAttribute attribute, uint64_t bytes);
 
   PrintBuffer buffer_;
   int32_t sequence_;

@@ -13,6 +13,7 @@
 #include "agent/monotonic_clock.h"
 #include "interpose/real_functions.h"
 #include "interpose/symbol_versions.h"
+#include "recorder/held_payload.h"
 #include "recorder/shared_ring_layout.h"
 
 // The first fcntl of each ABI: the agent loads on C libraries older than the one it is built on.
@@ -73,7 +74,9 @@ void readSharedRing() { wanted = getenv(kSharedRingVariable) != nullptr; }
 
 bool sharedRingWanted() { return wanted; }
 
-bool sharedRingActive() { return ring != nullptr; }
+// Asked without the send lock, by a thread deciding how to build its message: an answer that is
+// out of date by the time the message goes costs only the way it is written.
+bool sharedRingActive() { return __atomic_load_n(&ring, __ATOMIC_RELAXED) != nullptr; }
 
 bool offerSharedRing(int fd) {
   dropSharedRing();
@@ -86,7 +89,7 @@ bool offerSharedRing(int fd) {
   }
   bool offered = false;
   if (mapped != MAP_FAILED) {
-    ring = static_cast<char*>(mapped);
+    __atomic_store_n(&ring, static_cast<char*>(mapped), __ATOMIC_RELAXED);
     *counter(shared_ring::kMagicAt) = shared_ring::kMagic;
     *counter(shared_ring::kCapacityAt) = kCapacity;
     // Until the recorder says otherwise, it waits for a doorbell.
@@ -99,45 +102,106 @@ bool offerSharedRing(int fd) {
   return offered;
 }
 
-bool writeToSharedRing(int fd, const char* text, unsigned length, int64_t deadlineNs) {
-  char* bytes = ring + shared_ring::kHeaderBytes;
-  uint64_t head = __atomic_load_n(counter(shared_ring::kHeadAt), __ATOMIC_RELAXED);
-  unsigned done = 0;
-  while (done < length) {
-    const uint64_t used = head - __atomic_load_n(counter(shared_ring::kTailAt), __ATOMIC_ACQUIRE);
-    // More in use than the ring holds is a tail the recorder had no business writing.
-    if (used > kCapacity) {
-      errno = EPROTO;
-      return false;
+namespace {
+
+// Writes at the ring's head. What it writes is made visible to the recorder when the message is
+// whole, or when the ring is full of it: a recorder that sees whole messages hands them on where
+// they lie, one that sees a part of one copies it aside until the rest comes.
+class RingWriter {
+ public:
+  RingWriter(int fd, int64_t deadlineNs)
+      : fd_(fd),
+        deadlineNs_(deadlineNs),
+        head_(__atomic_load_n(counter(shared_ring::kHeadAt), __ATOMIC_RELAXED)),
+        published_(head_) {}
+
+  bool copy(const char* text, size_t length) {
+    while (length != 0) {
+      char* at;
+      const size_t room = waitForRoom(&at);
+      if (room == 0) return false;
+      const size_t n = room < length ? room : length;
+      memcpy(at, text, n);
+      text += n;
+      length -= n;
+      head_ += n;
     }
-    if (used == kCapacity) {
-      if (monotonicNs() >= deadlineNs) {
+    return true;
+  }
+
+  // One piece of a payload, of at most kPieceBytes, escaped where it goes when the room at the
+  // head takes its escape (and the escaper's overshoot), else through the scratch buffer.
+  bool escape(const unsigned char* bytes, size_t n) {
+    char* at;
+    const size_t room = waitForRoom(&at);
+    if (room == 0) return false;
+    if (room >= 6 * n + kEscapeSlack || room >= escapedSizeOf(bytes, n) + kEscapeSlack) {
+      head_ += static_cast<size_t>(escapeInto(at, bytes, n) - at);
+      return true;
+    }
+    char* scratch = pieceScratch();
+    return copy(scratch, static_cast<size_t>(escapeInto(scratch, bytes, n) - scratch));
+  }
+
+  bool publish() {
+    if (published_ == head_) return true;
+    published_ = head_;
+    // Sequentially consistent with the recorder's going to sleep: either it sees this head
+    // before it waits, or this sees that it waits.
+    __atomic_store_n(counter(shared_ring::kHeadAt), head_, __ATOMIC_SEQ_CST);
+    return __atomic_exchange_n(counter(shared_ring::kAsleepAt), 0, __ATOMIC_SEQ_CST) == 0 || ringDoorbell(fd_);
+  }
+
+ private:
+  // The free bytes that follow the head without wrapping, waiting within the deadline while there
+  // are none; 0 with errno set when there will be none.
+  size_t waitForRoom(char** at) {
+    for (;;) {
+      const uint64_t used = head_ - __atomic_load_n(counter(shared_ring::kTailAt), __ATOMIC_ACQUIRE);
+      // More in use than the ring holds is a tail the recorder had no business writing.
+      if (used > kCapacity) {
+        errno = EPROTO;
+        return 0;
+      }
+      if (used < kCapacity) {
+        const size_t offset = static_cast<size_t>(head_ % kCapacity);
+        const uint64_t toEnd = kCapacity - offset;
+        *at = ring + shared_ring::kHeaderBytes + offset;
+        return static_cast<size_t>(kCapacity - used < toEnd ? kCapacity - used : toEnd);
+      }
+      // Full, and only the recorder can make room: it must see what is there.
+      if (!publish()) return 0;
+      if (monotonicNs() >= deadlineNs_) {
         errno = ETIMEDOUT;
-        return false;
+        return 0;
       }
       const timespec pause = {0, kRoomWaitNs};
       nanosleep(&pause, nullptr);
-      continue;
-    }
-    const uint64_t room = kCapacity - used;
-    const unsigned n = room < length - done ? static_cast<unsigned>(room) : length - done;
-    const size_t at = static_cast<size_t>(head % kCapacity);
-    const size_t first = n < kCapacity - at ? n : static_cast<size_t>(kCapacity - at);
-    memcpy(bytes + at, text + done, first);
-    memcpy(bytes, text + done + first, n - first);
-    head += n;
-    done += n;
-    // Sequentially consistent with the recorder's going to sleep: either it sees this head
-    // before it waits, or this sees that it waits.
-    __atomic_store_n(counter(shared_ring::kHeadAt), head, __ATOMIC_SEQ_CST);
-    if (__atomic_exchange_n(counter(shared_ring::kAsleepAt), 0, __ATOMIC_SEQ_CST) != 0 && !ringDoorbell(fd)) {
-      return false;
     }
   }
-  return true;
+
+  const int fd_;
+  const int64_t deadlineNs_;
+  uint64_t head_;
+  uint64_t published_;
+};
+
+}  // namespace
+
+bool writeToSharedRing(int fd, const OutgoingText& message, int64_t deadlineNs) {
+  RingWriter writer(fd, deadlineNs);
+  if (message.payload == nullptr) return writer.copy(message.text, message.length) && writer.publish();
+  if (!writer.copy(message.text, message.holeAt)) return false;
+  PayloadPieces pieces(*message.payload);
+  const unsigned char* bytes;
+  size_t n;
+  while (pieces.next(kPieceBytes, &bytes, &n)) {
+    if (!writer.escape(bytes, n)) return false;
+  }
+  return writer.copy(message.text + message.holeAt, message.length - message.holeAt) && writer.publish();
 }
 
 void dropSharedRing() {
   if (ring != nullptr) munmap(ring, kMappedBytes);
-  ring = nullptr;
+  __atomic_store_n(&ring, static_cast<char*>(nullptr), __ATOMIC_RELAXED);
 }

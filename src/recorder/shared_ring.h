@@ -14,6 +14,8 @@
 
 #include <stdint.h>
 
+#include "recorder/held_payload.h"
+
 extern const char* const kSharedRingVariable;
 
 // Read at start-up, with the other switches.
@@ -23,8 +25,9 @@ bool sharedRingWanted();
 // there. False when none could be made: the messages then go on the connection itself.
 bool offerSharedRing(int fd);
 bool sharedRingActive();
-// Writes `text` into the ring, waiting for room until the deadline, and rings the doorbell on
-// `fd`. False when it could not: part of the text may be in the ring, so the connection must go.
-bool writeToSharedRing(int fd, const char* text, unsigned length, int64_t deadlineNs);
+// Writes the message into the ring, escaping a held payload there, waiting for room until the
+// deadline, and rings the doorbell on `fd`. False when it could not: part of the message may be
+// in the ring, so the connection must go.
+bool writeToSharedRing(int fd, const OutgoingText& message, int64_t deadlineNs);
 // The ring goes with its connection.
 void dropSharedRing();

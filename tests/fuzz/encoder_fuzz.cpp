@@ -60,6 +60,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     PrintBuffer buffer;
     buffer.appendAttr(RMA_DATA, vectors, 2, static_cast<uint64_t>(size));
     expect(std::string(buffer.toString(), buffer.length()) == expected, "vectors");
+    // Held by reference with text after it, and escaped into its place later.
+    PrintBuffer held;
+    held.appendHeldAttr(RMA_DATA, vectors, 2, static_cast<uint64_t>(size));
+    held.append("/>", 2);
+    held.releasePayload();
+    expect(std::string(held.toString(), held.length()) == expected + "/>", "held vectors");
   }
   return 0;
 }

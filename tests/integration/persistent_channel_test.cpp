@@ -232,6 +232,44 @@ TEST(PersistentChannel, ASharedRingCarriesEveryProcesssMessagesWhole) {
   EXPECT_EQ(logOf(logs).find("no shared ring"), std::string::npos) << logOf(logs);
 }
 
+// Large payloads in vectors, read by the agent from the program's own vectors as it writes each
+// message into the ring: every byte each way, each message's data as long as its call's result.
+TEST(PersistentChannel, ASharedRingCarriesLargeVectorsWhole) {
+  EchoServer echo;
+  const std::string name = "@talvex-ring-vectors-test-" + std::to_string(getpid());
+  talvex::RecorderEndpoint endpoint;
+  ASSERT_TRUE(endpoint.listenLocally(name, nullptr));
+  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+  TempDir logs;
+  const ProcessResult r =
+      runProcess({kRecordingProbePath, "big-vectors", std::to_string(echo.port())},
+                 persistentTo(closedLoopbackPort(), logs,
+                              {{"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", name}, {"TALVEX_SOCKET_AGENT_SHARED_RING", "1"}}));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_NE(r.out.find("same 1\n"), std::string::npos) << r.out;
+  endpoint.waitForQuiet(300ms, 10s);
+  std::string payload;
+  for (size_t i = 0; i < 100000; ++i) payload.push_back(static_cast<char>(i * 13));
+  std::string sent, received;
+  size_t sends = 0;
+  for (const auto& m : parsedOrFail(endpoint.messages())) {
+    const auto* data = m.find("data");
+    if (data == nullptr) continue;
+    ASSERT_NE(m.find("length"), nullptr) << m.kind;
+    EXPECT_EQ(static_cast<int64_t>(data->bytes.size()), m.find("length")->integer) << m.kind;
+    if (m.kind == "send") {
+      sent += data->bytes;
+      ++sends;
+    }
+    if (m.kind == "receive") received += data->bytes;
+  }
+  EXPECT_EQ(sends, 2u);
+  EXPECT_TRUE(sent == payload + payload) << sent.size();
+  EXPECT_TRUE(received == payload + payload) << received.size();
+  EXPECT_EQ(endpoint.sharedRingCount(), 1u);
+  EXPECT_EQ(logOf(logs).find("message dropped"), std::string::npos) << logOf(logs);
+}
+
 TEST(PersistentChannel, ARestartedRecorderReceivesWhatFollows) {
   EchoServer echo;
   TempDir logs;

@@ -160,6 +160,37 @@ static int scenarioBytes(int port, long size) {
   return 0;
 }
 
+/* Vectors of tens of kilobytes out (an empty one and two with no length among them), twice, and
+ * in, with more room than comes; the echo comes back whole. */
+static int scenarioBigVectors(int port) {
+  int s = connected(port);
+  const size_t size = 100000, room = 2 * size + 50000;
+  char* data = malloc(size);
+  char* back = malloc(room);
+  for (size_t i = 0; i < size; ++i) data[i] = (char)(i * 13);
+  struct iovec out[4] = {{data, 30000}, {NULL, 0}, {data + 30000, 0}, {data + 30000, size - 30000}};
+  struct msghdr message;
+  memset(&message, 0, sizeof message);
+  message.msg_iov = out;
+  message.msg_iovlen = 4;
+  report("sendmsg", sendmsg(s, &message, 0));
+  report("sendmsg", sendmsg(s, &message, 0));
+  size_t got = 0;
+  while (got < 2 * size) {
+    struct iovec in[3] = {{back + got, 7000}, {NULL, 0}, {back + got + 7000, room - got - 7000}};
+    message.msg_iov = in;
+    message.msg_iovlen = 3;
+    const ssize_t n = recvmsg(s, &message, 0);
+    if (n <= 0) return 4;
+    got += (size_t)n;
+  }
+  printf("same %d\n", memcmp(back, data, size) == 0 && memcmp(back + size, data, size) == 0);
+  report("close", close(s));
+  free(data);
+  free(back);
+  return 0;
+}
+
 static int scenarioUnix(const char* path) {
   int l = socket(AF_UNIX, SOCK_STREAM, 0);
   struct sockaddr_un a;
@@ -628,6 +659,7 @@ int main(int argc, char** argv) {
   if (strcmp(s, "recv-zero") == 0 && argc >= 3) return scenarioRecvZero(atoi(argv[2]));
   if (strcmp(s, "vectors") == 0 && argc >= 3) return scenarioVectors(atoi(argv[2]));
   if (strcmp(s, "bytes") == 0 && argc >= 4) return scenarioBytes(atoi(argv[2]), atol(argv[3]));
+  if (strcmp(s, "big-vectors") == 0 && argc >= 3) return scenarioBigVectors(atoi(argv[2]));
   if (strcmp(s, "unix") == 0 && argc >= 3) return scenarioUnix(argv[2]);
   if (strcmp(s, "resolve") == 0 && argc >= 4) return scenarioResolve(argv[2], argv[3]);
   if (strcmp(s, "select-ready") == 0 && argc >= 3) return scenarioSelectReady(atoi(argv[2]));
