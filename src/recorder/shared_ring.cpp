@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <linux/futex.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -27,8 +28,9 @@ namespace {
 // process and its forked children do not pin much memory (pages are taken as they are written).
 const uint64_t kCapacity = 4u << 20;
 const size_t kMappedBytes = shared_ring::kHeaderBytes + kCapacity;
-// How long the host sleeps at a time while the ring is full.
-const long kRoomWaitNs = 50 * 1000;
+// The longest the host waits at a time for the recorder to make room; the recorder wakes it
+// sooner, as soon as it has.
+const int64_t kRoomWaitNs = 1000 * 1000;
 
 bool wanted = false;
 char* ring = nullptr;
@@ -143,6 +145,18 @@ class RingWriter {
     return copy(scratch, static_cast<size_t>(escapeInto(scratch, bytes, n) - scratch));
   }
 
+  // Until the recorder moves the tail on from where it leaves this full ring, or for `leftNs`.
+  void waitForTail(int64_t leftNs) {
+    const uint64_t tail = head_ - kCapacity;
+    shared_ring::Word* tailWord = counter(shared_ring::kTailAt);
+    __atomic_store_n(counter(shared_ring::kWriterWaitingAt), 1, __ATOMIC_SEQ_CST);
+    if (__atomic_load_n(tailWord, __ATOMIC_SEQ_CST) != tail) return;
+    const int64_t waitNs = leftNs < kRoomWaitNs ? leftNs : kRoomWaitNs;
+    const timespec timeout = {0, static_cast<long>(waitNs > 0 ? waitNs : 0)};
+    // The tail's low half, where a little-endian machine keeps it.
+    syscall(SYS_futex, reinterpret_cast<uint32_t*>(tailWord), FUTEX_WAIT, static_cast<uint32_t>(tail), &timeout, nullptr, 0);
+  }
+
   bool publish() {
     if (published_ == head_) return true;
     published_ = head_;
@@ -175,8 +189,7 @@ class RingWriter {
         errno = ETIMEDOUT;
         return 0;
       }
-      const timespec pause = {0, kRoomWaitNs};
-      nanosleep(&pause, nullptr);
+      waitForTail(deadlineNs_ - monotonicNs());
     }
   }
 

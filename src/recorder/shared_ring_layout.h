@@ -4,6 +4,10 @@
 // the tail (what it has taken), each on a cache line of its own. The recorder sets the asleep
 // word before it waits; the agent, having written, takes it back to 0 and, if it was set, rings
 // the doorbell on the connection: a recorder that is busy anyway is not woken once a message.
+// The other way round, an agent that finds the ring full sets the writer-waiting word and waits
+// on the low 32 bits of the tail (a futex, shared by both mappings); the recorder, having moved
+// the tail, takes the word back to 0 and, if it was set, wakes it: room is used as soon as it is
+// made, not after a fixed pause.
 #pragma once
 
 #include <stddef.h>
@@ -18,6 +22,7 @@ const size_t kCapacityAt = 8;
 const size_t kHeadAt = 64;
 const size_t kTailAt = 128;
 const size_t kAsleepAt = 192;
+const size_t kWriterWaitingAt = 256;
 // The recorder takes capacities that are powers of two within these bounds.
 const uint64_t kSmallestCapacity = 64u << 10;
 const uint64_t kLargestCapacity = 64u << 20;

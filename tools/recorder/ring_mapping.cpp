@@ -1,8 +1,11 @@
 #include "ring_mapping.h"
 
 #include <fcntl.h>
+#include <linux/futex.h>
+#include <stdint.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "recorder/shared_ring_layout.h"
@@ -56,7 +59,14 @@ bool RingMapping::unread(std::string_view* first, std::string_view* second) cons
 
 void RingMapping::take(uint64_t n) {
   tail_ += n;
-  __atomic_store_n(shared_ring::wordAt(base_, shared_ring::kTailAt), tail_, __ATOMIC_RELEASE);
+  // Sequentially consistent with the agent's going to wait for room: either it sees this tail
+  // before it waits, or this sees that it waits.
+  __atomic_store_n(shared_ring::wordAt(base_, shared_ring::kTailAt), tail_, __ATOMIC_SEQ_CST);
+  shared_ring::Word* waiting = shared_ring::wordAt(base_, shared_ring::kWriterWaitingAt);
+  if (__atomic_load_n(waiting, __ATOMIC_SEQ_CST) != 0 && __atomic_exchange_n(waiting, 0, __ATOMIC_SEQ_CST) != 0) {
+    syscall(SYS_futex, reinterpret_cast<uint32_t*>(shared_ring::wordAt(base_, shared_ring::kTailAt)), FUTEX_WAKE, 1,
+            nullptr, nullptr, 0);
+  }
 }
 
 bool RingMapping::hasUnread() const {
