@@ -390,6 +390,50 @@ TEST(RecorderEndpoint, MessagesThroughASharedRingArriveWholeAndInOrder) {
   EXPECT_EQ(endpoint.cutCount(), 0u);
 }
 
+// With a lasting handler, a message that lies whole in the ring goes there and stays as it was
+// until the next settle, which comes before the ring's bytes go back to the writer; a message
+// that reached the endpoint in pieces goes to the plain handler. Between them, every message in
+// order.
+TEST(RecorderEndpoint, MessagesLyingInARingStayUntilSettled) {
+  const std::string name = "@talvex-ring-lasting-test-" + std::to_string(getpid());
+  RecorderEndpoint endpoint;
+  std::vector<std::string> arrived;
+  std::vector<std::pair<std::string_view, std::string>> unsettled;
+  size_t lasting = 0, settles = 0, changed = 0;
+  endpoint.setHandler([&](std::string_view message) { arrived.emplace_back(message); });
+  endpoint.setLastingHandler(
+      [&](std::string_view message) {
+        arrived.emplace_back(message);
+        unsettled.emplace_back(message, std::string(message));
+        ++lasting;
+      },
+      [&] {
+        for (const auto& view : unsettled) changed += view.first != view.second;
+        unsettled.clear();
+        ++settles;
+      });
+  endpoint.keepMessages(false);
+  ASSERT_TRUE(endpoint.listenLocally(name, nullptr));
+  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+  const int local = connectLocally(name);
+  TestRing ring(shared_ring::kSmallestCapacity, true);
+  ASSERT_TRUE(ring.offer(local));
+  std::vector<std::string> sent;
+  for (int i = 0; i < 300; ++i) {
+    const size_t length = i % 50 == 7 ? 150000 : static_cast<size_t>(i) * 37 % 3000;
+    sent.push_back("<send n_I4=\"" + std::to_string(i) + "\" data_AS=\"" + std::string(length, 'a' + i % 26) + "\"/>\n");
+    ASSERT_TRUE(ring.write(local, sent.back())) << i;
+  }
+  ASSERT_EQ(endpoint.waitForMessages(sent.size(), 10s), sent.size());
+  close(local);
+  endpoint.stop(1000ms);
+  EXPECT_TRUE(arrived == sent);
+  EXPECT_GT(lasting, 0u);
+  EXPECT_LT(lasting, sent.size());
+  EXPECT_GT(settles, 0u);
+  EXPECT_EQ(changed, 0u);
+}
+
 // What is not a ring as an agent makes it ends the connection, with nothing delivered from it:
 // a memfd that could still shrink under the endpoint's reads, a plain file, a wrong header, a
 // ring offered after the first byte, a second one; a head beyond the ring's size ends it too.

@@ -2,11 +2,12 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -72,6 +73,7 @@ bool OutputFile::create(const std::string& path, std::string* error) {
 
 void OutputFile::append(std::string_view bytes) {
   if (fd_ < 0) return;
+  settle();
   while (!bytes.empty()) {
     // Filled up to the next block boundary of the file, never past it.
     const size_t room = kBlock - static_cast<size_t>((written_ + heldBytes_) % kBlock);
@@ -84,7 +86,29 @@ void OutputFile::append(std::string_view bytes) {
   }
 }
 
+void OutputFile::appendLasting(std::string_view bytes) {
+  if (fd_ < 0) return;
+  if (!lasting_.empty() && lasting_.data() + lasting_.size() == bytes.data()) {
+    lasting_ = std::string_view(lasting_.data(), lasting_.size() + bytes.size());
+    return;
+  }
+  settle();
+  lasting_ = bytes;
+}
+
+void OutputFile::settle() {
+  if (lasting_.empty()) return;
+  const std::string_view run = lasting_;
+  lasting_ = std::string_view();
+  if (run.size() < kWrittenWhereItLies) {
+    append(run);
+    return;
+  }
+  writeOut(std::string_view(held_, heldBytes_), run);
+}
+
 std::chrono::milliseconds OutputFile::flushWhenDue() {
+  settle();
   if (fd_ < 0 || heldBytes_ == 0) return std::chrono::milliseconds(-1);
   const auto held = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - heldSince_);
   if (held < kLongestHold) return kLongestHold - held;
@@ -93,28 +117,48 @@ std::chrono::milliseconds OutputFile::flushWhenDue() {
 }
 
 void OutputFile::allocateAhead(uint64_t end) {
-  if (!preallocate_ || end <= allocatedTo_) return;
-  // Past the end of the file, which keeps its size: what is not written is given back at close.
-  if (fallocate(fd_, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(allocatedTo_), static_cast<off_t>(kAllocationStep)) != 0) {
-    preallocate_ = false;  // not supported, or the disk is nearly full: written as it comes
-    return;
+  while (preallocate_ && end > allocatedTo_) {
+    // Past the end of the file, which keeps its size: what is not written is given back at close.
+    if (fallocate(fd_, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(allocatedTo_), static_cast<off_t>(kAllocationStep)) != 0) {
+      preallocate_ = false;  // not supported, or the disk is nearly full: written as it comes
+      return;
+    }
+    allocatedTo_ += kAllocationStep;
   }
-  allocatedTo_ += kAllocationStep;
 }
 
-void OutputFile::writeHeld() {
-  allocateAhead(written_ + heldBytes_);
-  size_t done = 0;
-  while (done < heldBytes_ && !failed_) {
-    const ssize_t n = write(fd_, held_ + done, heldBytes_ - done);
+void OutputFile::writeHeld() { writeOut(std::string_view(held_, heldBytes_), std::string_view()); }
+
+void OutputFile::writeOut(std::string_view first, std::string_view second) {
+  const uint64_t end = written_ + first.size() + second.size();
+  allocateAhead(end);
+  iovec parts[2] = {{const_cast<char*>(first.data()), first.size()}, {const_cast<char*>(second.data()), second.size()}};
+  iovec* next = parts;
+  int left = 2;
+  while (left > 0 && !failed_) {
+    if (next->iov_len == 0) {
+      ++next;
+      --left;
+      continue;
+    }
+    const ssize_t n = writev(fd_, next, left);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
       failed_ = true;
       break;
     }
-    done += static_cast<size_t>(n);
+    size_t done = static_cast<size_t>(n);
+    while (left > 0 && done >= next->iov_len) {
+      done -= next->iov_len;
+      ++next;
+      --left;
+    }
+    if (left > 0) {
+      next->iov_base = static_cast<char*>(next->iov_base) + done;
+      next->iov_len -= done;
+    }
   }
-  written_ += heldBytes_;
+  written_ = end;
   heldBytes_ = 0;
 }
 
@@ -122,6 +166,7 @@ bool OutputFile::close() {
   // The earlier file must be gone before this process can end, or its aside name would stay.
   if (remover_.joinable()) remover_.join();
   if (fd_ < 0) return !failed_;
+  settle();
   writeHeld();
   // Blocks allocated past what was written go back; the size stays what was written.
   struct stat written;

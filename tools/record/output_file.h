@@ -27,6 +27,12 @@ class OutputFile {
   bool create(const std::string& path, std::string* error);
   bool isOpen() const { return fd_ >= 0; }
   void append(std::string_view bytes);
+  // Bytes that stay valid until settle() is next called (a message in a shared ring): a run of
+  // them that lie one after another in memory is written from where it lies once it is large,
+  // in the same write as what is held, and copied like any other bytes when it is not.
+  void appendLasting(std::string_view bytes);
+  // Takes what appendLasting kept a view of: once this returns, the views may go.
+  void settle();
   // Flushes what has been held back for kLongestHold; otherwise returns how long until it will
   // have been, or a negative duration when nothing is held.
   std::chrono::milliseconds flushWhenDue();
@@ -36,9 +42,14 @@ class OutputFile {
   static const size_t kBlock = 1u << 20;
   static constexpr std::chrono::milliseconds kLongestHold{20};
   static const uint64_t kAllocationStep = 64u << 20;
+  // A run written from where it lies: the file system takes writes this large almost as cheaply
+  // as whole blocks on block boundaries; smaller ones are cheaper gathered into a block.
+  static const size_t kWrittenWhereItLies = kBlock;
 
  private:
   void writeHeld();
+  // Writes both in order; on a failure the rest is dropped and the file marked failed.
+  void writeOut(std::string_view first, std::string_view second);
   void removeEarlier(const std::string& path);
   // Allocates the file's blocks ahead of a write that ends at `end`, where that saves work.
   void allocateAhead(uint64_t end);
@@ -51,6 +62,7 @@ class OutputFile {
   bool failed_ = false;
   bool preallocate_ = false;
   uint64_t allocatedTo_ = 0;  // blocks are allocated up to here
+  std::string_view lasting_;  // what follows the held bytes, not yet copied
   std::thread remover_;  // unlinks an earlier run's file
 };
 

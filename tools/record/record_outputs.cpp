@@ -48,7 +48,7 @@ bool RecordOutputs::keepsForTranscript() const {
   return !options_.transcript.empty() || (!options_.quiet && !live_);
 }
 
-void RecordOutputs::onMessage(std::string_view raw) {
+void RecordOutputs::receive(std::string_view raw, bool lasting) {
   ParsedMessage m;
   // Payloads are decoded only for the outputs that show them: the raw output alone needs no more
   // than who talked to whom.
@@ -62,7 +62,11 @@ void RecordOutputs::onMessage(std::string_view raw) {
   // Kept only for the transcript written at the end; without one, memory stays flat however long
   // the run.
   if (keepsForTranscript()) shown_.emplace_back(raw);
-  raw_.append(raw);
+  if (lasting) {
+    raw_.appendLasting(raw);
+  } else {
+    raw_.append(raw);
+  }
   if (jsonl_.isOpen()) {
     std::string line;
     if (!parsed) {
@@ -95,6 +99,11 @@ void RecordOutputs::onMessage(std::string_view raw) {
     if (!capture_.flush()) noteFailure(options_.pcap);
   }
   if (live_ && parsed) writeLiveEvent(m, seen.connection, stderr);
+}
+
+void RecordOutputs::onSettle() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  raw_.settle();
 }
 
 std::chrono::milliseconds RecordOutputs::onIdle() {

@@ -31,7 +31,10 @@ class RecordOutputs {
   // Creates every output file. False with `error` naming the first that cannot be written.
   bool open(std::string* error);
   // One message as it arrived. Safe to call from the endpoint's thread.
-  void onMessage(std::string_view raw);
+  void onMessage(std::string_view raw) { receive(raw, false); }
+  // One that stays where it lies until onSettle (see RecorderEndpoint::setLastingHandler).
+  void onLastingMessage(std::string_view raw) { receive(raw, true); }
+  void onSettle();
   // The endpoint has nothing more to read for now: what has been held back long enough is
   // written. Returns when to be called again for the rest (negative: never).
   std::chrono::milliseconds onIdle();
@@ -42,6 +45,7 @@ class RecordOutputs {
   size_t received() const;
 
  private:
+  void receive(std::string_view raw, bool lasting);
   // An output that could not be written in full, named once in the end.
   void noteFailure(const std::string& path);
   void closeOrNote(OutputFile& file, const std::string& path);

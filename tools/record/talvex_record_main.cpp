@@ -207,6 +207,8 @@ int main(int argc, char** argv) {
   // A payload of a quarter of a gigabyte is a message of up to a gigabyte once escaped.
   endpoint.setLongestMessage(size_t(1) << 30);
   endpoint.setHandler([&outputs](std::string_view message) { outputs.onMessage(message); });
+  endpoint.setLastingHandler([&outputs](std::string_view message) { outputs.onLastingMessage(message); },
+                             [&outputs] { outputs.onSettle(); });
   endpoint.setIdleHandler([&outputs] { return outputs.onIdle(); });
   // The command's processes write to a local socket, which costs the kernel half what TCP over
   // loopback does; the TCP port stays for any process that cannot reach the socket. Abstract: it

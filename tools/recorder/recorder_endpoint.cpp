@@ -202,8 +202,12 @@ void RecorderEndpoint::run() {
   // the messages, not on waking waiters.
   size_t deliveredThisRound = 0;
   size_t takenThisRound = 0;
-  auto deliver = [&](std::string_view message) {
-    if (handler_) handler_(message);
+  auto deliver = [&](std::string_view message, bool lasting) {
+    if (lasting && lastingHandler_) {
+      lastingHandler_(message);
+    } else if (handler_) {
+      handler_(message);
+    }
     ++deliveredThisRound;
     deliveredSinceIdle = true;
     if (keep_) {
@@ -234,13 +238,14 @@ void RecorderEndpoint::run() {
     c.pending.release();
     c.cutting = true;
   };
-  // Splits bytes of a connection's stream into messages at their line feeds.
-  auto split = [&](Connection& c, const char* at, const char* end) {
+  // Splits bytes of a connection's stream into messages at their line feeds. `lasting`: the bytes
+  // lie in a ring, and stay there until it is settled.
+  auto split = [&](Connection& c, const char* at, const char* end, bool lasting) {
     while (at < end) {
       const char* feed = static_cast<const char*>(memchr(at, '\n', static_cast<size_t>(end - at)));
       const char* stop = feed != nullptr ? feed + 1 : end;
       if (feed != nullptr && !c.cutting && c.pending.empty()) {
-        deliver(std::string_view(at, static_cast<size_t>(stop - at)));
+        deliver(std::string_view(at, static_cast<size_t>(stop - at)), lasting);
         at = stop;
         continue;
       }
@@ -254,7 +259,7 @@ void RecorderEndpoint::run() {
       if (feed != nullptr) {
         if (!c.cutting) {
           pendingBytes -= c.pending.size();
-          deliver(c.pending.view());
+          deliver(c.pending.view(), false);
           c.pending.clear(kKeptStorage);
         }
         c.cutting = false;
@@ -278,8 +283,9 @@ void RecorderEndpoint::run() {
     if (!c.ring.mapped()) return true;
     std::string_view first, second;
     if (!c.ring.unread(&first, &second)) return false;
-    for (const std::string_view part : {first, second}) split(c, part.data(), part.data() + part.size());
+    for (const std::string_view part : {first, second}) split(c, part.data(), part.data() + part.size(), true);
     takenThisRound += first.size() + second.size();
+    if (settleHandler_) settleHandler_();
     c.ring.take(first.size() + second.size());
     return true;
   };
@@ -339,7 +345,7 @@ void RecorderEndpoint::run() {
         at += part;
         if (feed != nullptr) {
           pendingBytes -= c.pending.size();
-          deliver(c.pending.view());
+          deliver(c.pending.view(), false);
           // What came after the line feed lies past the message in the same storage, which is
           // kept until that has been handled below.
           c.pending.clear(static_cast<size_t>(-1));
@@ -347,7 +353,7 @@ void RecorderEndpoint::run() {
           cut(c);
         }
       }
-      split(c, at, end);
+      split(c, at, end, false);
     }
   };
   auto closeConnection = [&](std::map<uint64_t, Connection>::iterator it) {
@@ -356,7 +362,7 @@ void RecorderEndpoint::run() {
     // A message cut short by its peer's end is kept as it stands: better evidence than none.
     if (!c.cutting && !c.pending.empty()) {
       pendingBytes -= c.pending.size();
-      deliver(c.pending.view());
+      deliver(c.pending.view(), false);
     }
     close(c.fd);
     {

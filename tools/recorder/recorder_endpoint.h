@@ -37,6 +37,13 @@ class RecorderEndpoint {
 
   // Called on the endpoint's thread for each completed message, before it is stored.
   void setHandler(MessageHandler handler) { handler_ = std::move(handler); }
+  // Takes the messages that lie whole in a ring an agent shares, in place of the handler above:
+  // each stays valid until `settle` is next called, which happens before its bytes go back to the
+  // agent, so that a writer may keep a view of it until then instead of a copy.
+  void setLastingHandler(MessageHandler lasting, std::function<void()> settle) {
+    lastingHandler_ = std::move(lasting);
+    settleHandler_ = std::move(settle);
+  }
   // Whether messages are kept for messages() (the default); a caller that handles each one as it
   // comes need not keep them all in memory.
   void keepMessages(bool keep) { keep_ = keep; }
@@ -89,6 +96,8 @@ class RecorderEndpoint {
   static const unsigned kGatheringMicroseconds = 1000;
 
   MessageHandler handler_;
+  MessageHandler lastingHandler_;
+  std::function<void()> settleHandler_;
   IdleHandler idleHandler_;
   std::function<void(size_t)> cutHandler_;
   size_t longestMessage_ = 64u << 20;
