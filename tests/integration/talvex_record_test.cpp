@@ -594,6 +594,17 @@ TEST(TalvexRecord, UnwritableOutputsStopTheRunBeforeItBegins) {
   }
 }
 
+// An output the system refuses to take in full is named in the end, and the run fails.
+TEST(TalvexRecord, AnOutputThatCannotBeWrittenInFullIsNamed) {
+  EchoServer echo;
+  for (const char* option : {"--raw", "--jsonl", "--pcap"}) {
+    const ProcessResult r =
+        record({"--quiet", option, "/dev/full"}, {kRecordingProbePath, "vectors", std::to_string(echo.port())});
+    EXPECT_EQ(r.exitCode, 1) << option;
+    EXPECT_EQ(r.err, "talvex-record: could not write all of /dev/full\n") << option;
+  }
+}
+
 TEST(TalvexRecord, VersionShortErrorsAndOptionsThatWorkTogether) {
   ProcessResult r = runProcess({kRecordPath, "--version"}, cleanEnvironment());
   EXPECT_EQ(r.exitCode, 0);

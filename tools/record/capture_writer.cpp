@@ -1,7 +1,7 @@
 #include "capture_writer.h"
 
 #include <arpa/inet.h>
-#include <pcap/pcap.h>
+#include <errno.h>
 #include <string.h>
 
 #include <vector>
@@ -11,6 +11,12 @@ namespace talvex {
 namespace {
 
 const uint8_t kFin = 0x01, kSyn = 0x02, kPush = 0x08, kAck = 0x10;
+// The file's header: microsecond time stamps, the writer's byte order (the magic number says
+// which), packets of raw IP (link type 101) of up to 65535 bytes.
+const uint32_t kMagic = 0xa1b2c3d4;
+const uint16_t kVersionMajor = 2, kVersionMinor = 4;
+const uint32_t kSnapshotLength = 65535;
+const uint32_t kLinkTypeRaw = 101;
 const size_t kLargestSegment = 32000;
 
 uint16_t foldChecksum(uint32_t sum) {
@@ -43,7 +49,7 @@ bool sideOf(const Peer& peer, Side* side) {
 
 class CaptureStream {
  public:
-  CaptureStream(pcap_dumper_t* dumper, const Side& client, const Side& server) : dumper_(dumper), client_(client), server_(server) {}
+  CaptureStream(FILE* file, const Side& client, const Side& server) : file_(file), client_(client), server_(server) {}
 
   void handshake(int64_t timeNs) {
     packet(timeNs, true, kSyn, "");
@@ -126,14 +132,15 @@ class CaptureStream {
     tcp[16] = static_cast<uint8_t>(check >> 8);
     tcp[17] = static_cast<uint8_t>(check);
 
-    pcap_pkthdr header;
-    header.ts.tv_sec = static_cast<time_t>(timeNs / 1000000000);
-    header.ts.tv_usec = static_cast<suseconds_t>((timeNs / 1000) % 1000000);
-    header.caplen = header.len = static_cast<bpf_u_int32>(p.size());
-    pcap_dump(reinterpret_cast<u_char*>(dumper_), &header, p.data());
+    // Seconds, microseconds, the bytes captured and the packet's length.
+    const uint32_t header[4] = {static_cast<uint32_t>(timeNs / 1000000000),
+                                static_cast<uint32_t>((timeNs / 1000) % 1000000), static_cast<uint32_t>(p.size()),
+                                static_cast<uint32_t>(p.size())};
+    fwrite(header, sizeof header, 1, file_);
+    fwrite(p.data(), 1, p.size(), file_);
   }
 
-  pcap_dumper_t* dumper_;
+  FILE* file_;
   Side client_, server_;
   uint32_t clientSeq_ = 1000;
   uint32_t serverSeq_ = 500000;
@@ -142,31 +149,35 @@ class CaptureStream {
 
 CaptureFile::~CaptureFile() {
   for (auto& entry : streams_) delete entry.second;
-  if (dumper_ != nullptr) pcap_dump_close(dumper_);
-  if (dead_ != nullptr) pcap_close(dead_);
+  if (file_ != nullptr) fclose(file_);
 }
 
 bool CaptureFile::open(const std::string& path, std::string* error) {
-  pcap_t* dead = pcap_open_dead(DLT_RAW, 65535);
-  if (dead == nullptr) {
-    *error = "cannot start a capture";
+  FILE* file = fopen(path.c_str(), "wb");
+  if (file == nullptr) {
+    *error = strerror(errno);
     return false;
   }
-  pcap_dumper_t* dumper = pcap_dump_open(dead, path.c_str());
-  if (dumper == nullptr) {
-    *error = pcap_geterr(dead);
-    pcap_close(dead);
+  struct {
+    uint32_t magic;
+    uint16_t major, minor;
+    int32_t zone;
+    uint32_t accuracy, snapshot, link;
+  } header = {kMagic, kVersionMajor, kVersionMinor, 0, 0, kSnapshotLength, kLinkTypeRaw};
+  static_assert(sizeof header == 24, "the header as the format lays it out");
+  if (fwrite(&header, sizeof header, 1, file) != 1) {
+    *error = strerror(errno);
+    fclose(file);
     return false;
   }
-  dead_ = dead;
-  dumper_ = dumper;
+  file_ = file;
   return true;
 }
 
 void CaptureFile::opened(uint64_t id, const Peer& client, const Peer& server, int64_t timeNs) {
   Side clientSide, serverSide;
-  if (dumper_ == nullptr || !sideOf(client, &clientSide) || !sideOf(server, &serverSide)) return;
-  CaptureStream* stream = new CaptureStream(dumper_, clientSide, serverSide);
+  if (file_ == nullptr || !sideOf(client, &clientSide) || !sideOf(server, &serverSide)) return;
+  CaptureStream* stream = new CaptureStream(file_, clientSide, serverSide);
   streams_[id] = stream;
   stream->handshake(timeNs);
   flush();
@@ -189,8 +200,6 @@ void CaptureFile::closed(uint64_t id, int64_t timeNs) {
   flush();
 }
 
-bool CaptureFile::flush() {
-  return dumper_ != nullptr && pcap_dump_flush(dumper_) == 0;
-}
+bool CaptureFile::flush() { return file_ != nullptr && fflush(file_) == 0 && ferror(file_) == 0; }
 
 }  // namespace talvex

@@ -1,12 +1,13 @@
 // Recorded TCP conversations as a capture file that Wireshark and tshark open, written as the
 // messages arrive: each connection the program made becomes one TCP stream between the
 // addresses its messages name, with a made-up handshake and close around the recorded payloads,
-// sequence numbers consistent, time stamps from the messages.
+// sequence numbers consistent, time stamps from the messages. The file is the classic pcap
+// format of raw IP packets, written here rather than through libpcap, whose dependencies cost
+// every run of talvex-record a dozen more libraries to load at its start.
 #pragma once
 
 #include <stdint.h>
-
-#include <pcap/pcap.h>
+#include <stdio.h>
 
 #include <map>
 #include <string>
@@ -36,8 +37,7 @@ class CaptureFile {
   bool flush();
 
  private:
-  pcap_t* dead_ = nullptr;
-  pcap_dumper_t* dumper_ = nullptr;
+  FILE* file_ = nullptr;
   std::map<uint64_t, CaptureStream*> streams_;
 };
 
