@@ -216,8 +216,13 @@ void PrintBuffer::appendAttr(RecorderMessageAttribute attribute, const char* tex
   if (text == nullptr) return;
   startData(attribute, RMAT_AS);
   if (n == 0) n = static_cast<unsigned>(strlen(text));
-  const iovec whole = {const_cast<char*>(text), n};
-  escapeAt(HeldPayload{&whole, 1, n, {nullptr, 0}}, length_);
+  // The common case, escaped at the end of the text in one call each for its size and its escape.
+  const unsigned char* bytes = reinterpret_cast<const unsigned char*>(text);
+  const uint64_t size = escapedSizeOf(bytes, n);
+  if (size != 0 && reserve(size, kAppendMargin)) {
+    length_ = static_cast<unsigned>(escapeInto(data_ + length_, bytes, n) - data_);
+    data_[length_] = '\0';
+  }
   endData();
 }
 
