@@ -1,9 +1,9 @@
-// An output file written in whole, aligned blocks. The raw recording of a large transfer is three
-// times the size of its payload; the file system takes it for about half the work when it comes
-// in megabyte blocks on megabyte boundaries (large page-cache folios, one allocation each)
-// rather than a message at a time. A partial block is held back for a moment when the recorder
-// catches up with its peers, in case more comes, and written then: the file lags what arrived by
-// at most one block and a fiftieth of a second.
+// An output file written in large writes: whole, aligned blocks, or runs of a megabyte or more
+// written from where they lie. The raw recording of a large transfer is three times the size of
+// its payload; the file system takes it for about half the work when it comes in megabyte writes
+// (large page-cache folios, one allocation each) rather than a message at a time. A partial block
+// is held back for a moment when the recorder catches up with its peers, in case more comes, and
+// written then: the file lags what arrived by at most one block and a fiftieth of a second.
 #pragma once
 
 #include <stddef.h>
