@@ -88,6 +88,27 @@ sockaddr_in loopback(int port) {
   return address;
 }
 
+// Sends a message holding `size` random bytes on the persistent channel to the recorder at
+// `port`, and returns the text it must arrive as.
+std::string sendHeldPayload(std::mt19937& random, size_t size, int port) {
+  const RandomPayload payload(random, size);
+  PrintBuffer escaped, held;
+  buildSend(escaped, payload, false);
+  buildSend(held, payload, true);
+  sendOnPersistentChannel(loopback(port), held.outgoing());
+  return std::string(escaped.toString(), escaped.length());
+}
+
+// A recorder listening on a local socket of its own as well as on TCP.
+struct LocalRecorder {
+  explicit LocalRecorder(const std::string& test) : name("@talvex-" + test + "-" + std::to_string(getpid())) {
+    EXPECT_TRUE(endpoint.listenLocally(name, nullptr));
+    EXPECT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+  }
+  const std::string name;
+  talvex::RecorderEndpoint endpoint;
+};
+
 // The channel's switches as the environment sets them, for one test, and the channel closed after.
 class ChannelSwitches {
  public:
@@ -172,12 +193,7 @@ TEST(HeldPayload, TheConnectionCarriesAHeldPayloadAsItsEscape) {
   std::mt19937 random(7);
   std::vector<std::string> expected;
   for (const size_t size : {size_t(5000), size_t(16384), size_t(16385), size_t(300000)}) {
-    const RandomPayload payload(random, size);
-    PrintBuffer escaped, held;
-    buildSend(escaped, payload, false);
-    buildSend(held, payload, true);
-    expected.emplace_back(escaped.toString(), escaped.length());
-    sendOnPersistentChannel(loopback(endpoint.port()), held.outgoing());
+    expected.push_back(sendHeldPayload(random, size, endpoint.port()));
   }
   EXPECT_FALSE(sharedRingActive());
   ASSERT_EQ(endpoint.waitForMessages(expected.size(), 10s), expected.size());
@@ -188,22 +204,15 @@ TEST(HeldPayload, TheConnectionCarriesAHeldPayloadAsItsEscape) {
 // Through a shared ring, a held payload is escaped into the ring: messages larger than the ring,
 // and many that wrap around its end, arrive as the same text.
 TEST(HeldPayload, ASharedRingTakesAHeldPayloadAsItsEscape) {
-  const std::string name = "@talvex-held-payload-test-" + std::to_string(getpid());
-  talvex::RecorderEndpoint endpoint;
-  ASSERT_TRUE(endpoint.listenLocally(name, nullptr));
-  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
-  ChannelSwitches switches(name);
+  LocalRecorder recorder("held-payload-test");
+  talvex::RecorderEndpoint& endpoint = recorder.endpoint;
+  ChannelSwitches switches(recorder.name);
   std::mt19937 random(11);
   std::vector<std::string> expected;
   std::vector<size_t> sizes = {1, 4096, 6000000};
   for (int i = 0; i < 60; ++i) sizes.push_back(1 + random() % 400000);
   for (const size_t size : sizes) {
-    const RandomPayload payload(random, size);
-    PrintBuffer escaped, held;
-    buildSend(escaped, payload, false);
-    buildSend(held, payload, true);
-    expected.emplace_back(escaped.toString(), escaped.length());
-    sendOnPersistentChannel(loopback(endpoint.port()), held.outgoing());
+    expected.push_back(sendHeldPayload(random, size, endpoint.port()));
     ASSERT_TRUE(sharedRingActive());
   }
   ASSERT_EQ(endpoint.waitForMessages(expected.size(), 20s), expected.size());
@@ -216,10 +225,8 @@ TEST(HeldPayload, ASharedRingTakesAHeldPayloadAsItsEscape) {
 // A message holds a payload only when a ring will take it, only its data, and only a large one;
 // the log line it makes shows it whole.
 TEST(HeldPayload, AMessageHoldsALargeDataPayloadOnlyForARing) {
-  const std::string name = "@talvex-held-message-test-" + std::to_string(getpid());
-  talvex::RecorderEndpoint endpoint;
-  ASSERT_TRUE(endpoint.listenLocally(name, nullptr));
-  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+  LocalRecorder recorder("held-message-test");
+  talvex::RecorderEndpoint& endpoint = recorder.endpoint;
   const std::string large(kHeldPayloadBytes, 'L'), small(kHeldPayloadBytes - 1, 's');
   auto holds = [&](RecorderMessageAttribute attribute, const std::string& payload) {
     RecorderMessage message(RMT_SEND, 1);
@@ -227,7 +234,7 @@ TEST(HeldPayload, AMessageHoldsALargeDataPayloadOnlyForARing) {
     return message.holdsPayload();
   };
   EXPECT_FALSE(holds(RMA_DATA, large));
-  ChannelSwitches switches(name);
+  ChannelSwitches switches(recorder.name);
   EXPECT_FALSE(holds(RMA_DATA, large));
   agentInterfaceUnplugged = 0;
   AgentInterface channel("127.0.0.1", std::to_string(endpoint.port()).c_str(), nullptr);

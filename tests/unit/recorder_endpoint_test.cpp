@@ -364,6 +364,22 @@ class TestRing {
   uint64_t head_ = 0;
 };
 
+// `count` messages written through `ring` on `local`: every few a longer one than the ring holds,
+// the others of many lengths, wrapping round its end. Returns them.
+std::vector<std::string> writeVariedMessages(TestRing& ring, int local, int count) {
+  std::vector<std::string> sent;
+  for (int i = 0; i < count; ++i) {
+    const size_t length = i % 50 == 7 ? 150000 : static_cast<size_t>(i) * 37 % 3000;
+    const std::string data(length, static_cast<char>('a' + i % 26));
+    sent.push_back("<send n_I4=\"" + std::to_string(i) + "\" data_AS=\"" + data + "\"/>\n");
+    if (!ring.write(local, sent.back())) {
+      ADD_FAILURE() << "message " << i << " could not be written";
+      break;
+    }
+  }
+  return sent;
+}
+
 }  // namespace
 
 // Messages through a ring the peer shares: longer ones than the ring holds come in pieces as
@@ -376,12 +392,7 @@ TEST(RecorderEndpoint, MessagesThroughASharedRingArriveWholeAndInOrder) {
   const int local = connectLocally(name);
   TestRing ring(shared_ring::kSmallestCapacity, true);
   ASSERT_TRUE(ring.offer(local));
-  std::vector<std::string> sent;
-  for (int i = 0; i < 200; ++i) {
-    const size_t length = i % 50 == 7 ? 150000 : static_cast<size_t>(i) * 37 % 3000;
-    sent.push_back("<send n_I4=\"" + std::to_string(i) + "\" data_AS=\"" + std::string(length, 'r') + "\"/>\n");
-    ASSERT_TRUE(ring.write(local, sent.back())) << i;
-  }
+  const std::vector<std::string> sent = writeVariedMessages(ring, local, 200);
   ASSERT_EQ(endpoint.waitForMessages(sent.size(), 10s), sent.size());
   close(local);
   endpoint.stop(1000ms);
@@ -418,12 +429,7 @@ TEST(RecorderEndpoint, MessagesLyingInARingStayUntilSettled) {
   const int local = connectLocally(name);
   TestRing ring(shared_ring::kSmallestCapacity, true);
   ASSERT_TRUE(ring.offer(local));
-  std::vector<std::string> sent;
-  for (int i = 0; i < 300; ++i) {
-    const size_t length = i % 50 == 7 ? 150000 : static_cast<size_t>(i) * 37 % 3000;
-    sent.push_back("<send n_I4=\"" + std::to_string(i) + "\" data_AS=\"" + std::string(length, 'a' + i % 26) + "\"/>\n");
-    ASSERT_TRUE(ring.write(local, sent.back())) << i;
-  }
+  const std::vector<std::string> sent = writeVariedMessages(ring, local, 300);
   ASSERT_EQ(endpoint.waitForMessages(sent.size(), 10s), sent.size());
   close(local);
   endpoint.stop(1000ms);
