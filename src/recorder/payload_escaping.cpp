@@ -287,7 +287,9 @@ TALVEX_AVX512_TARGET char* escapeByAvx512(char* out, const unsigned char* bytes,
       out += 64;
       continue;
     }
-    // The bytes whose escape is not "\xNN".
+    // The bytes whose escape is not "\xNN". Four of its compares repeat ones above on purpose:
+    // sharing them with the mask above, whether all before the early exit or the four alone,
+    // measured up to 5% slower on binary payloads and 15 to 17% on text with markup.
     const uint64_t other = static_cast<uint64_t>(
         _mm512_cmpeq_epi8_mask(x, _mm512_set1_epi8(0x09)) | _mm512_cmpeq_epi8_mask(x, _mm512_set1_epi8(0x0a)) |
         _mm512_cmpeq_epi8_mask(x, _mm512_set1_epi8(0x22)) | _mm512_cmpeq_epi8_mask(x, _mm512_set1_epi8(0x26)) |
