@@ -53,3 +53,19 @@ class PayloadPieces {
 
 // The escaped size of the whole payload.
 uint64_t escapedSizeOfHeld(const HeldPayload& payload);
+
+// Writes a message in order through the writer's two calls: text(const char*, size_t) for its
+// text before and after the hole, piece(const unsigned char*, size_t) for each piece of a held
+// payload, of at most kPieceBytes, to be escaped. False as soon as one of them is.
+template <class Writer>
+bool writeOutgoing(const OutgoingText& message, Writer& writer) {
+  if (message.payload == nullptr) return writer.text(message.text, message.length);
+  if (!writer.text(message.text, message.holeAt)) return false;
+  PayloadPieces pieces(*message.payload);
+  const unsigned char* bytes;
+  size_t n;
+  while (pieces.next(kPieceBytes, &bytes, &n)) {
+    if (!writer.piece(bytes, n)) return false;
+  }
+  return writer.text(message.text + message.holeAt, message.length - message.holeAt);
+}

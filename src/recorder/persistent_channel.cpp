@@ -121,38 +121,43 @@ bool connectChannel(const sockaddr_in& recorder, int64_t deadlineNs) {
   return true;
 }
 
-// Writes the text before the deadline, or says it could not.
-bool sendWhole(const char* text, size_t length, int64_t deadlineNs) {
-  size_t done = 0;
-  while (done < length) {
-    const ssize_t n = True_send(channel, text + done, length - done, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n > 0) {
-      done += static_cast<size_t>(n);
-    } else if (n < 0 && errno == EINTR) {
-      continue;
-    } else if (n < 0 && errno == EAGAIN) {
-      if (!waitFor(channel, POLLOUT, deadlineNs)) return false;
-    } else {
-      return false;
-    }
-  }
-  return true;
-}
+// Writes a message on the channel before the deadline. A payload held for a ring that has gone
+// since is escaped a piece at a time on its way.
+class ConnectionWriter {
+ public:
+  explicit ConnectionWriter(int64_t deadlineNs) : deadlineNs_(deadlineNs) {}
 
-// Writes the whole message before the deadline, or says it could not. A payload held for a ring
-// that has gone since is escaped a piece at a time on its way to the connection.
+  bool text(const char* from, size_t length) {
+    size_t done = 0;
+    while (done < length) {
+      const ssize_t n = True_send(channel, from + done, length - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (n > 0) {
+        done += static_cast<size_t>(n);
+      } else if (n < 0 && errno == EINTR) {
+        continue;
+      } else if (n < 0 && errno == EAGAIN) {
+        if (!waitFor(channel, POLLOUT, deadlineNs_)) return false;
+      } else {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  bool piece(const unsigned char* bytes, size_t n) {
+    char* scratch = pieceScratch();
+    return text(scratch, static_cast<size_t>(escapeInto(scratch, bytes, n) - scratch));
+  }
+
+ private:
+  const int64_t deadlineNs_;
+};
+
+// Writes the whole message before the deadline, or says it could not.
 bool writeWhole(const OutgoingText& message, int64_t deadlineNs) {
   if (sharedRingActive()) return writeToSharedRing(channel, message, deadlineNs);
-  if (message.payload == nullptr) return sendWhole(message.text, message.length, deadlineNs);
-  if (!sendWhole(message.text, message.holeAt, deadlineNs)) return false;
-  PayloadPieces pieces(*message.payload);
-  const unsigned char* bytes;
-  size_t n;
-  char* scratch = pieceScratch();
-  while (pieces.next(kPieceBytes, &bytes, &n)) {
-    if (!sendWhole(scratch, static_cast<size_t>(escapeInto(scratch, bytes, n) - scratch), deadlineNs)) return false;
-  }
-  return sendWhole(message.text + message.holeAt, message.length - message.holeAt, deadlineNs);
+  ConnectionWriter writer(deadlineNs);
+  return writeOutgoing(message, writer);
 }
 
 }  // namespace

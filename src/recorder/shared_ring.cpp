@@ -117,14 +117,14 @@ class RingWriter {
         head_(__atomic_load_n(counter(shared_ring::kHeadAt), __ATOMIC_RELAXED)),
         published_(head_) {}
 
-  bool copy(const char* text, size_t length) {
+  bool text(const char* from, size_t length) {
     while (length != 0) {
       char* at;
       const size_t room = waitForRoom(&at);
       if (room == 0) return false;
       const size_t n = room < length ? room : length;
-      memcpy(at, text, n);
-      text += n;
+      memcpy(at, from, n);
+      from += n;
       length -= n;
       head_ += n;
     }
@@ -133,7 +133,7 @@ class RingWriter {
 
   // One piece of a payload, of at most kPieceBytes, escaped where it goes when the room at the
   // head takes its escape (and the escaper's overshoot), else through the scratch buffer.
-  bool escape(const unsigned char* bytes, size_t n) {
+  bool piece(const unsigned char* bytes, size_t n) {
     char* at;
     const size_t room = waitForRoom(&at);
     if (room == 0) return false;
@@ -142,7 +142,7 @@ class RingWriter {
       return true;
     }
     char* scratch = pieceScratch();
-    return copy(scratch, static_cast<size_t>(escapeInto(scratch, bytes, n) - scratch));
+    return text(scratch, static_cast<size_t>(escapeInto(scratch, bytes, n) - scratch));
   }
 
   // Until the recorder moves the tail on from where it leaves this full ring, or for `leftNs`.
@@ -203,15 +203,7 @@ class RingWriter {
 
 bool writeToSharedRing(int fd, const OutgoingText& message, int64_t deadlineNs) {
   RingWriter writer(fd, deadlineNs);
-  if (message.payload == nullptr) return writer.copy(message.text, message.length) && writer.publish();
-  if (!writer.copy(message.text, message.holeAt)) return false;
-  PayloadPieces pieces(*message.payload);
-  const unsigned char* bytes;
-  size_t n;
-  while (pieces.next(kPieceBytes, &bytes, &n)) {
-    if (!writer.escape(bytes, n)) return false;
-  }
-  return writer.copy(message.text + message.holeAt, message.length - message.holeAt) && writer.publish();
+  return writeOutgoing(message, writer) && writer.publish();
 }
 
 void dropSharedRing() {
