@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "local_recorder.h"
 #include "process_runner.h"
 #include "recorder_endpoint.h"
 #include "recorder_message_parser.h"
@@ -148,12 +149,12 @@ TEST(PersistentChannel, AChildAfterForkWritesOnAConnectionOfItsOwn) {
 // of a forking program; when the socket takes no connection, the recorder's TCP port stands in.
 TEST(PersistentChannel, ANamedLocalSocketCarriesTheChannelAndTcpStandsInForIt) {
   EchoServer echo;
-  const std::string name = "@talvex-channel-test-" + std::to_string(getpid());
+  const std::string name = localSocketName("channel-test");
   const Environment local = {{"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", name}, {"TALVEX_SOCKET_AGENT_FOLLOW_FORKS", "1"}};
   {
-    talvex::RecorderEndpoint endpoint;
-    ASSERT_TRUE(endpoint.listenLocally(name, nullptr));
-    ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+    LocalRecorder recorder(name);
+    ASSERT_TRUE(recorder.listening());
+    talvex::RecorderEndpoint& endpoint = recorder.endpoint();
     TempDir logs;
     const ProcessResult r = runProcess({kHostileProbePath, "fork-children", std::to_string(echo.port())},
                                        persistentTo(closedLoopbackPort(), logs, local));
@@ -188,12 +189,11 @@ TEST(PersistentChannel, ANamedLocalSocketCarriesTheChannelAndTcpStandsInForIt) {
 // them.
 TEST(PersistentChannel, ASharedRingCarriesEveryProcesssMessagesWhole) {
   EchoServer echo;
-  const std::string name = "@talvex-ring-channel-test-" + std::to_string(getpid());
-  talvex::RecorderEndpoint endpoint;
-  ASSERT_TRUE(endpoint.listenLocally(name, nullptr));
-  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+  LocalRecorder recorder(localSocketName("ring-channel-test"));
+  ASSERT_TRUE(recorder.listening());
+  talvex::RecorderEndpoint& endpoint = recorder.endpoint();
   TempDir logs;
-  const Environment ring = {{"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", name},
+  const Environment ring = {{"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", recorder.name()},
                             {"TALVEX_SOCKET_AGENT_SHARED_RING", "1"},
                             {"TALVEX_SOCKET_AGENT_FOLLOW_FORKS", "1"}};
   ProcessResult r = runProcess({kHostileProbePath, "fork-children", std::to_string(echo.port())},
@@ -236,15 +236,15 @@ TEST(PersistentChannel, ASharedRingCarriesEveryProcesssMessagesWhole) {
 // message into the ring: every byte each way, each message's data as long as its call's result.
 TEST(PersistentChannel, ASharedRingCarriesLargeVectorsWhole) {
   EchoServer echo;
-  const std::string name = "@talvex-ring-vectors-test-" + std::to_string(getpid());
-  talvex::RecorderEndpoint endpoint;
-  ASSERT_TRUE(endpoint.listenLocally(name, nullptr));
-  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+  LocalRecorder recorder(localSocketName("ring-vectors-test"));
+  ASSERT_TRUE(recorder.listening());
+  talvex::RecorderEndpoint& endpoint = recorder.endpoint();
   TempDir logs;
   const ProcessResult r =
       runProcess({kRecordingProbePath, "big-vectors", std::to_string(echo.port())},
                  persistentTo(closedLoopbackPort(), logs,
-                              {{"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", name}, {"TALVEX_SOCKET_AGENT_SHARED_RING", "1"}}));
+                              {{"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", recorder.name()},
+                               {"TALVEX_SOCKET_AGENT_SHARED_RING", "1"}}));
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_NE(r.out.find("same 1\n"), std::string::npos) << r.out;
   endpoint.waitForQuiet(300ms, 10s);
@@ -319,7 +319,7 @@ TEST(PersistentChannel, ARecorderThatStopsReadingDelaysTheHostOnlyABoundedTime) 
 // channel's time budget, and goes on.
 TEST(PersistentChannel, ARecorderThatStopsTakingFromItsRingDelaysTheHostOnlyABoundedTime) {
   EchoServer echo;
-  const std::string name = "@talvex-deaf-ring-test-" + std::to_string(getpid());
+  const std::string name = localSocketName("deaf-ring-test");
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   memcpy(address.sun_path + 1, name.data() + 1, name.size() - 1);

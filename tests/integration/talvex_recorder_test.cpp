@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <string>
 
+#include "local_recorder.h"
 #include "process_runner.h"
 #include "recorder_message_parser.h"
 #include "test_paths.h"
@@ -80,7 +81,7 @@ TEST_F(TalvexRecorder, RecordsAPreloadedProgramAsJsonLines) {
 // With --socket, agents that name it take the local socket (the TCP port they are given here
 // refuses connections, so whatever arrives came that way).
 TEST_F(TalvexRecorder, TakesAgentsOnALocalSocket) {
-  const std::string name = "@talvex-recorder-test-" + std::to_string(getpid());
+  const std::string name = localSocketName("recorder-test");
   start({"--socket", name, "--output", tmp.file("out.raw")});
   EchoServer echo;
   const ProcessResult probe = runProcess(

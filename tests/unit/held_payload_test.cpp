@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "agent/agent_startup.h"
+#include "local_recorder.h"
 #include "log_capture.h"
 #include "process_runner.h"
 #include "recorder/agent_interface.h"
@@ -98,16 +99,6 @@ std::string sendHeldPayload(std::mt19937& random, size_t size, int port) {
   sendOnPersistentChannel(loopback(port), held.outgoing());
   return std::string(escaped.toString(), escaped.length());
 }
-
-// A recorder listening on a local socket of its own as well as on TCP.
-struct LocalRecorder {
-  explicit LocalRecorder(const std::string& test) : name("@talvex-" + test + "-" + std::to_string(getpid())) {
-    EXPECT_TRUE(endpoint.listenLocally(name, nullptr));
-    EXPECT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
-  }
-  const std::string name;
-  talvex::RecorderEndpoint endpoint;
-};
 
 // The channel's switches as the environment sets them, for one test, and the channel closed after.
 class ChannelSwitches {
@@ -204,9 +195,10 @@ TEST(HeldPayload, TheConnectionCarriesAHeldPayloadAsItsEscape) {
 // Through a shared ring, a held payload is escaped into the ring: messages larger than the ring,
 // and many that wrap around its end, arrive as the same text.
 TEST(HeldPayload, ASharedRingTakesAHeldPayloadAsItsEscape) {
-  LocalRecorder recorder("held-payload-test");
-  talvex::RecorderEndpoint& endpoint = recorder.endpoint;
-  ChannelSwitches switches(recorder.name);
+  talvex_test::LocalRecorder recorder(talvex_test::localSocketName("held-payload-test"));
+  ASSERT_TRUE(recorder.listening());
+  talvex::RecorderEndpoint& endpoint = recorder.endpoint();
+  ChannelSwitches switches(recorder.name());
   std::mt19937 random(11);
   std::vector<std::string> expected;
   std::vector<size_t> sizes = {1, 4096, 6000000};
@@ -225,8 +217,9 @@ TEST(HeldPayload, ASharedRingTakesAHeldPayloadAsItsEscape) {
 // A message holds a payload only when a ring will take it, only its data, and only a large one;
 // the log line it makes shows it whole.
 TEST(HeldPayload, AMessageHoldsALargeDataPayloadOnlyForARing) {
-  LocalRecorder recorder("held-message-test");
-  talvex::RecorderEndpoint& endpoint = recorder.endpoint;
+  talvex_test::LocalRecorder recorder(talvex_test::localSocketName("held-message-test"));
+  ASSERT_TRUE(recorder.listening());
+  talvex::RecorderEndpoint& endpoint = recorder.endpoint();
   const std::string large(kHeldPayloadBytes, 'L'), small(kHeldPayloadBytes - 1, 's');
   auto holds = [&](RecorderMessageAttribute attribute, const std::string& payload) {
     RecorderMessage message(RMT_SEND, 1);
@@ -234,7 +227,7 @@ TEST(HeldPayload, AMessageHoldsALargeDataPayloadOnlyForARing) {
     return message.holdsPayload();
   };
   EXPECT_FALSE(holds(RMA_DATA, large));
-  ChannelSwitches switches(recorder.name);
+  ChannelSwitches switches(recorder.name());
   EXPECT_FALSE(holds(RMA_DATA, large));
   agentInterfaceUnplugged = 0;
   AgentInterface channel("127.0.0.1", std::to_string(endpoint.port()).c_str(), nullptr);

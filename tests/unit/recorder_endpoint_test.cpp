@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "local_recorder.h"
 #include "process_runner.h"
 #include "recorder/shared_ring_layout.h"
 
@@ -216,7 +217,7 @@ int connectLocally(const std::string& name) {
 // connections; a socket file is gone once the endpoint stops, an abstract name leaves nothing.
 TEST(RecorderEndpoint, TakesMessagesOnALocalSocketToo) {
   talvex_test::TempDir tmp;
-  const std::string abstractName = "@talvex-endpoint-test-" + std::to_string(getpid());
+  const std::string abstractName = talvex_test::localSocketName("endpoint-test");
   // A socket file an endpoint that did not stop cleanly left behind.
   {
     sockaddr_un stale = {};
@@ -385,11 +386,10 @@ std::vector<std::string> writeVariedMessages(TestRing& ring, int local, int coun
 // Messages through a ring the peer shares: longer ones than the ring holds come in pieces as
 // the endpoint takes them, others wrap round its end; all arrive whole and in order.
 TEST(RecorderEndpoint, MessagesThroughASharedRingArriveWholeAndInOrder) {
-  const std::string name = "@talvex-ring-endpoint-test-" + std::to_string(getpid());
-  RecorderEndpoint endpoint;
-  ASSERT_TRUE(endpoint.listenLocally(name, nullptr));
-  ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
-  const int local = connectLocally(name);
+  talvex_test::LocalRecorder recorder(talvex_test::localSocketName("ring-endpoint-test"));
+  ASSERT_TRUE(recorder.listening());
+  RecorderEndpoint& endpoint = recorder.endpoint();
+  const int local = connectLocally(recorder.name());
   TestRing ring(shared_ring::kSmallestCapacity, true);
   ASSERT_TRUE(ring.offer(local));
   const std::vector<std::string> sent = writeVariedMessages(ring, local, 200);
@@ -406,7 +406,7 @@ TEST(RecorderEndpoint, MessagesThroughASharedRingArriveWholeAndInOrder) {
 // that reached the endpoint in pieces goes to the plain handler. Between them, every message in
 // order.
 TEST(RecorderEndpoint, MessagesLyingInARingStayUntilSettled) {
-  const std::string name = "@talvex-ring-lasting-test-" + std::to_string(getpid());
+  const std::string name = talvex_test::localSocketName("ring-lasting-test");
   RecorderEndpoint endpoint;
   std::vector<std::string> arrived;
   std::vector<std::pair<std::string_view, std::string>> unsettled;
@@ -444,14 +444,14 @@ TEST(RecorderEndpoint, MessagesLyingInARingStayUntilSettled) {
 // a memfd that could still shrink under the endpoint's reads, a plain file, a wrong header, a
 // ring offered after the first byte, a second one; a head beyond the ring's size ends it too.
 TEST(RecorderEndpoint, WhatIsNotARingEndsItsConnection) {
-  const std::string name = "@talvex-ring-refusal-test-" + std::to_string(getpid());
+  const std::string name = talvex_test::localSocketName("ring-refusal-test");
   talvex_test::TempDir tmp;
   ASSERT_TRUE(talvex_test::writeFile(tmp.file("plain"), std::string(shared_ring::kHeaderBytes + (64u << 10), '\0')));
   enum Case { kUnsealed, kPlainFile, kBadMagic, kAfterTheFirstByte, kSecondRing, kHeadBeyond };
   for (const Case which : {kUnsealed, kPlainFile, kBadMagic, kAfterTheFirstByte, kSecondRing, kHeadBeyond}) {
-    RecorderEndpoint endpoint;
-    ASSERT_TRUE(endpoint.listenLocally(name, nullptr));
-    ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
+    talvex_test::LocalRecorder recorder(name);
+    ASSERT_TRUE(recorder.listening());
+    RecorderEndpoint& endpoint = recorder.endpoint();
     const int local = connectLocally(name);
     TestRing good(shared_ring::kSmallestCapacity, true);
     TestRing unsealed(shared_ring::kSmallestCapacity, false);
