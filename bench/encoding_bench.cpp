@@ -6,7 +6,7 @@
 #include <chrono>
 #include <string>
 
-#include "recorder/recorder_message.h"
+#include "message/recorder_message.h"
 
 namespace {
 

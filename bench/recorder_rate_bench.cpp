@@ -19,8 +19,8 @@
 #include <string>
 #include <thread>
 
-#include "recorder/agent_interface.h"
-#include "recorder/recorder_message.h"
+#include "transport/agent_interface.h"
+#include "message/recorder_message.h"
 #include "recorder_endpoint.h"
 
 namespace {

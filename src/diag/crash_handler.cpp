@@ -1,5 +1,5 @@
 #include "diag/crash_handler.h"
-#include "interpose/symbol_versions.h"
+#include "base/symbol_versions.h"
 
 #include <dlfcn.h>
 #include <execinfo.h>

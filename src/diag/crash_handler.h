@@ -3,7 +3,7 @@
 
 #include <signal.h>
 
-#include "interpose/export_visibility.h"
+#include "base/export_visibility.h"
 
 // Installs the handler when TALVEX_SOCKET_AGENT_DEBUG_TRACEBACK is set.
 void installCrashHandlerOnRequest();

@@ -9,11 +9,10 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "agent/agent_startup.h"
-#include "agent/environment.h"
-#include "diag/debug_server.h"
+#include "base/process_identity.h"
+#include "base/environment.h"
 #include "diag/log_file.h"
-#include "hooks/critical_section.h"
+#include "base/critical_section.h"
 
 const char* const IMAGE_DEBUG[10] = {"ERROR", "INFO ", "HOOK ", "CALL ", "RET  ",
                                      "WARNI", "DATA ", "LAUNC", "LOW  ", "GENER"};
@@ -26,6 +25,7 @@ FILE* hLogFile = nullptr;
 char* internal_buffer_display = nullptr;
 int internal_buffer_display_size = 8192;
 bool defaultDebugDisplayInitialized = false;
+LogLineMirror logLineMirror = nullptr;
 
 namespace {
 
@@ -111,7 +111,7 @@ void vx_disp(int kind, const char* format, va_list arguments) {
   if (kind != DMK_LOW && debugFileNameFlush != nullptr && hLogFile != nullptr) {
     writeLogLine(&hLogFile, debugFileNameFlush, internal_buffer_display, strlen(internal_buffer_display));
   }
-  sendDebugMessage(internal_buffer_display);
+  if (logLineMirror != nullptr) logLineMirror(internal_buffer_display);
   EndCriticalSectionBase(&criticalSectionLog);
   if (grownTo != 0) x_disp(DMK_INFO, "buffer resized to : %d", grownTo);
   errno = savedErrno;

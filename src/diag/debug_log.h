@@ -26,6 +26,11 @@ extern char* internal_buffer_display;
 extern int internal_buffer_display_size;
 extern bool defaultDebugDisplayInitialized;
 
+// Where every passing line goes besides the file: the debug-server mirror, which sits above the
+// log (it needs the real network functions, and they log), sets itself here when it starts.
+typedef void (*LogLineMirror)(const char* line);
+extern LogLineMirror logLineMirror;
+
 // A text argument for a "%s" of a log line: the C library prints a null one as "(null)", but
 // passing null to "%s" is not something to rely on.
 inline const char* orNull(const char* text) { return text != nullptr ? text : "(null)"; }

@@ -2,7 +2,7 @@
 
 #include <errno.h>
 
-#include "diag/file_status.h"
+#include "base/file_status.h"
 
 namespace {
 

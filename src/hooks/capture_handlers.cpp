@@ -5,15 +5,15 @@
 #include <unistd.h>
 
 #include "diag/debug_log.h"
-#include "diag/name_tables.h"
+#include "base/name_tables.h"
 #include "hooks/complete_capture_rules.h"
 #include "hooks/data_messages.h"
 #include "hooks/handler_support.h"
 #include "hooks/handlers.h"
 #include "hooks/host_vectors.h"
-#include "hooks/socket_registry.h"
-#include "interpose/capture_real_functions.h"
-#include "interpose/real_functions.h"
+#include "registry/socket_registry.h"
+#include "real/capture_real_functions.h"
+#include "real/real_functions.h"
 
 namespace {
 

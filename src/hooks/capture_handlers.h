@@ -2,7 +2,7 @@
 // Each returns the real result and leaves errno as the real call left it.
 #pragma once
 
-#include "interpose/capture_export_list.h"
+#include "real/capture_export_list.h"
 
 ssize_t Mywritev(int fd, const iovec* vectors, int count);
 ssize_t Myreadv(int fd, const iovec* vectors, int count);

@@ -4,15 +4,15 @@
 #include <netinet/in.h>
 #include <stdint.h>
 
-#include "agent/agent_startup.h"
-#include "agent/complete_capture.h"
+#include "base/process_identity.h"
+#include "config/complete_capture.h"
 #include "hooks/handler_support.h"
-#include "hooks/socket_registry.h"
-#include "interpose/real_functions.h"
-#include "recorder/address_attributes.h"
-#include "recorder/agent_interface.h"
-#include "recorder/message_demand.h"
-#include "recorder/recorder_message.h"
+#include "registry/socket_registry.h"
+#include "real/real_functions.h"
+#include "message/address_attributes.h"
+#include "transport/agent_interface.h"
+#include "transport/message_demand.h"
+#include "message/recorder_message.h"
 
 namespace {
 

@@ -4,19 +4,19 @@
 #include <netinet/in.h>
 #include <string.h>
 
-#include "agent/agent_startup.h"
+#include "startup/agent_startup.h"
 #include "diag/debug_log.h"
-#include "diag/name_tables.h"
+#include "base/name_tables.h"
 #include "hooks/complete_capture_rules.h"
 #include "hooks/handler_support.h"
 #include "hooks/handlers.h"
-#include "hooks/socket_registry.h"
-#include "interpose/capture_real_functions.h"
-#include "interpose/real_functions.h"
-#include "recorder/address_attributes.h"
-#include "recorder/agent_interface.h"
-#include "recorder/recorder_message.h"
-#include "socks/socks_config.h"
+#include "registry/socket_registry.h"
+#include "real/capture_real_functions.h"
+#include "real/real_functions.h"
+#include "message/address_attributes.h"
+#include "transport/agent_interface.h"
+#include "message/recorder_message.h"
+#include "config/socks_config.h"
 #include "socks/socks_routing.h"
 
 namespace {

@@ -2,16 +2,16 @@
 
 #include <limits.h>
 
-#include "agent/agent_startup.h"
-#include "agent/recording_decision.h"
+#include "base/process_identity.h"
+#include "registry/recording_decision.h"
 #include "diag/debug_log.h"
 #include "hooks/complete_capture_rules.h"
 #include "hooks/host_vectors.h"
-#include "hooks/socket_registry.h"
-#include "recorder/address_attributes.h"
-#include "recorder/agent_interface.h"
-#include "recorder/message_demand.h"
-#include "recorder/recorder_message.h"
+#include "registry/socket_registry.h"
+#include "message/address_attributes.h"
+#include "transport/agent_interface.h"
+#include "transport/message_demand.h"
+#include "message/recorder_message.h"
 
 namespace {
 

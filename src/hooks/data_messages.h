@@ -6,9 +6,9 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
-#include "agent/recording_decision.h"
+#include "registry/recording_decision.h"
 #include "hooks/handler_support.h"
-#include "interpose/real_functions.h"
+#include "real/real_functions.h"
 #include "socks/socks_routing.h"
 
 class HostVectors;

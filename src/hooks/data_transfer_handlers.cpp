@@ -3,16 +3,16 @@
 #include <string.h>
 #include <sys/uio.h>
 
-#include "agent/agent_startup.h"
+#include "startup/agent_startup.h"
 #include "diag/debug_log.h"
-#include "diag/name_tables.h"
+#include "base/name_tables.h"
 #include "hooks/complete_capture_rules.h"
 #include "hooks/data_messages.h"
 #include "hooks/handler_support.h"
 #include "hooks/handlers.h"
 #include "hooks/host_vectors.h"
-#include "hooks/socket_registry.h"
-#include "interpose/real_functions.h"
+#include "registry/socket_registry.h"
+#include "real/real_functions.h"
 #include "socks/socks_routing.h"
 
 namespace {

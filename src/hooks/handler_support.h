@@ -7,12 +7,12 @@
 #include <string.h>
 #include <sys/socket.h>
 
-#include "agent/time_base.h"
+#include "base/time_base.h"
 #include "diag/debug_log.h"
 #include "hooks/host_memory.h"
-#include "hooks/socket_registry.h"
-#include "hooks/counters.h"
-#include "recorder/message_demand.h"
+#include "registry/socket_registry.h"
+#include "base/counters.h"
+#include "transport/message_demand.h"
 
 // Start time and ticket of a call, drawn before the real call so that tickets order events by the
 // moment their calls began. The clock belongs to another library, so errno is kept across it:

@@ -9,7 +9,7 @@
 #include <sys/types.h>
 #include <time.h>
 
-#include "interpose/export_visibility.h"
+#include "base/export_visibility.h"
 
 int Mysocket(int domain, int type, int protocol);
 int Mybind(int socket, const sockaddr* address, socklen_t length);

@@ -1,6 +1,6 @@
 #include "interpose/companions.h"
 
-#include "interpose/real_functions.h"
+#include "real/real_functions.h"
 
 #define TALVEX_DEFINE_COMPANIONS(result, name, parameters, arguments, throws) \
   void Init##name() {                                                         \

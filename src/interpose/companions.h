@@ -3,14 +3,9 @@
 #pragma once
 
 #include "hooks/handlers.h"
-#include "interpose/dlsym_bootstrap.h"
-#include "interpose/export_visibility.h"
+#include "real/dlsym_bootstrap.h"
+#include "base/export_visibility.h"
 #include "interpose/socket_export_list.h"
-
-template <class Function>
-inline void fillFromNext(Function& pointer, const char* name) {
-  pointer = reinterpret_cast<Function>(lookupNextDefinition(name));
-}
 
 #define TALVEX_DECLARE_COMPANIONS(result, name, parameters, arguments, throws) \
   TALVEX_EXPORT void Init##name();                                             \

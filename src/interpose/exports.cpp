@@ -3,15 +3,15 @@
 #include <dlfcn.h>
 #include <errno.h>
 
-#include "agent/agent_startup.h"
-#include "agent/complete_capture.h"
+#include "startup/agent_startup.h"
+#include "config/complete_capture.h"
 #include "hooks/capture_handlers.h"
 #include "hooks/handlers.h"
-#include "interpose/capture_real_functions.h"
+#include "real/capture_real_functions.h"
 #include "interpose/companions.h"
-#include "interpose/dlsym_bootstrap.h"
-#include "interpose/export_visibility.h"
-#include "interpose/real_functions.h"
+#include "real/dlsym_bootstrap.h"
+#include "base/export_visibility.h"
+#include "real/real_functions.h"
 #include "interpose/reentry_guard.h"
 #include "interpose/socket_export_list.h"
 

@@ -1,5 +1,5 @@
 #include "socks/socks_client.h"
-#include "interpose/symbol_versions.h"
+#include "base/symbol_versions.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -10,12 +10,12 @@
 #include <string.h>
 #include <sys/select.h>
 
-#include "agent/monotonic_clock.h"
+#include "base/monotonic_clock.h"
 #include "diag/debug_log.h"
-#include "diag/name_tables.h"
-#include "interpose/real_functions.h"
-#include "recorder/address_attributes.h"
-#include "socks/socks_config.h"
+#include "base/name_tables.h"
+#include "real/real_functions.h"
+#include "message/address_attributes.h"
+#include "config/socks_config.h"
 
 // The oldest version, for older 32-bit C libraries; it reads and sets file status flags the same.
 __asm__(".symver fcntl,fcntl@" TALVEX_GLIBC_FIRST);

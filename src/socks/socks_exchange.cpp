@@ -3,9 +3,9 @@
 #include <errno.h>
 
 #include "diag/debug_log.h"
-#include "hooks/socket_registry.h"
+#include "registry/socket_registry.h"
 #include "socks/socks_client.h"
-#include "socks/socks_routing.h"
+#include "socks/socks_status.h"
 
 int runSocksExchange(SOCKETINFO* record, const sockaddr* destination, int length, int* socksError) {
   const int socket = getSocket(record);

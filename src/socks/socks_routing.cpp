@@ -7,12 +7,12 @@
 #include <string.h>
 
 #include "diag/debug_log.h"
-#include "diag/name_tables.h"
-#include "hooks/critical_section.h"
-#include "hooks/socket_registry.h"
-#include "interpose/real_functions.h"
+#include "base/name_tables.h"
+#include "base/critical_section.h"
+#include "registry/socket_registry.h"
+#include "real/real_functions.h"
 #include "socks/local_addresses.h"
-#include "socks/socks_config.h"
+#include "config/socks_config.h"
 #include "socks/socks_exchange.h"
 
 namespace {

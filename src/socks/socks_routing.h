@@ -4,16 +4,9 @@
 
 #include <sys/socket.h>
 
-struct SOCKETINFO;
+#include "socks/socks_status.h"
 
-enum SocksStatus {
-  SOCKS_UNREACHABLE = -1,
-  SOCKS_NOT_REROUTED = 0,
-  SOCKS_REROUTED = 1,
-  SOCKS_LOCAL_LOOP = 2,
-  SOCKS_FAILED = 3,
-  SOCKS_TARGET_REFUSED = 4,
-};
+struct SOCKETINFO;
 
 int SocksConnect(SOCKETINFO* record, const sockaddr* destination, int length, int* socksError);
 int checkSocksStatus(int socket, int status, bool* toReconnect, int* loopback, int* error);

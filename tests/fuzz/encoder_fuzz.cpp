@@ -9,7 +9,7 @@
 
 #include <string>
 
-#include "recorder/print_buffer.h"
+#include "message/print_buffer.h"
 
 namespace {
 

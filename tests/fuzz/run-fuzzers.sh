@@ -23,7 +23,7 @@ build() {
     clang++ "${flags[@]}" -o "$binary" "$source_dir/tests/fuzz/$target.cpp" "$@" -ldl -lpthread
   fi
 }
-build encoder_fuzz "$source_dir/src/recorder/print_buffer.cpp" "$source_dir/src/recorder/held_payload.cpp" "$source_dir/src/recorder/payload_escaping.cpp" "$source_dir/src/recorder/recorder_vocabulary.cpp"
+build encoder_fuzz "$source_dir/src/message/print_buffer.cpp" "$source_dir/src/message/held_payload.cpp" "$source_dir/src/message/payload_escaping.cpp" "$source_dir/src/message/recorder_vocabulary.cpp"
 build socks_reply_fuzz "${core[@]}"
 for target in encoder_fuzz socks_reply_fuzz; do
   mkdir -p "$work_dir/$target.corpus"

@@ -1,4 +1,4 @@
-#include "recorder/address_attributes.h"
+#include "message/address_attributes.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -8,9 +8,9 @@
 
 #include <string>
 
-#include "interpose/real_functions.h"
+#include "real/real_functions.h"
 #include "log_capture.h"
-#include "recorder/recorder_message.h"
+#include "message/recorder_message.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "recorder/agent_interface.h"
+#include "transport/agent_interface.h"
 
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -9,11 +9,11 @@
 #include <string>
 #include <thread>
 
-#include "agent/agent_startup.h"
-#include "agent/time_base.h"
+#include "startup/agent_startup.h"
+#include "base/time_base.h"
 #include "log_capture.h"
 #include "process_runner.h"
-#include "recorder/recorder_channel_startup.h"
+#include "transport/recorder_channel_startup.h"
 #include "recorder_endpoint.h"
 #include "recorder_message_parser.h"
 

@@ -1,4 +1,4 @@
-#include "hooks/counters.h"
+#include "base/counters.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "hooks/critical_section.h"
+#include "base/critical_section.h"
 
 TEST(Counters, EachDrawIsThePreviousPlusOne) {
   const unsigned first = getGlobalCpt();

@@ -9,7 +9,7 @@
 #include <regex>
 #include <string>
 
-#include "agent/agent_startup.h"
+#include "startup/agent_startup.h"
 #include "log_capture.h"
 #include "process_runner.h"
 

@@ -1,4 +1,4 @@
-#include "diag/debug_server.h"
+#include "transport/debug_server.h"
 
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -7,10 +7,10 @@
 
 #include <string>
 
-#include "agent/agent_startup.h"
+#include "startup/agent_startup.h"
 #include "diag/crash_handler.h"
 #include "diag/debug_log.h"
-#include "interpose/real_functions.h"
+#include "real/real_functions.h"
 #include "log_capture.h"
 #include "recorder_endpoint.h"
 

@@ -13,11 +13,11 @@
 #include <string>
 
 #include "hooks/handlers.h"
-#include "hooks/socket_registry.h"
-#include "interpose/real_functions.h"
+#include "registry/socket_registry.h"
+#include "real/real_functions.h"
 #include "process_runner.h"
 #include "socks/socks_client.h"
-#include "socks/socks_config.h"
+#include "config/socks_config.h"
 #include "socks/socks_routing.h"
 
 using namespace talvex_test;

@@ -7,9 +7,9 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "hooks/counters.h"
-#include "interpose/dlsym_bootstrap.h"
-#include "interpose/real_functions.h"
+#include "base/counters.h"
+#include "real/dlsym_bootstrap.h"
+#include "real/real_functions.h"
 
 extern "C" void* lookupAsTheAgentDoes(void* handle, const char* name);
 

@@ -1,6 +1,6 @@
 // A payload held by reference reads the same bytes an escaped one would, and reaches the recorder
 // as the same text, whether a shared ring takes it or the connection does.
-#include "recorder/held_payload.h"
+#include "message/held_payload.h"
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -11,16 +11,17 @@
 #include <string>
 #include <vector>
 
-#include "agent/agent_startup.h"
+#include "startup/agent_startup.h"
 #include "local_recorder.h"
 #include "log_capture.h"
 #include "process_runner.h"
-#include "recorder/agent_interface.h"
-#include "recorder/persistent_channel.h"
-#include "recorder/print_buffer.h"
-#include "recorder/recorder_message.h"
-#include "recorder/recorder_socket.h"
-#include "recorder/shared_ring.h"
+#include "transport/agent_interface.h"
+#include "transport/persistent_channel.h"
+#include "transport/transport_choice.h"
+#include "message/print_buffer.h"
+#include "message/recorder_message.h"
+#include "transport/recorder_socket.h"
+#include "transport/shared_ring.h"
 #include "recorder_endpoint.h"
 
 using namespace std::chrono_literals;
@@ -124,6 +125,7 @@ class ChannelSwitches {
     readPersistentChannel();
     readRecorderSocket();
     readSharedRing();
+    chooseTransport();
   }
 };
 

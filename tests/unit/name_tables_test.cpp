@@ -1,4 +1,4 @@
-#include "diag/name_tables.h"
+#include "base/name_tables.h"
 
 #include <gtest/gtest.h>
 #include <string.h>

@@ -1,11 +1,11 @@
-#include "interpose/real_functions.h"
+#include "real/real_functions.h"
 
 #include <dlfcn.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 
-#include "agent/agent_startup.h"
-#include "interpose/dlsym_bootstrap.h"
+#include "startup/agent_startup.h"
+#include "real/dlsym_bootstrap.h"
 
 TEST(RealFunctions, MissingFunctionGivesZeroAndLeavesErrno) {
   decltype(&::recv) pointer = nullptr;

@@ -20,7 +20,7 @@
 
 #include "local_recorder.h"
 #include "process_runner.h"
-#include "recorder/shared_ring_layout.h"
+#include "transport/shared_ring_layout.h"
 
 using talvex::RecorderEndpoint;
 using namespace std::chrono_literals;

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "message_json.h"
-#include "recorder/recorder_message.h"
+#include "message/recorder_message.h"
 
 using talvex::ParsedMessage;
 using talvex::parseRecorderMessage;

@@ -1,6 +1,6 @@
-#include "recorder/recorder_message.h"
+#include "message/recorder_message.h"
 
-#include "recorder/payload_escaping.h"
+#include "message/payload_escaping.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "hooks/socket_registry.h"
+#include "registry/socket_registry.h"
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "interpose/real_functions.h"
+#include "real/real_functions.h"
 #include "log_capture.h"
-#include "socks/socks_config.h"
+#include "config/socks_config.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include "agent/agent_startup.h"
-#include "agent/environment.h"
-#include "agent/optional_hooks.h"
-#include "agent/recording_decision.h"
-#include "hooks/socket_registry.h"
-#include "socks/socks_config.h"
+#include "startup/agent_startup.h"
+#include "base/environment.h"
+#include "config/optional_hooks.h"
+#include "registry/recording_decision.h"
+#include "registry/socket_registry.h"
+#include "config/socks_config.h"
 
 namespace {
 SOCKETINFO record(unsigned family, unsigned protocol, bool rerouted) {

@@ -1,4 +1,4 @@
-#include "agent/time_base.h"
+#include "base/time_base.h"
 
 #include <gtest/gtest.h>
 #include <sys/time.h>

@@ -8,7 +8,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "recorder/shared_ring_layout.h"
+#include "transport/shared_ring_layout.h"
 
 namespace talvex {
 

@@ -1,0 +1,24 @@
+#include "startup/fork_following.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "base/process_identity.h"
+#include "transport/agent_interface.h"
+#include "transport/recorder_channel_startup.h"
+
+const char* const kFollowForksVariable = "TALVEX_SOCKET_AGENT_FOLLOW_FORKS";
+
+namespace {
+bool followForks = false;
+}
+
+void readFollowForks() { followForks = getenv(kFollowForksVariable) != nullptr; }
+
+void followForkInChild() {
+  if (!followForks || !__atomic_load_n(&globalInit, __ATOMIC_ACQUIRE)) return;
+  AgentInterface* channel = getAgentInterface();
+  if (channel == nullptr) return;
+  currentProcessId = getpid();
+  channel->replacePendingMessage(buildProcessMessage());
+}
