@@ -6,6 +6,8 @@ JOBS ?= $(shell nproc)
 
 PREFIX ?= /usr/local
 
+SHELL := /bin/bash
+
 .PHONY: all deps build build-sanitize test test-plain test-sanitize demo bench install clean
 
 all: build
@@ -40,8 +42,11 @@ demo: deps
 install: build
 	@cmake --install $(BUILD_DIR) --prefix $(PREFIX)
 
+# Every bench, each with its baseline from the same run; the figures go to bench/RESULTS.md.
 bench: build
-	@cmake --build $(BUILD_DIR) --target bench
+	@set -o pipefail; cmake --build $(BUILD_DIR) --target bench 2>&1 | tee $(BUILD_DIR)/bench.out
+	@grep -vE '^(\[|gmake|make|Built target|Scanning|Consolidate|Dependee)' $(BUILD_DIR)/bench.out \
+	  | ./scripts/write-bench-results.sh bench/RESULTS.md
 
 clean:
 	rm -rf $(BUILD_DIR) $(SANITIZE_DIR)

@@ -41,7 +41,7 @@ const char* const kUsage =
     "                       (default: on standard error, unless --live or --quiet)\n"
     "  --full               show every byte of long payloads in the transcript\n"
     "  --raw FILE           the recorder messages exactly as received, one per line\n"
-    "  --jsonl FILE         one flat JSON object per message (see the README for jq examples)\n"
+    "  --jsonl FILE         one flat JSON object per message (jq examples: talvex-record(1))\n"
     "  --pcap FILE          the TCP connections COMMAND made, as a capture file for Wireshark\n"
     "  --live               print each event on standard error as it happens (the default\n"
     "                       when standard error is a terminal); --no-live to turn it off\n"
