@@ -16,6 +16,7 @@
 #include "process_runner.h"
 #include "recorder_endpoint.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 
@@ -56,15 +57,15 @@ int main() {
   talvex::RecorderEndpoint endpoint;
   endpoint.start("127.0.0.1", 0, nullptr);
   const Figures plain = run(cleanEnvironment(), echo.port());
-  const Figures unplugged = run(agentEnvironment({{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}}), echo.port());
+  const Figures unplugged = run(agentEnvironment({{TALVEX_VAR_UNPLUG_AGENT, ""}}), echo.port());
   const Figures recording =
-      run(agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(endpoint.port())}}), echo.port());
+      run(agentEnvironment({{TALVEX_VAR_PORT_NUMBER, std::to_string(endpoint.port())}}), echo.port());
   const Figures unpluggedCapture = run(
-      agentEnvironment({{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}, {"TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE", "1"}}),
+      agentEnvironment({{TALVEX_VAR_UNPLUG_AGENT, ""}, {TALVEX_VAR_COMPLETE_CAPTURE, "1"}}),
       echo.port());
   const Figures recordingCapture =
-      run(agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(endpoint.port())},
-                            {"TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE", "1"}}),
+      run(agentEnvironment({{TALVEX_VAR_PORT_NUMBER, std::to_string(endpoint.port())},
+                            {TALVEX_VAR_COMPLETE_CAPTURE, "1"}}),
           echo.port());
   printf("per call, %d rounds, best of 3, 32-bit probe on loopback\n", kRounds);
   printf("  %-12s send+recv pair %8.0f ns   write to /dev/null %6.0f ns   (baseline)\n", "plain", plain.pairNs,

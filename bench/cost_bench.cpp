@@ -23,6 +23,7 @@
 #include "process_runner.h"
 #include "recorder_endpoint.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 
@@ -80,12 +81,12 @@ int main() {
   const std::vector<Mode> modes = {
       {"native", {}, cleanEnvironment()},
       {"pass-through preload", {}, cleanEnvironment({{"LD_PRELOAD", passThrough}})},
-      {"agent unplugged", {}, agentEnvironment({{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}})},
-      {"agent recording", {}, agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", recorderPort}})},
+      {"agent unplugged", {}, agentEnvironment({{TALVEX_VAR_UNPLUG_AGENT, ""}})},
+      {"agent recording", {}, agentEnvironment({{TALVEX_VAR_PORT_NUMBER, recorderPort}})},
       {"agent persistent", {},
-       agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", recorderPort},
-                         {"TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL", "1"},
-                         {"TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE", "1"}})},
+       agentEnvironment({{TALVEX_VAR_PORT_NUMBER, recorderPort},
+                         {TALVEX_VAR_PERSISTENT_CHANNEL, "1"},
+                         {TALVEX_VAR_COMPLETE_CAPTURE, "1"}})},
       {"strace", {"/usr/bin/strace", "-f", "-e", "trace=network,read,write", "-s", "65535", "-o", tmp.file("strace")},
        cleanEnvironment()},
   };
@@ -125,7 +126,7 @@ int main() {
   // A registry lookup is constant time: the same round trips with 10,000 other sockets open.
   double alone = 0, crowded = 0;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    const Environment unplugged = agentEnvironment({{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}});
+    const Environment unplugged = agentEnvironment({{TALVEX_VAR_UNPLUG_AGENT, ""}});
     const double a = pairNs({}, {kRecordingProbePath, "loop", std::to_string(echo.port()), "4000", "16"}, unplugged);
     const double c =
         pairNs({}, {kRecordingProbePath, "loop", std::to_string(echo.port()), "4000", "16", "10000"}, unplugged);

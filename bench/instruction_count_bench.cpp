@@ -14,6 +14,7 @@
 #include "process_runner.h"
 #include "recorder_endpoint.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 
@@ -56,14 +57,14 @@ int main() {
   talvex::RecorderEndpoint endpoint;
   endpoint.start("127.0.0.1", 0, nullptr);
   const std::string port = std::to_string(endpoint.port());
-  const Environment unplug = {{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}};
+  const Environment unplug = {{TALVEX_VAR_UNPLUG_AGENT, ""}};
   const Row passThrough = measure(agentEnvironment(unplug), echo.port());
   const Row passCapture =
-      measure(agentEnvironment({{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}, {"TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE", "1"}}),
+      measure(agentEnvironment({{TALVEX_VAR_UNPLUG_AGENT, ""}, {TALVEX_VAR_COMPLETE_CAPTURE, "1"}}),
               echo.port());
-  const Row recording = measure(agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", port}}), echo.port());
+  const Row recording = measure(agentEnvironment({{TALVEX_VAR_PORT_NUMBER, port}}), echo.port());
   const Row recordingCapture = measure(
-      agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", port}, {"TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE", "1"}}),
+      agentEnvironment({{TALVEX_VAR_PORT_NUMBER, port}, {TALVEX_VAR_COMPLETE_CAPTURE, "1"}}),
       echo.port());
   printf("instructions per call (callgrind), %d calls each, 64-byte payloads, 32-bit probe\n", kRounds);
   printf("  %-20s %10s %10s %10s\n", "", "send", "recv", "write(file)");

@@ -1,8 +1,9 @@
 #include "config/complete_capture.h"
+#include "base/variable_names.h"
 
 #include <stdlib.h>
 
-const char* const kCompleteCaptureVariable = "TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE";
+const char* const kCompleteCaptureVariable = TALVEX_VAR_COMPLETE_CAPTURE;
 
 namespace {
 // -1 until the environment has been read; threads racing to read it read the same answer.

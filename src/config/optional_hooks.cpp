@@ -1,6 +1,7 @@
 #include "config/optional_hooks.h"
 
 #include "base/environment.h"
+#include "base/variable_names.h"
 
 namespace {
 // -1 until first asked; a race can only store the same answer twice.
@@ -13,5 +14,5 @@ int cachedPresence(int* cache, const char* name) {
 }
 }  // namespace
 
-int isOptionalSocketHook() { return cachedPresence(&optionalSocketHook, "TALVEX_SOCKET_AGENT_OPT_HOOK"); }
-int isOptionalSocketHook2() { return cachedPresence(&optionalSocketHook2, "TALVEX_SOCKET_AGENT_OPT_HOOK_2"); }
+int isOptionalSocketHook() { return cachedPresence(&optionalSocketHook, TALVEX_VAR_OPT_HOOK); }
+int isOptionalSocketHook2() { return cachedPresence(&optionalSocketHook2, TALVEX_VAR_OPT_HOOK_2); }

@@ -5,6 +5,7 @@
 #include "base/environment.h"
 #include "diag/debug_log.h"
 #include "base/critical_section.h"
+#include "base/variable_names.h"
 
 int socksModeActive = 0;
 int socksDisplayMode = 0;
@@ -31,14 +32,14 @@ int effectiveSocksTimeout() {
 }
 
 void initializeSocksParam() {
-  socksIpv4Val = getenv("TALVEX_SOCKET_AGENT_SOCKS_IPV4_ADDRESS");
+  socksIpv4Val = getenv(TALVEX_VAR_SOCKS_IPV4_ADDRESS);
   if (socksIpv4Val != nullptr) {
-    socksPort4Val = numberOrDefault("TALVEX_SOCKET_AGENT_SOCKS_PORT_NUMBER_IPV4", kDefaultSocksPort);
-    connectMaxTimeout = numberOrDefault("TALVEX_SOCKET_AGENT_SOCKS_MAX_TIMEOUT", connectMaxTimeout);
+    socksPort4Val = numberOrDefault(TALVEX_VAR_SOCKS_PORT_NUMBER_IPV4, kDefaultSocksPort);
+    connectMaxTimeout = numberOrDefault(TALVEX_VAR_SOCKS_MAX_TIMEOUT, connectMaxTimeout);
   }
-  socksIpv6Val = getenv("TALVEX_SOCKET_AGENT_SOCKS_IPV6_ADDRESS");
+  socksIpv6Val = getenv(TALVEX_VAR_SOCKS_IPV6_ADDRESS);
   if (socksIpv6Val != nullptr) {
-    socksPort6Val = numberOrDefault("TALVEX_SOCKET_AGENT_SOCKS_PORT_NUMBER_IPV6", kDefaultSocksPort);
+    socksPort6Val = numberOrDefault(TALVEX_VAR_SOCKS_PORT_NUMBER_IPV6, kDefaultSocksPort);
   }
   if (socksIpv4Val == nullptr && socksIpv6Val == nullptr) {
     socksModeActive = 0;
@@ -48,7 +49,7 @@ void initializeSocksParam() {
     return;
   }
   socksModeActive = 1;
-  connectMaxTimeout = numberOrDefault("TALVEX_SOCKET_AGENT_SOCKS_MAX_TIMEOUT", connectMaxTimeout);
+  connectMaxTimeout = numberOrDefault(TALVEX_VAR_SOCKS_MAX_TIMEOUT, connectMaxTimeout);
   x_disp(DMK_INFO, "**********************");
   x_disp(DMK_INFO, "** SocksMode active **");
   x_disp(DMK_INFO, "**********************");

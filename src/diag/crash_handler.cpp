@@ -1,5 +1,6 @@
 #include "diag/crash_handler.h"
 #include "base/symbol_versions.h"
+#include "base/variable_names.h"
 
 #include <dlfcn.h>
 #include <execinfo.h>
@@ -55,7 +56,7 @@ void handler(int signal, siginfo_t* information, void* context) {
 }
 
 void installCrashHandlerOnRequest() {
-  if (getenv("TALVEX_SOCKET_AGENT_DEBUG_TRACEBACK") == nullptr) return;
+  if (getenv(TALVEX_VAR_DEBUG_TRACEBACK) == nullptr) return;
   const struct sigaction action = crashAction();
   sigaction(SIGSEGV, &action, nullptr);
 }

@@ -13,6 +13,7 @@
 #include "base/environment.h"
 #include "diag/log_file.h"
 #include "base/critical_section.h"
+#include "base/variable_names.h"
 
 const char* const IMAGE_DEBUG[10] = {"ERROR", "INFO ", "HOOK ", "CALL ", "RET  ",
                                      "WARNI", "DATA ", "LAUNC", "LOW  ", "GENER"};
@@ -35,8 +36,8 @@ pthread_mutex_t criticalSectionLog;
 
 const int kInitialBufferSize = 8192;
 const int kGrowthStep = 4096;
-const char* const kLogDirectoryVariable = "TALVEX_SOCKET_AGENT_DEBUG_DIR";
-const char* const kLogLevelVariable = "TALVEX_SOCKET_AGENT_DEBUG_LVL";
+const char* const kLogDirectoryVariable = TALVEX_VAR_DEBUG_DIR;
+const char* const kLogLevelVariable = TALVEX_VAR_DEBUG_LVL;
 
 bool linePasses(int kind) {
   if (kind == DMK_LOW) return true;

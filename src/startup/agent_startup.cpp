@@ -26,12 +26,13 @@
 #include "transport/transport_choice.h"
 #include "socks/local_addresses.h"
 #include "config/socks_config.h"
+#include "base/variable_names.h"
 
 __asm__(".symver dladdr,dladdr@" TALVEX_GLIBC_FIRST);
 
 namespace {
 
-const char* const kDoubleLogSocksVariable = "TALVEX_SOCKET_AGENT_DOUBLE_LOG_SOCKS";
+const char* const kDoubleLogSocksVariable = TALVEX_VAR_DOUBLE_LOG_SOCKS;
 int socksServerAddressInitialized = 0;
 int socketPointersStarting = 0;
 

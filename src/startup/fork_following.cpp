@@ -6,8 +6,9 @@
 #include "base/process_identity.h"
 #include "transport/agent_interface.h"
 #include "transport/recorder_channel_startup.h"
+#include "base/variable_names.h"
 
-const char* const kFollowForksVariable = "TALVEX_SOCKET_AGENT_FOLLOW_FORKS";
+const char* const kFollowForksVariable = TALVEX_VAR_FOLLOW_FORKS;
 
 namespace {
 bool followForks = false;

@@ -14,10 +14,11 @@ __asm__(".symver dladdr1,dladdr1@GLIBC_2.3.3");
 #include "base/time_base.h"
 #include "diag/debug_log.h"
 #include "real/real_functions.h"
+#include "base/variable_names.h"
 
 const char* const kRecorderCoreRelativeDirectory = "../../../../talvex.recorder.core/Libraries/";
 const char* const kRecorderCoreFileName = "libRecorderCore.so";
-const char* const kRecorderCorePathVariable = "TALVEX_SOCKET_AGENT_RECORDERCORE" TALVEX_ABI_BITS "_PATH";
+const char* const kRecorderCorePathVariable = TALVEX_VAR_RECORDERCORE_PATH;
 
 namespace {
 

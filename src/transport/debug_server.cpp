@@ -13,6 +13,7 @@
 #include "base/name_tables.h"
 #include "real/real_functions.h"
 #include "config/socks_config.h"
+#include "base/variable_names.h"
 
 int debugSocket = -1;
 int debugServerActive = 0;
@@ -30,7 +31,7 @@ void initializeDebugServer() {
   initializationDone = 1;
   logLineMirror = &sendDebugMessage;
   if (debugSocket != -1) return;
-  debugIpVal = getenv("TALVEX_SOCKET_AGENT_DEBUG_IP");
+  debugIpVal = getenv(TALVEX_VAR_DEBUG_IP);
   if (debugIpVal == nullptr) {
     debugServerActive = 0;
     x_disp(DMK_INFO, "****************************");
@@ -39,7 +40,7 @@ void initializeDebugServer() {
     return;
   }
   debugServerActive = 1;
-  debugPortVal = numberOrDefault("TALVEX_SOCKET_AGENT_DEBUG_PORT", kDefaultDebugPort);
+  debugPortVal = numberOrDefault(TALVEX_VAR_DEBUG_PORT, kDefaultDebugPort);
   x_disp(DMK_INFO, "************************");
   x_disp(DMK_INFO, "** DebugServer active **");
   x_disp(DMK_INFO, "************************");

@@ -14,11 +14,12 @@
 #include "base/symbol_versions.h"
 #include "transport/recorder_socket.h"
 #include "transport/shared_ring.h"
+#include "base/variable_names.h"
 
 // The first fcntl of each ABI: the agent loads on C libraries older than the one it is built on.
 __asm__(".symver fcntl,fcntl@" TALVEX_GLIBC_FIRST);
 
-const char* const kPersistentChannelVariable = "TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL";
+const char* const kPersistentChannelVariable = TALVEX_VAR_PERSISTENT_CHANNEL;
 
 namespace {
 

@@ -9,6 +9,7 @@
 #include "base/counters.h"
 #include "transport/agent_interface.h"
 #include "message/recorder_message.h"
+#include "base/variable_names.h"
 
 namespace {
 
@@ -40,13 +41,13 @@ RecorderMessage* buildProcessMessage() {
 }
 
 void startRecorderChannel() {
-  if (getenv("TALVEX_SOCKET_AGENT_UNPLUG_AGENT") != nullptr) {
+  if (getenv(TALVEX_VAR_UNPLUG_AGENT) != nullptr) {
     agentInterfaceUnplugged = 1;
     logUnpluggedBanner();
   }
   RecorderMessage* processMessage = buildProcessMessage();
-  const char* address = getenv("TALVEX_SOCKET_AGENT_IP_ADDRESS");
-  const char* port = getenv("TALVEX_SOCKET_AGENT_PORT_NUMBER");
+  const char* address = getenv(TALVEX_VAR_IP_ADDRESS);
+  const char* port = getenv(TALVEX_VAR_PORT_NUMBER);
   x_disp(DMK_INFO, "@@@@ ip : %s\t @@@@ port : %s", orNull(address), orNull(port));
   // A previous interface (start-up run again) is left alive: another thread may be using it.
   AgentInterface* created = createAgentInterface(address, port, processMessage);

@@ -5,8 +5,9 @@
 #include <string.h>
 
 #include "diag/debug_log.h"
+#include "base/variable_names.h"
 
-const char* const kRecorderSocketVariable = "TALVEX_SOCKET_AGENT_RECORDER_SOCKET";
+const char* const kRecorderSocketVariable = TALVEX_VAR_RECORDER_SOCKET;
 
 namespace {
 

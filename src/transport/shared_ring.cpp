@@ -16,11 +16,12 @@
 #include "base/symbol_versions.h"
 #include "message/held_payload.h"
 #include "transport/shared_ring_layout.h"
+#include "base/variable_names.h"
 
 // The first fcntl of each ABI: the agent loads on C libraries older than the one it is built on.
 __asm__(".symver fcntl,fcntl@" TALVEX_GLIBC_FIRST);
 
-const char* const kSharedRingVariable = "TALVEX_SOCKET_AGENT_SHARED_RING";
+const char* const kSharedRingVariable = TALVEX_VAR_SHARED_RING;
 
 namespace {
 

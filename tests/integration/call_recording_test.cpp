@@ -10,6 +10,7 @@
 #include "process_runner.h"
 #include "recording_support.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 using Names = std::vector<std::string>;
@@ -382,7 +383,7 @@ TEST_P(SameResults, WithAndWithoutTheAgent) {
   std::vector<std::string> argv = {kRecordingProbePath};
   for (const auto& a : GetParam()) argv.push_back(a == "PORT" ? std::to_string(echo.port()) : a == "PATH" ? tmp.file("s") : a);
   const ProcessResult plain = runProcess(argv, cleanEnvironment());
-  const Recording hooked = recordRun(argv, {{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "0"}});
+  const Recording hooked = recordRun(argv, {{TALVEX_VAR_DEBUG_LVL, "0"}});
   ASSERT_EQ(plain.exitCode, 0) << plain.err;
   EXPECT_EQ(hooked.run.exitCode, 0);
   // Ports the system chose differ from run to run; everything else must be the same.

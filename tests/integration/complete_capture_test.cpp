@@ -15,13 +15,14 @@
 #include "process_runner.h"
 #include "recording_support.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 using namespace std::chrono_literals;
 
 namespace {
 
-const Environment kCapture = {{"TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE", "1"}};
+const Environment kCapture = {{TALVEX_VAR_COMPLETE_CAPTURE, "1"}};
 
 std::string pattern(size_t size, unsigned seed) {
   std::string bytes(size, '\0');

@@ -12,6 +12,7 @@
 #include "recorder_endpoint.h"
 #include "recorder_message_parser.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 using namespace std::chrono_literals;
@@ -26,8 +27,8 @@ TEST_P(Conversation, EveryByteOfEverySocketInTicketOrder) {
   talvex::RecorderEndpoint endpoint;
   ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
   TempDir tmp;
-  Environment recording = agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(endpoint.port())}});
-  if (GetParam()) recording["TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL"] = "1";
+  Environment recording = agentEnvironment({{TALVEX_VAR_PORT_NUMBER, std::to_string(endpoint.port())}});
+  if (GetParam()) recording[TALVEX_VAR_PERSISTENT_CHANNEL] = "1";
 
   BackgroundProcess server({kRecordingProbePath, "serve", tmp.file("port"), std::to_string(kThreads)}, recording);
   const int port = waitForPortFile(tmp.file("port"));

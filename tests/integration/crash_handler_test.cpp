@@ -7,11 +7,12 @@
 
 #include "process_runner.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 
 namespace {
-const Environment kTraceback = {{"TALVEX_SOCKET_AGENT_DEBUG_TRACEBACK", ""}};
+const Environment kTraceback = {{TALVEX_VAR_DEBUG_TRACEBACK, ""}};
 
 size_t frameLines(const std::vector<std::string>& lines) {
   size_t n = 0;

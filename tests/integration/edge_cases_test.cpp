@@ -9,6 +9,7 @@
 #include "process_runner.h"
 #include "recording_support.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 
@@ -86,8 +87,8 @@ TEST(EdgeCases, CLibraryWithoutPselectStillEntersTheHandlerAndFailsTheCall) {
 TEST(EdgeCases, Ipv6SocksPortOfZeroOrTextKeeps1081) {
   for (const char* value : {"0", "socks"}) {
     const Recording r = recordRun({kRecordingProbePath, "close-twice"},
-                                  {{"TALVEX_SOCKET_AGENT_SOCKS_IPV6_ADDRESS", "::1"},
-                                   {"TALVEX_SOCKET_AGENT_SOCKS_PORT_NUMBER_IPV6", value}});
+                                  {{TALVEX_VAR_SOCKS_IPV6_ADDRESS, "::1"},
+                                   {TALVEX_VAR_SOCKS_PORT_NUMBER_IPV6, value}});
     EXPECT_EQ(linesContaining(r.log, "[INFO ]Socks server IPV6 Port : 1081").size(), 1u) << value << "\n" << r.log;
   }
 }

@@ -9,6 +9,7 @@
 #include "process_runner.h"
 #include "recording_support.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 
@@ -39,7 +40,7 @@ TEST(ForkFollowing, WithoutTheVariableChildrenGoOnAsTheirParent) {
 TEST(ForkFollowing, WithTheVariableEachChildIsAProcessOfItsOwn) {
   EchoServer echo;
   const Recording r = recordRun({kHostileProbePath, "fork-children", std::to_string(echo.port())},
-                                {{"TALVEX_SOCKET_AGENT_FOLLOW_FORKS", "1"}});
+                                {{TALVEX_VAR_FOLLOW_FORKS, "1"}});
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
   const auto pids = printedPids(r.run.out);
   ASSERT_EQ(pids.size(), 4u) << r.run.out;

@@ -12,6 +12,7 @@
 #include "process_runner.h"
 #include "recording_support.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 using namespace std::chrono_literals;
@@ -49,7 +50,7 @@ TEST_P(SignalHandlerCalls, HandlerThatInterruptsTheAgentNeverWaitsForIt) {
   ASSERT_EQ(plain.out, "exchanges 1500, handler ran: yes\n");
   const Recording recorded = recordRun(argv, {}, "", kBound);
   expectSameOutcome(plain, recorded.run);
-  const Recording unplugged = recordRun(argv, {{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}}, "", kBound);
+  const Recording unplugged = recordRun(argv, {{TALVEX_VAR_UNPLUG_AGENT, ""}}, "", kBound);
   expectSameOutcome(plain, unplugged.run);
 }
 
@@ -203,12 +204,12 @@ TEST_P(HugePayload, MessageTooLargeToEncodeIsDroppedAndLogged) {
   ASSERT_EQ(plain.exitCode, 0);
   if (plain.out == "no memory\n") GTEST_SKIP() << "the probe could not allocate the payload";
   // Errors only: a data line of a gigabyte is not what this test is about.
-  const Recording r = recordRun(argv, {{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "1"}}, "", 120s);
+  const Recording r = recordRun(argv, {{TALVEX_VAR_DEBUG_LVL, "1"}}, "", 120s);
   expectSameOutcome(plain, r.run);
   EXPECT_TRUE(r.ofKind("send").empty()) << r.kinds().size();
   EXPECT_EQ(linesContaining(r.log, "message dropped").size(), 2u) << r.log.substr(0, 4000);
   const Recording unplugged =
-      recordRun(argv, {{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}, {"TALVEX_SOCKET_AGENT_DEBUG_LVL", "1"}}, "", 120s);
+      recordRun(argv, {{TALVEX_VAR_UNPLUG_AGENT, ""}, {TALVEX_VAR_DEBUG_LVL, "1"}}, "", 120s);
   expectSameOutcome(plain, unplugged.run);
 }
 
@@ -247,7 +248,7 @@ TEST(HostileHost, RecorderCorePathThatIsAFifoDoesNotBlockStartUp) {
 
 TEST(HostileHost, EmptyLogDirectoryWritesNoLogAnywhere) {
   const std::vector<std::string> argv = {kProbePath, "first-close"};
-  const Recording r = recordRun(argv, {{"TALVEX_SOCKET_AGENT_DEBUG_DIR", ""}}, "", kBound);
+  const Recording r = recordRun(argv, {{TALVEX_VAR_DEBUG_DIR, ""}}, "", kBound);
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
   // Taken as it stands, the empty directory put the log at the root of the file system.
   for (const auto& name : listDirectory("/")) {
@@ -261,7 +262,7 @@ TEST(HostileHost, RecorderPortOutOfRangeSendsNothingAndSaysSo) {
   EchoServer echo;
   // 65,536 above a port that listens: cut to 16 bits, it would be that port.
   const Recording r = recordRun({kRecordingProbePath, "nonblock-connect", std::to_string(echo.port())},
-                                {{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(endpoint.port() + 65536)}}, "",
+                                {{TALVEX_VAR_PORT_NUMBER, std::to_string(endpoint.port() + 65536)}}, "",
                                 kBound);
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
   endpoint.waitForQuiet(300ms, 2s);

@@ -21,19 +21,20 @@
 #include "recorder_message_parser.h"
 #include "recording_support.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 using namespace std::chrono_literals;
 
 namespace {
 
-const char* const kPersistent = "TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL";
+const char* const kPersistent = TALVEX_VAR_PERSISTENT_CHANNEL;
 
 Environment persistentTo(int port, const TempDir& logs, const Environment& extra = {}) {
-  Environment environment = agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(port)},
+  Environment environment = agentEnvironment({{TALVEX_VAR_PORT_NUMBER, std::to_string(port)},
                                               {kPersistent, "1"},
-                                              {"TALVEX_SOCKET_AGENT_DEBUG_LVL", "1"},
-                                              {"TALVEX_SOCKET_AGENT_DEBUG_DIR", logs.path()}});
+                                              {TALVEX_VAR_DEBUG_LVL, "1"},
+                                              {TALVEX_VAR_DEBUG_DIR, logs.path()}});
   for (const auto& entry : extra) environment[entry.first] = entry.second;
   return environment;
 }
@@ -112,7 +113,7 @@ TEST(PersistentChannel, WithoutTheVariableEachMessageHasAConnectionOfItsOwn) {
   talvex::RecorderEndpoint endpoint;
   ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
   const ProcessResult r = runProcess({kRecordingProbePath, "loop", std::to_string(echo.port()), "20"},
-                                     agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(endpoint.port())}}));
+                                     agentEnvironment({{TALVEX_VAR_PORT_NUMBER, std::to_string(endpoint.port())}}));
   ASSERT_EQ(r.exitCode, 0) << r.err;
   endpoint.waitForQuiet(300ms, 10s);
   EXPECT_EQ(endpoint.messages().size(), 43u);
@@ -126,7 +127,7 @@ TEST(PersistentChannel, AChildAfterForkWritesOnAConnectionOfItsOwn) {
   TempDir logs;
   const ProcessResult r =
       runProcess({kHostileProbePath, "fork-children", std::to_string(echo.port())},
-                 persistentTo(endpoint.port(), logs, {{"TALVEX_SOCKET_AGENT_FOLLOW_FORKS", "1"}}));
+                 persistentTo(endpoint.port(), logs, {{TALVEX_VAR_FOLLOW_FORKS, "1"}}));
   ASSERT_EQ(r.exitCode, 0) << r.err;
   endpoint.waitForQuiet(300ms, 10s);
   const auto messages = parsedOrFail(endpoint.messages());
@@ -150,7 +151,7 @@ TEST(PersistentChannel, AChildAfterForkWritesOnAConnectionOfItsOwn) {
 TEST(PersistentChannel, ANamedLocalSocketCarriesTheChannelAndTcpStandsInForIt) {
   EchoServer echo;
   const std::string name = localSocketName("channel-test");
-  const Environment local = {{"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", name}, {"TALVEX_SOCKET_AGENT_FOLLOW_FORKS", "1"}};
+  const Environment local = {{TALVEX_VAR_RECORDER_SOCKET, name}, {TALVEX_VAR_FOLLOW_FORKS, "1"}};
   {
     LocalRecorder recorder(name);
     ASSERT_TRUE(recorder.listening());
@@ -193,9 +194,9 @@ TEST(PersistentChannel, ASharedRingCarriesEveryProcesssMessagesWhole) {
   ASSERT_TRUE(recorder.listening());
   talvex::RecorderEndpoint& endpoint = recorder.endpoint();
   TempDir logs;
-  const Environment ring = {{"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", recorder.name()},
-                            {"TALVEX_SOCKET_AGENT_SHARED_RING", "1"},
-                            {"TALVEX_SOCKET_AGENT_FOLLOW_FORKS", "1"}};
+  const Environment ring = {{TALVEX_VAR_RECORDER_SOCKET, recorder.name()},
+                            {TALVEX_VAR_SHARED_RING, "1"},
+                            {TALVEX_VAR_FOLLOW_FORKS, "1"}};
   ProcessResult r = runProcess({kHostileProbePath, "fork-children", std::to_string(echo.port())},
                                persistentTo(closedLoopbackPort(), logs, ring));
   ASSERT_EQ(r.exitCode, 0) << r.err;
@@ -243,8 +244,8 @@ TEST(PersistentChannel, ASharedRingCarriesLargeVectorsWhole) {
   const ProcessResult r =
       runProcess({kRecordingProbePath, "big-vectors", std::to_string(echo.port())},
                  persistentTo(closedLoopbackPort(), logs,
-                              {{"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", recorder.name()},
-                               {"TALVEX_SOCKET_AGENT_SHARED_RING", "1"}}));
+                              {{TALVEX_VAR_RECORDER_SOCKET, recorder.name()},
+                               {TALVEX_VAR_SHARED_RING, "1"}}));
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_NE(r.out.find("same 1\n"), std::string::npos) << r.out;
   endpoint.waitForQuiet(300ms, 10s);
@@ -331,8 +332,8 @@ TEST(PersistentChannel, ARecorderThatStopsTakingFromItsRingDelaysTheHostOnlyABou
   const auto started = std::chrono::steady_clock::now();
   const ProcessResult r = runProcess({kRecordingProbePath, "bytes", std::to_string(echo.port()), "6000000"},
                                      persistentTo(closedLoopbackPort(), logs,
-                                                  {{"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", name},
-                                                   {"TALVEX_SOCKET_AGENT_SHARED_RING", "1"}}),
+                                                  {{TALVEX_VAR_RECORDER_SOCKET, name},
+                                                   {TALVEX_VAR_SHARED_RING, "1"}}),
                                      std::chrono::seconds(60));
   const auto took = std::chrono::steady_clock::now() - started;
   close(listener);
@@ -384,7 +385,7 @@ TEST(PersistentChannel, EightSendersToARecorderOffLoopbackLoseNothing) {
       tmp.file("out.raw") + " --count 120008 2>" + tmp.file("recorder.err") + " & R=$!\n" +
       "i=0; while [ ! -s " + tmp.file("port") + " ] && [ $i -lt 100 ]; do sleep 0.05; i=$((i+1)); done\n" +
       "for n in 1 2 3 4 5 6 7 8; do env " + agentVariables +
-      "TALVEX_SOCKET_AGENT_IP_ADDRESS=10.200.0.1 TALVEX_SOCKET_AGENT_PORT_NUMBER=$(cat " + tmp.file("port") + ") " +
+      TALVEX_VAR_IP_ADDRESS "=10.200.0.1 " TALVEX_VAR_PORT_NUMBER "=$(cat " + tmp.file("port") + ") " +
       kProbePath + " selects 15000 >/dev/null & done\n" + "wait $R\n";
   const ProcessResult r = runProcess({"/usr/bin/unshare", "--net", "/bin/sh", "-c", script}, cleanEnvironment(),
                                      std::chrono::seconds(120));

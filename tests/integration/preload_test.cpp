@@ -9,6 +9,7 @@
 
 #include "process_runner.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 
@@ -103,7 +104,7 @@ TEST(Preload, DirectCompanionsWorkWithoutStartingTheAgent) {
   const std::string logDir = tmp.file("logs");
   const ProcessResult r = runProcess(
       {kProbePath, "direct", std::to_string(echo.port())},
-      agentEnvironment({{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "1023"}, {"TALVEX_SOCKET_AGENT_DEBUG_DIR", logDir}}));
+      agentEnvironment({{TALVEX_VAR_DEBUG_LVL, "1023"}, {TALVEX_VAR_DEBUG_DIR, logDir}}));
   ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
   EXPECT_EQ(splitLines(r.out), (std::vector<std::string>{"directconnect result=0 errno=0", "directclose result=0",
                                                          "globalInit 0"}));
@@ -124,8 +125,8 @@ TEST(Preload, StartUpRunsOnceUnderConcurrentFirstCalls) {
     for (int p = 0; p < kProcessesPerRound; ++p) {
       launchers.emplace_back([&, p] {
         results[p] = runProcess({kProbePath, "threads", "32", std::to_string(echo.port())},
-                                agentEnvironment({{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "2"},
-                                                  {"TALVEX_SOCKET_AGENT_DEBUG_DIR", dirs[p].path()}}));
+                                agentEnvironment({{TALVEX_VAR_DEBUG_LVL, "2"},
+                                                  {TALVEX_VAR_DEBUG_DIR, dirs[p].path()}}));
       });
     }
     for (auto& l : launchers) l.join();

@@ -9,6 +9,7 @@
 #include "recorder_endpoint.h"
 #include "recorder_message_parser.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 using namespace std::chrono_literals;
@@ -23,7 +24,7 @@ class RecorderChannel : public ::testing::Test {
   void SetUp() override { ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr)); }
 
   Environment recording(Environment extra = {}) {
-    extra.emplace("TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(endpoint.port()));
+    extra.emplace(TALVEX_VAR_PORT_NUMBER, std::to_string(endpoint.port()));
     return agentEnvironment(extra);
   }
 
@@ -135,9 +136,9 @@ TEST_F(RecorderChannel, BadArchiNoticeWithNullInfo) {
 
 TEST_F(RecorderChannel, EndpointDownLeavesTheHostAloneAndLogsEachAttempt) {
   TempDir tmp;
-  Environment environment = agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(closedLoopbackPort())},
-                                              {"TALVEX_SOCKET_AGENT_DEBUG_LVL", "1"},
-                                              {"TALVEX_SOCKET_AGENT_DEBUG_DIR", tmp.path()}});
+  Environment environment = agentEnvironment({{TALVEX_VAR_PORT_NUMBER, std::to_string(closedLoopbackPort())},
+                                              {TALVEX_VAR_DEBUG_LVL, "1"},
+                                              {TALVEX_VAR_DEBUG_DIR, tmp.path()}});
   const ProcessResult hooked = channel({"select", "setsockopt-bad", "select"}, environment);
   const ProcessResult plain = channel({"select", "setsockopt-bad", "select"}, cleanEnvironment());
   ASSERT_EQ(hooked.exitCode, 0) << hooked.err;
@@ -154,9 +155,9 @@ TEST_F(RecorderChannel, EndpointDownLeavesTheHostAloneAndLogsEachAttempt) {
 
 TEST_F(RecorderChannel, NonNumericPortMeansPortZeroAndLoggedFailures) {
   TempDir tmp;
-  const ProcessResult r = channel({"select"}, agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", "recorder"},
-                                                                {"TALVEX_SOCKET_AGENT_DEBUG_LVL", "1"},
-                                                                {"TALVEX_SOCKET_AGENT_DEBUG_DIR", tmp.path()}}));
+  const ProcessResult r = channel({"select"}, agentEnvironment({{TALVEX_VAR_PORT_NUMBER, "recorder"},
+                                                                {TALVEX_VAR_DEBUG_LVL, "1"},
+                                                                {TALVEX_VAR_DEBUG_DIR, tmp.path()}}));
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(r.out, "select result=0 errno=77\n");
   const auto files = listDirectory(tmp.path());
@@ -166,7 +167,7 @@ TEST_F(RecorderChannel, NonNumericPortMeansPortZeroAndLoggedFailures) {
 }
 
 TEST_F(RecorderChannel, UnpluggedEvenWhenEmptySendsNothing) {
-  const ProcessResult r = channel({"select", "badarchi", "end"}, recording({{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}}));
+  const ProcessResult r = channel({"select", "badarchi", "end"}, recording({{TALVEX_VAR_UNPLUG_AGENT, ""}}));
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(r.out, "select result=0 errno=77\nbadarchi sent\nend result=0 errno=0\n");
   endpoint.waitForQuiet(500ms, 2s);

@@ -3,6 +3,7 @@
 #include <stdio.h>
 
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 namespace talvex_test {
 
@@ -44,9 +45,9 @@ Recording recordRun(const std::vector<std::string>& argv, const Environment& ext
   talvex::RecorderEndpoint endpoint;
   endpoint.start("127.0.0.1", 0, nullptr);
   TempDir logs;
-  Environment environment = agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(endpoint.port())},
-                                              {"TALVEX_SOCKET_AGENT_DEBUG_LVL", "127"},
-                                              {"TALVEX_SOCKET_AGENT_DEBUG_DIR", logs.path()}});
+  Environment environment = agentEnvironment({{TALVEX_VAR_PORT_NUMBER, std::to_string(endpoint.port())},
+                                              {TALVEX_VAR_DEBUG_LVL, "127"},
+                                              {TALVEX_VAR_DEBUG_DIR, logs.path()}});
   for (const auto& entry : extra) environment[entry.first] = entry.second;
   if (!preloadAfter.empty()) environment["LD_PRELOAD"] = preloadWithAgent(preloadAfter);
   Recording recording;

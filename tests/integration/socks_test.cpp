@@ -13,6 +13,7 @@
 #include "recording_support.h"
 #include "scripted_socks_server.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 using Names = std::vector<std::string>;
@@ -22,8 +23,8 @@ namespace {
 const char* const kMicrosocks = "/usr/bin/microsocks";
 
 Environment socksV4(int port, Environment extra = {}) {
-  extra["TALVEX_SOCKET_AGENT_SOCKS_IPV4_ADDRESS"] = "127.0.0.1";
-  extra["TALVEX_SOCKET_AGENT_SOCKS_PORT_NUMBER_IPV4"] = std::to_string(port);
+  extra[TALVEX_VAR_SOCKS_IPV4_ADDRESS] = "127.0.0.1";
+  extra[TALVEX_VAR_SOCKS_PORT_NUMBER_IPV4] = std::to_string(port);
   return extra;
 }
 
@@ -101,7 +102,7 @@ TEST(Socks, DoubleLoggingRecordsTheTrafficToo) {
   Microsocks server;
   EchoServer echo;
   const Recording r = recordRun({kRecordingProbePath, "socks-echo", std::to_string(echo.port())},
-                                socksV4(server.port(), {{"TALVEX_SOCKET_AGENT_DOUBLE_LOG_SOCKS", ""}}));
+                                socksV4(server.port(), {{TALVEX_VAR_DOUBLE_LOG_SOCKS, ""}}));
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
   ASSERT_EQ(r.kinds(), (Names{"connect", "send", "receive", "close"}));
   EXPECT_EQ(r.messages[1].find("data")->bytes, "ping");
@@ -133,8 +134,8 @@ TEST(Socks, UdpConnectsAreNeverRerouted) {
 TEST(Socks, PortOfZeroOrTextKeeps1081) {
   for (const char* value : {"0", "socks"}) {
     const Recording r = recordRun({kRecordingProbePath, "close-twice"},
-                                  {{"TALVEX_SOCKET_AGENT_SOCKS_IPV4_ADDRESS", "127.0.0.1"},
-                                   {"TALVEX_SOCKET_AGENT_SOCKS_PORT_NUMBER_IPV4", value}});
+                                  {{TALVEX_VAR_SOCKS_IPV4_ADDRESS, "127.0.0.1"},
+                                   {TALVEX_VAR_SOCKS_PORT_NUMBER_IPV4, value}});
     EXPECT_EQ(linesContaining(r.log, "[INFO ]Socks server IPV4 Port : 1081").size(), 1u) << r.log;
   }
 }
@@ -196,7 +197,7 @@ class SocksFailure : public ::testing::TestWithParam<FailureCase> {};
 TEST_P(SocksFailure, BadExchangeClosesTheSocket) {
   ScriptedSocksServer server("127.0.0.1", GetParam().script);
   const Recording r = recordRun({kRecordingProbePath, "socks-echo", "9"},
-                                socksV4(server.port(), {{"TALVEX_SOCKET_AGENT_SOCKS_MAX_TIMEOUT", "1"}}));
+                                socksV4(server.port(), {{TALVEX_VAR_SOCKS_MAX_TIMEOUT, "1"}}));
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
   // The socket was closed by the failed exchange, so the plain connect that follows finds it gone.
   EXPECT_EQ(splitLines(r.run.out)[1], "connect result=-1 errno=9") << r.run.out;
@@ -280,8 +281,8 @@ TEST(Socks, UnreachableServerMeansADirectConnect) {
 TEST(Socks, Ipv6DestinationThroughAnIpv6Server) {
   ScriptedSocksServer server("::1", SocksScript());
   const Recording r = recordRun({kRecordingProbePath, "socks-echo6", "4242"},
-                                {{"TALVEX_SOCKET_AGENT_SOCKS_IPV6_ADDRESS", "::1"},
-                                 {"TALVEX_SOCKET_AGENT_SOCKS_PORT_NUMBER_IPV6", std::to_string(server.port())}});
+                                {{TALVEX_VAR_SOCKS_IPV6_ADDRESS, "::1"},
+                                 {TALVEX_VAR_SOCKS_PORT_NUMBER_IPV6, std::to_string(server.port())}});
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
   EXPECT_EQ(splitLines(r.run.out)[1], "connect result=0 errno=0") << r.log;
   EXPECT_EQ(splitLines(r.run.out)[4], "recv data=ping");
@@ -350,8 +351,8 @@ TEST(Socks, MalformedServerAddressesLeaveTheHostWorking) {
   EchoServer echo;
   for (const std::string& address : {std::string("not-an-address"), std::string(5000, '7')}) {
     const Recording r = recordRun({kRecordingProbePath, "socks-echo", std::to_string(echo.port())},
-                                  {{"TALVEX_SOCKET_AGENT_SOCKS_IPV4_ADDRESS", address},
-                                   {"TALVEX_SOCKET_AGENT_SOCKS_IPV6_ADDRESS", "::not-v6::"}});
+                                  {{TALVEX_VAR_SOCKS_IPV4_ADDRESS, address},
+                                   {TALVEX_VAR_SOCKS_IPV6_ADDRESS, "::not-v6::"}});
     ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
     EXPECT_EQ(splitLines(r.run.out)[1], "connect result=0 errno=0");
     EXPECT_EQ(splitLines(r.run.out)[4], "recv data=ping");
@@ -400,7 +401,7 @@ TEST(Socks, ServerThatNeverAcceptsMeansADirectConnectWithinTheTimeOut) {
   FullListener socks;
   EchoServer echo;
   const Recording r = recordRun({kRecordingProbePath, "socks-echo", std::to_string(echo.port())},
-                                socksV4(socks.port(), {{"TALVEX_SOCKET_AGENT_SOCKS_MAX_TIMEOUT", "1"}}), "",
+                                socksV4(socks.port(), {{TALVEX_VAR_SOCKS_MAX_TIMEOUT, "1"}}), "",
                                 std::chrono::seconds(20));
   ASSERT_FALSE(r.run.timedOut);
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
@@ -421,7 +422,7 @@ TEST(Socks, OneTimeOutBoundsHandshakeAndRequestTogether) {
   slow.replyDelayMs = 700;
   ScriptedSocksServer server("127.0.0.1", slow);
   const Recording r = recordRun({kRecordingProbePath, "socks-echo", "9"},
-                                socksV4(server.port(), {{"TALVEX_SOCKET_AGENT_SOCKS_MAX_TIMEOUT", "1"}}));
+                                socksV4(server.port(), {{TALVEX_VAR_SOCKS_MAX_TIMEOUT, "1"}}));
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
   EXPECT_EQ(
       linesContaining(r.log,

@@ -8,6 +8,7 @@
 
 #include "process_runner.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 
@@ -30,7 +31,7 @@ TEST(LogFile, NamedByTimeAndPidWithExactHeader) {
   TempDir tmp;
   const std::string dir = tmp.file("agentlogs");
   const ProcessResult r =
-      runStartup({{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "2"}, {"TALVEX_SOCKET_AGENT_DEBUG_DIR", dir}});
+      runStartup({{TALVEX_VAR_DEBUG_LVL, "2"}, {TALVEX_VAR_DEBUG_DIR, dir}});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   const std::string pid = probePid(r);
   ASSERT_FALSE(pid.empty());
@@ -51,7 +52,7 @@ TEST(LogFile, NamedByTimeAndPidWithExactHeader) {
 TEST(LogFile, LevelBitsFilterKinds) {
   TempDir tmp;
   const ProcessResult r =
-      runStartup({{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "1"}, {"TALVEX_SOCKET_AGENT_DEBUG_DIR", tmp.path()}});
+      runStartup({{TALVEX_VAR_DEBUG_LVL, "1"}, {TALVEX_VAR_DEBUG_DIR, tmp.path()}});
   ASSERT_EQ(r.exitCode, 0);
   const auto files = listDirectory(tmp.path());
   ASSERT_EQ(files.size(), 1u);
@@ -66,19 +67,19 @@ TEST(LogFile, LevelBitsFilterKinds) {
 TEST(LogFile, NeedsBothVariables) {
   TempDir tmp;
   const std::string dir = tmp.file("logs");
-  ProcessResult r = runStartup({{"TALVEX_SOCKET_AGENT_DEBUG_DIR", dir}});
+  ProcessResult r = runStartup({{TALVEX_VAR_DEBUG_DIR, dir}});
   ASSERT_EQ(r.exitCode, 0);
   EXPECT_EQ(access(dir.c_str(), F_OK), -1);
-  r = runStartup({{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "127"}});
+  r = runStartup({{TALVEX_VAR_DEBUG_LVL, "127"}});
   ASSERT_EQ(r.exitCode, 0);
-  r = runStartup({{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "0"}, {"TALVEX_SOCKET_AGENT_DEBUG_DIR", dir}});
+  r = runStartup({{TALVEX_VAR_DEBUG_LVL, "0"}, {TALVEX_VAR_DEBUG_DIR, dir}});
   ASSERT_EQ(r.exitCode, 0);
   EXPECT_EQ(access(dir.c_str(), F_OK), -1);
 }
 
 TEST(LogFile, TwoProcessesInTheSameSecondGetTwoFiles) {
   TempDir tmp;
-  const Environment logging = {{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "2"}, {"TALVEX_SOCKET_AGENT_DEBUG_DIR", tmp.path()}};
+  const Environment logging = {{TALVEX_VAR_DEBUG_LVL, "2"}, {TALVEX_VAR_DEBUG_DIR, tmp.path()}};
   runStartup(logging);
   runStartup(logging);
   EXPECT_EQ(listDirectory(tmp.path()).size(), 2u);
@@ -110,7 +111,7 @@ TEST(StartUp, FirstCallCloseOfANonSocketStartsTheAgentFirst) {
   TempDir tmp;
   const ProcessResult r = runProcess(
       {kProbePath, "first-close"},
-      agentEnvironment({{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "2"}, {"TALVEX_SOCKET_AGENT_DEBUG_DIR", tmp.path()}}));
+      agentEnvironment({{TALVEX_VAR_DEBUG_LVL, "2"}, {TALVEX_VAR_DEBUG_DIR, tmp.path()}}));
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(splitLines(r.out), (std::vector<std::string>{"close result=-1 errno=9", "globalInit 1"}));
   EXPECT_EQ(listDirectory(tmp.path()).size(), 1u);
@@ -123,8 +124,8 @@ TEST(StartUp, HookedCallsMadeDuringStartUpReachTheCLibrary) {
   const ProcessResult r = runStartup({{kRecorderCoreVariable, kRecorderCoreStandinPath},
                                       {"TALVEX_STANDIN_SOCKET_ON_LOAD", "1"},
                                       {"TALVEX_STANDIN_FIXED_TIME", "7"},
-                                      {"TALVEX_SOCKET_AGENT_DEBUG_LVL", "2"},
-                                      {"TALVEX_SOCKET_AGENT_DEBUG_DIR", tmp.path()}});
+                                      {TALVEX_VAR_DEBUG_LVL, "2"},
+                                      {TALVEX_VAR_DEBUG_DIR, tmp.path()}});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   const auto lines = splitLines(r.out);
   ASSERT_GE(lines.size(), 3u) << r.out;
@@ -155,7 +156,7 @@ class BadInput : public ::testing::TestWithParam<Environment> {};
 // Test names from the variables set: values can be thousands of characters long.
 std::string caseName(const ::testing::TestParamInfo<Environment>& info) {
   std::string name = "case" + std::to_string(info.index);
-  for (const auto& entry : info.param) name += "_" + entry.first.substr(sizeof "TALVEX_SOCKET_AGENT_" - 1);
+  for (const auto& entry : info.param) name += "_" + entry.first.substr(sizeof TALVEX_VAR_PREFIX - 1);
   return name;
 }
 
@@ -178,33 +179,33 @@ TEST_P(BadInput, HostRunsUnchanged) {
 INSTANTIATE_TEST_SUITE_P(
     OddValues, BadInput,
     ::testing::Values(
-        Environment{{"TALVEX_SOCKET_AGENT_DEBUG_LVL", ""}, {"TALVEX_SOCKET_AGENT_DEBUG_DIR", "/tmp/talvex-bad-1"}},
-        Environment{{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "abc"}},
-        Environment{{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "99999999999999999999"}},
-        Environment{{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "-1"}},
-        Environment{{"TALVEX_SOCKET_AGENT_PORT_NUMBER", ""}},
-        Environment{{"TALVEX_SOCKET_AGENT_PORT_NUMBER", "not-a-port"}},
-        Environment{{"TALVEX_SOCKET_AGENT_PORT_NUMBER", "-1"}},
-        Environment{{"TALVEX_SOCKET_AGENT_PORT_NUMBER", "99999999999"}},
-        Environment{{"TALVEX_SOCKET_AGENT_IP_ADDRESS", std::string(5000, '1')}},
-        Environment{{"TALVEX_SOCKET_AGENT_SOCKS_MAX_TIMEOUT", "-7"}},
-        Environment{{"TALVEX_SOCKET_AGENT_SOCKS_MAX_TIMEOUT", "huge"}},
-        Environment{{"TALVEX_SOCKET_AGENT_SOCKS_MAX_TIMEOUT", "99999999999999"}},
-        Environment{{"TALVEX_SOCKET_AGENT_DEBUG_PORT", "x"}, {"TALVEX_SOCKET_AGENT_DEBUG_IP", "not-an-ip"}},
-        Environment{{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "127"}, {"TALVEX_SOCKET_AGENT_DEBUG_DIR", "/etc/hostname/sub"}},
-        Environment{{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "127"},
-                    {"TALVEX_SOCKET_AGENT_DEBUG_DIR", "/tmp/" + std::string(5000, 'x')}},
-        Environment{{"TALVEX_SOCKET_AGENT_DEBUG_LVL", "127"},
-                    {"TALVEX_SOCKET_AGENT_DEBUG_DIR", "/tmp/" + std::string(200, 'y') + "/" + std::string(200, 'z')}},
+        Environment{{TALVEX_VAR_DEBUG_LVL, ""}, {TALVEX_VAR_DEBUG_DIR, "/tmp/talvex-bad-1"}},
+        Environment{{TALVEX_VAR_DEBUG_LVL, "abc"}},
+        Environment{{TALVEX_VAR_DEBUG_LVL, "99999999999999999999"}},
+        Environment{{TALVEX_VAR_DEBUG_LVL, "-1"}},
+        Environment{{TALVEX_VAR_PORT_NUMBER, ""}},
+        Environment{{TALVEX_VAR_PORT_NUMBER, "not-a-port"}},
+        Environment{{TALVEX_VAR_PORT_NUMBER, "-1"}},
+        Environment{{TALVEX_VAR_PORT_NUMBER, "99999999999"}},
+        Environment{{TALVEX_VAR_IP_ADDRESS, std::string(5000, '1')}},
+        Environment{{TALVEX_VAR_SOCKS_MAX_TIMEOUT, "-7"}},
+        Environment{{TALVEX_VAR_SOCKS_MAX_TIMEOUT, "huge"}},
+        Environment{{TALVEX_VAR_SOCKS_MAX_TIMEOUT, "99999999999999"}},
+        Environment{{TALVEX_VAR_DEBUG_PORT, "x"}, {TALVEX_VAR_DEBUG_IP, "not-an-ip"}},
+        Environment{{TALVEX_VAR_DEBUG_LVL, "127"}, {TALVEX_VAR_DEBUG_DIR, "/etc/hostname/sub"}},
+        Environment{{TALVEX_VAR_DEBUG_LVL, "127"},
+                    {TALVEX_VAR_DEBUG_DIR, "/tmp/" + std::string(5000, 'x')}},
+        Environment{{TALVEX_VAR_DEBUG_LVL, "127"},
+                    {TALVEX_VAR_DEBUG_DIR, "/tmp/" + std::string(200, 'y') + "/" + std::string(200, 'z')}},
         Environment{{kRecorderCoreVariable, ""}},
         Environment{{kRecorderCoreVariable, std::string(9000, '/')}},
-        Environment{{"TALVEX_SOCKET_AGENT_UNPLUG_AGENT", ""}, {"TALVEX_SOCKET_AGENT_DOUBLE_LOG_SOCKS", ""},
-                    {"TALVEX_SOCKET_AGENT_DEBUG_TRACEBACK", ""}, {"TALVEX_SOCKET_AGENT_OPT_HOOK", ""}},
-        Environment{{"TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL", "1"},
-                    {"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", std::string(5000, '@')}},
-        Environment{{"TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL", "1"}, {"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", "@"}},
-        Environment{{"TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL", "1"},
-                    {"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", "/etc/hostname"}},
-        Environment{{"TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL", "1"}, {"TALVEX_SOCKET_AGENT_SHARED_RING", "x"}},
-        Environment{{"TALVEX_SOCKET_AGENT_SHARED_RING", ""}, {"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", "@nobody"}}),
+        Environment{{TALVEX_VAR_UNPLUG_AGENT, ""}, {TALVEX_VAR_DOUBLE_LOG_SOCKS, ""},
+                    {TALVEX_VAR_DEBUG_TRACEBACK, ""}, {TALVEX_VAR_OPT_HOOK, ""}},
+        Environment{{TALVEX_VAR_PERSISTENT_CHANNEL, "1"},
+                    {TALVEX_VAR_RECORDER_SOCKET, std::string(5000, '@')}},
+        Environment{{TALVEX_VAR_PERSISTENT_CHANNEL, "1"}, {TALVEX_VAR_RECORDER_SOCKET, "@"}},
+        Environment{{TALVEX_VAR_PERSISTENT_CHANNEL, "1"},
+                    {TALVEX_VAR_RECORDER_SOCKET, "/etc/hostname"}},
+        Environment{{TALVEX_VAR_PERSISTENT_CHANNEL, "1"}, {TALVEX_VAR_SHARED_RING, "x"}},
+        Environment{{TALVEX_VAR_SHARED_RING, ""}, {TALVEX_VAR_RECORDER_SOCKET, "@nobody"}}),
     caseName);

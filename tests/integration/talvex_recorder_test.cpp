@@ -15,6 +15,7 @@
 #include "process_runner.h"
 #include "recorder_message_parser.h"
 #include "test_paths.h"
+#include "base/variable_names.h"
 
 using namespace talvex_test;
 
@@ -63,7 +64,7 @@ TEST_F(TalvexRecorder, RecordsAPreloadedProgramAsJsonLines) {
   start({"--format", "jsonl", "--output", tmp.file("out.jsonl")});
   const ProcessResult probe =
       runProcess({kProbePath, "channel", "select", "end"},
-                 agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(port)}}));
+                 agentEnvironment({{TALVEX_VAR_PORT_NUMBER, std::to_string(port)}}));
   ASSERT_EQ(probe.exitCode, 0) << probe.err;
   usleep(200000);
   const ProcessResult r = stop();
@@ -86,9 +87,9 @@ TEST_F(TalvexRecorder, TakesAgentsOnALocalSocket) {
   EchoServer echo;
   const ProcessResult probe = runProcess(
       {kRecordingProbePath, "loop", std::to_string(echo.port()), "10"},
-      agentEnvironment({{"TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(closedLoopbackPort())},
-                        {"TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL", "1"},
-                        {"TALVEX_SOCKET_AGENT_RECORDER_SOCKET", name}}));
+      agentEnvironment({{TALVEX_VAR_PORT_NUMBER, std::to_string(closedLoopbackPort())},
+                        {TALVEX_VAR_PERSISTENT_CHANNEL, "1"},
+                        {TALVEX_VAR_RECORDER_SOCKET, name}}));
   ASSERT_EQ(probe.exitCode, 0) << probe.err;
   usleep(200000);
   const ProcessResult r = stop();

@@ -1,12 +1,14 @@
 // Where the build put the artefacts the tests run; set by the build system.
 #pragma once
 
+#include "base/variable_names.h"
+
 constexpr const char* kAgentPath = TALVEX_AGENT_PATH;
 
 // The ABI of the agent and probes these tests run against, and what shows it.
 constexpr int kAbiBits = TALVEX_ABI_BITS;
 constexpr const char* kRecorderCoreVariable =
-    kAbiBits == 64 ? "TALVEX_SOCKET_AGENT_RECORDERCORE64_PATH" : "TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH";
+    kAbiBits == 64 ? TALVEX_VAR_RECORDERCORE64_PATH : TALVEX_VAR_RECORDERCORE32_PATH;
 constexpr const char* kStartUpLine = kAbiBits == 64 ? "initialize library 64" : "initialize library 32";
 // An address in a log line: all the digits of a pointer.
 constexpr const char* kAddressPattern = kAbiBits == 64 ? "0x[0-9A-F]{16}" : "0x[0-9A-F]{8}";

@@ -16,6 +16,7 @@
 #include "transport/recorder_channel_startup.h"
 #include "recorder_endpoint.h"
 #include "recorder_message_parser.h"
+#include "base/variable_names.h"
 
 using namespace std::chrono_literals;
 using talvex::RecorderEndpoint;
@@ -264,15 +265,15 @@ TEST(RecorderChannelStartup, ProcessMessageAndUnpluggedBanner) {
   RecorderEndpoint endpoint;
   ASSERT_TRUE(endpoint.start("127.0.0.1", 0, nullptr));
   AgentInterface* saved = agentInterface;
-  setenv("TALVEX_SOCKET_AGENT_UNPLUG_AGENT", "", 1);
-  setenv("TALVEX_SOCKET_AGENT_IP_ADDRESS", "127.0.0.1", 1);
-  setenv("TALVEX_SOCKET_AGENT_PORT_NUMBER", std::to_string(endpoint.port()).c_str(), 1);
+  setenv(TALVEX_VAR_UNPLUG_AGENT, "", 1);
+  setenv(TALVEX_VAR_IP_ADDRESS, "127.0.0.1", 1);
+  setenv(TALVEX_VAR_PORT_NUMBER, std::to_string(endpoint.port()).c_str(), 1);
   getCurrentTimePtr = [] { return static_cast<int64_t>(1700000000123456789LL); };
   startRecorderChannel();
   getCurrentTimePtr = nullptr;
-  unsetenv("TALVEX_SOCKET_AGENT_UNPLUG_AGENT");
-  unsetenv("TALVEX_SOCKET_AGENT_IP_ADDRESS");
-  unsetenv("TALVEX_SOCKET_AGENT_PORT_NUMBER");
+  unsetenv(TALVEX_VAR_UNPLUG_AGENT);
+  unsetenv(TALVEX_VAR_IP_ADDRESS);
+  unsetenv(TALVEX_VAR_PORT_NUMBER);
   EXPECT_EQ(agentInterfaceUnplugged, 1);
   const auto lines = log.lines();
   ASSERT_GE(lines.size(), 7u) << log.content();

@@ -12,6 +12,7 @@
 #include "startup/agent_startup.h"
 #include "log_capture.h"
 #include "process_runner.h"
+#include "base/variable_names.h"
 
 using talvex_test::listDirectory;
 using talvex_test::readFile;
@@ -29,8 +30,8 @@ class DebugLog : public ::testing::Test {
   static void reset() { talvex_test::resetDebugLog(); }
 
   void configure(const char* level, const std::string* dir) {
-    if (level) setenv("TALVEX_SOCKET_AGENT_DEBUG_LVL", level, 1);
-    if (dir) setenv("TALVEX_SOCKET_AGENT_DEBUG_DIR", dir->c_str(), 1);
+    if (level) setenv(TALVEX_VAR_DEBUG_LVL, level, 1);
+    if (dir) setenv(TALVEX_VAR_DEBUG_DIR, dir->c_str(), 1);
     initializeCriticalSections();
     set_default_debug_display("sock");
   }
@@ -147,7 +148,7 @@ TEST_F(DebugLog, ConfigurationIsReadOnce) {
   TempDir tmp;
   const std::string dir = tmp.path();
   configure("2", &dir);
-  setenv("TALVEX_SOCKET_AGENT_DEBUG_LVL", "1", 1);
+  setenv(TALVEX_VAR_DEBUG_LVL, "1", 1);
   set_default_debug_display("sock");
   EXPECT_EQ(getDebugLvl(), 2);
   EXPECT_EQ(listDirectory(dir).size(), 1u);

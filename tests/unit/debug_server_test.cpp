@@ -13,6 +13,7 @@
 #include "real/real_functions.h"
 #include "log_capture.h"
 #include "recorder_endpoint.h"
+#include "base/variable_names.h"
 
 using namespace std::chrono_literals;
 
@@ -31,8 +32,8 @@ class DebugMirror : public ::testing::Test {
     debugSocket = -1;
     initializationDone = 1;
     debugPortVal = 5150;
-    unsetenv("TALVEX_SOCKET_AGENT_DEBUG_IP");
-    unsetenv("TALVEX_SOCKET_AGENT_DEBUG_PORT");
+    unsetenv(TALVEX_VAR_DEBUG_IP);
+    unsetenv(TALVEX_VAR_DEBUG_PORT);
   }
 };
 
@@ -40,10 +41,10 @@ class DebugMirror : public ::testing::Test {
 
 TEST(DebugMirrorDormant, OnceFlagStartsSetSoNothingHappens) {
   talvex_test::LogCapture log("127");
-  setenv("TALVEX_SOCKET_AGENT_DEBUG_IP", "127.0.0.1", 1);
+  setenv(TALVEX_VAR_DEBUG_IP, "127.0.0.1", 1);
   ASSERT_EQ(initializationDone, 1);
   initializeDebugServer();
-  unsetenv("TALVEX_SOCKET_AGENT_DEBUG_IP");
+  unsetenv(TALVEX_VAR_DEBUG_IP);
   EXPECT_EQ(debugSocket, -1);
   EXPECT_EQ(log.content().find("DebugServer"), std::string::npos);
 }
@@ -52,8 +53,8 @@ TEST_F(DebugMirror, EveryPassingLineReachesTheServerWholeAndInOrder) {
   talvex::RecorderEndpoint listener;
   ASSERT_TRUE(listener.start("127.0.0.1", 0, nullptr));
   talvex_test::LogCapture log("3");
-  setenv("TALVEX_SOCKET_AGENT_DEBUG_IP", "127.0.0.1", 1);
-  setenv("TALVEX_SOCKET_AGENT_DEBUG_PORT", std::to_string(listener.port()).c_str(), 1);
+  setenv(TALVEX_VAR_DEBUG_IP, "127.0.0.1", 1);
+  setenv(TALVEX_VAR_DEBUG_PORT, std::to_string(listener.port()).c_str(), 1);
   initializeDebugServer();
   ASSERT_NE(debugSocket, -1);
   EXPECT_EQ(debugPortVal, listener.port());
@@ -81,8 +82,8 @@ TEST_F(DebugMirror, WithoutALogFileNothingIsSent) {
   ASSERT_TRUE(listener.start("127.0.0.1", 0, nullptr));
   talvex_test::resetDebugLog();
   set_default_debug_display("sock");  // no variables: no file
-  setenv("TALVEX_SOCKET_AGENT_DEBUG_IP", "127.0.0.1", 1);
-  setenv("TALVEX_SOCKET_AGENT_DEBUG_PORT", std::to_string(listener.port()).c_str(), 1);
+  setenv(TALVEX_VAR_DEBUG_IP, "127.0.0.1", 1);
+  setenv(TALVEX_VAR_DEBUG_PORT, std::to_string(listener.port()).c_str(), 1);
   initializeDebugServer();
   ASSERT_NE(debugSocket, -1);
   x_disp(DMK_ERROR, "not passing");
@@ -98,8 +99,8 @@ TEST_F(DebugMirror, WithoutALogFileNothingIsSent) {
 
 TEST_F(DebugMirror, RefusedConnectionIsOneErrorLineAndSendsFailQuietly) {
   talvex_test::LogCapture log("1");
-  setenv("TALVEX_SOCKET_AGENT_DEBUG_IP", "127.0.0.1", 1);
-  setenv("TALVEX_SOCKET_AGENT_DEBUG_PORT", std::to_string(talvex_test::closedLoopbackPort()).c_str(), 1);
+  setenv(TALVEX_VAR_DEBUG_IP, "127.0.0.1", 1);
+  setenv(TALVEX_VAR_DEBUG_PORT, std::to_string(talvex_test::closedLoopbackPort()).c_str(), 1);
   errno = 33;
   initializeDebugServer();
   EXPECT_EQ(errno, 33);
@@ -119,8 +120,8 @@ TEST_F(DebugMirror, PortOfZeroOrTextKeeps5150) {
     initializationDone = 0;
     if (debugSocket != -1) close(debugSocket);
     debugSocket = -1;
-    setenv("TALVEX_SOCKET_AGENT_DEBUG_IP", "127.0.0.1", 1);
-    setenv("TALVEX_SOCKET_AGENT_DEBUG_PORT", value, 1);
+    setenv(TALVEX_VAR_DEBUG_IP, "127.0.0.1", 1);
+    setenv(TALVEX_VAR_DEBUG_PORT, value, 1);
     initializeDebugServer();
     EXPECT_EQ(debugPortVal, 5150) << value;
   }
@@ -129,7 +130,7 @@ TEST_F(DebugMirror, PortOfZeroOrTextKeeps5150) {
 
 TEST_F(DebugMirror, WithoutAnAddressItSaysSo) {
   talvex_test::LogCapture log("2");
-  unsetenv("TALVEX_SOCKET_AGENT_DEBUG_IP");
+  unsetenv(TALVEX_VAR_DEBUG_IP);
   initializeDebugServer();
   EXPECT_EQ(debugServerActive, 0);
   EXPECT_EQ(debugSocket, -1);

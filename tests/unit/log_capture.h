@@ -7,6 +7,7 @@
 
 #include "diag/debug_log.h"
 #include "process_runner.h"
+#include "base/variable_names.h"
 
 namespace talvex_test {
 
@@ -18,16 +19,16 @@ inline void resetDebugLog() {
   debugFileNameFlush = nullptr;
   defaultDebugDisplayInitialized = false;
   debugLvl = -1;
-  unsetenv("TALVEX_SOCKET_AGENT_DEBUG_LVL");
-  unsetenv("TALVEX_SOCKET_AGENT_DEBUG_DIR");
+  unsetenv(TALVEX_VAR_DEBUG_LVL);
+  unsetenv(TALVEX_VAR_DEBUG_DIR);
 }
 
 class LogCapture {
  public:
   explicit LogCapture(const char* level = "127") {
     resetDebugLog();
-    setenv("TALVEX_SOCKET_AGENT_DEBUG_LVL", level, 1);
-    setenv("TALVEX_SOCKET_AGENT_DEBUG_DIR", dir_.path().c_str(), 1);
+    setenv(TALVEX_VAR_DEBUG_LVL, level, 1);
+    setenv(TALVEX_VAR_DEBUG_DIR, dir_.path().c_str(), 1);
     initializeCriticalSections();
     set_default_debug_display("sock");
   }

@@ -7,6 +7,7 @@
 #include "registry/recording_decision.h"
 #include "registry/socket_registry.h"
 #include "config/socks_config.h"
+#include "base/variable_names.h"
 
 namespace {
 SOCKETINFO record(unsigned family, unsigned protocol, bool rerouted) {
@@ -52,15 +53,15 @@ TEST(ShouldBeLoggedImages, TextsByReason) {
 }
 
 TEST(OptionalHooks, PresenceIsReadOnceAndCached) {
-  setenv("TALVEX_SOCKET_AGENT_OPT_HOOK", "", 1);
-  unsetenv("TALVEX_SOCKET_AGENT_OPT_HOOK_2");
+  setenv(TALVEX_VAR_OPT_HOOK, "", 1);
+  unsetenv(TALVEX_VAR_OPT_HOOK_2);
   EXPECT_EQ(isOptionalSocketHook(), 1);
   EXPECT_EQ(isOptionalSocketHook2(), 0);
-  unsetenv("TALVEX_SOCKET_AGENT_OPT_HOOK");
-  setenv("TALVEX_SOCKET_AGENT_OPT_HOOK_2", "1", 1);
+  unsetenv(TALVEX_VAR_OPT_HOOK);
+  setenv(TALVEX_VAR_OPT_HOOK_2, "1", 1);
   EXPECT_EQ(isOptionalSocketHook(), 1);
   EXPECT_EQ(isOptionalSocketHook2(), 0);
-  unsetenv("TALVEX_SOCKET_AGENT_OPT_HOOK_2");
+  unsetenv(TALVEX_VAR_OPT_HOOK_2);
 }
 
 TEST(Environment, NumbersAreBaseTenAndZeroKeepsTheDefault) {

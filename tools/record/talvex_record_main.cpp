@@ -24,6 +24,7 @@
 #include "recorder_endpoint.h"
 #include "signal_forwarding.h"
 #include "target_check.h"
+#include "base/variable_names.h"
 
 extern char** environ;
 
@@ -233,34 +234,34 @@ int main(int argc, char** argv) {
   const std::string preloaded = environment["LD_PRELOAD"];
   environment["LD_PRELOAD"] = (preloaded.empty() ? "" : preloaded + ":") + agent;
   // Every process of the command's tree records as itself: forked children too.
-  environment["TALVEX_SOCKET_AGENT_FOLLOW_FORKS"] = "1";
+  environment[TALVEX_VAR_FOLLOW_FORKS] = "1";
   // Every byte on the wire, whichever call moved it, and accepted connections too.
-  environment["TALVEX_SOCKET_AGENT_COMPLETE_CAPTURE"] = "1";
+  environment[TALVEX_VAR_COMPLETE_CAPTURE] = "1";
   // One connection per process rather than one per message.
-  environment["TALVEX_SOCKET_AGENT_PERSISTENT_CHANNEL"] = "1";
-  environment["TALVEX_SOCKET_AGENT_IP_ADDRESS"] = where.host;
-  environment["TALVEX_SOCKET_AGENT_PORT_NUMBER"] = std::to_string(endpoint.port());
+  environment[TALVEX_VAR_PERSISTENT_CHANNEL] = "1";
+  environment[TALVEX_VAR_IP_ADDRESS] = where.host;
+  environment[TALVEX_VAR_PORT_NUMBER] = std::to_string(endpoint.port());
   if (local) {
-    environment["TALVEX_SOCKET_AGENT_RECORDER_SOCKET"] = localSocket;
+    environment[TALVEX_VAR_RECORDER_SOCKET] = localSocket;
     // Messages through memory shared with this process, the local socket carrying only doorbells.
-    environment["TALVEX_SOCKET_AGENT_SHARED_RING"] = "1";
+    environment[TALVEX_VAR_SHARED_RING] = "1";
   }
   const std::string clock32 = top + "/lib/i386-linux-gnu/libRecorderCore.so";
   const std::string clock64 = top + "/lib/x86_64-linux-gnu/libRecorderCore.so";
-  if (access(clock32.c_str(), R_OK) == 0) environment["TALVEX_SOCKET_AGENT_RECORDERCORE32_PATH"] = clock32;
-  if (access(clock64.c_str(), R_OK) == 0) environment["TALVEX_SOCKET_AGENT_RECORDERCORE64_PATH"] = clock64;
+  if (access(clock32.c_str(), R_OK) == 0) environment[TALVEX_VAR_RECORDERCORE32_PATH] = clock32;
+  if (access(clock64.c_str(), R_OK) == 0) environment[TALVEX_VAR_RECORDERCORE64_PATH] = clock64;
   if (!o.socks.empty()) {
     const bool v6 = socks.host.find(':') != std::string::npos;
-    environment[v6 ? "TALVEX_SOCKET_AGENT_SOCKS_IPV6_ADDRESS" : "TALVEX_SOCKET_AGENT_SOCKS_IPV4_ADDRESS"] = socks.host;
-    environment[v6 ? "TALVEX_SOCKET_AGENT_SOCKS_PORT_NUMBER_IPV6" : "TALVEX_SOCKET_AGENT_SOCKS_PORT_NUMBER_IPV4"] =
+    environment[v6 ? TALVEX_VAR_SOCKS_IPV6_ADDRESS : TALVEX_VAR_SOCKS_IPV4_ADDRESS] = socks.host;
+    environment[v6 ? TALVEX_VAR_SOCKS_PORT_NUMBER_IPV6 : TALVEX_VAR_SOCKS_PORT_NUMBER_IPV4] =
         std::to_string(socks.port);
   }
-  if (o.doubleLogSocks) environment["TALVEX_SOCKET_AGENT_DOUBLE_LOG_SOCKS"] = "";
-  if (o.traceback) environment["TALVEX_SOCKET_AGENT_DEBUG_TRACEBACK"] = "";
-  if (o.unplug) environment["TALVEX_SOCKET_AGENT_UNPLUG_AGENT"] = "";
+  if (o.doubleLogSocks) environment[TALVEX_VAR_DOUBLE_LOG_SOCKS] = "";
+  if (o.traceback) environment[TALVEX_VAR_DEBUG_TRACEBACK] = "";
+  if (o.unplug) environment[TALVEX_VAR_UNPLUG_AGENT] = "";
   if (!o.logDir.empty()) {
-    environment["TALVEX_SOCKET_AGENT_DEBUG_DIR"] = o.logDir;
-    environment["TALVEX_SOCKET_AGENT_DEBUG_LVL"] = o.logLevel;
+    environment[TALVEX_VAR_DEBUG_DIR] = o.logDir;
+    environment[TALVEX_VAR_DEBUG_LVL] = o.logLevel;
   }
   std::vector<std::string> pairs;
   for (const auto& e : environment) pairs.push_back(e.first + "=" + e.second);
