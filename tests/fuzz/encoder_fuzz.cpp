@@ -10,31 +10,9 @@
 #include <string>
 
 #include "message/print_buffer.h"
+#include "reference_escape.h"
 
 namespace {
-
-std::string referenceEscape(const uint8_t* bytes, size_t size) {
-  static const char hex[] = "0123456789abcdef";
-  std::string out;
-  for (size_t i = 0; i < size; ++i) {
-    const uint8_t c = bytes[i];
-    if (c == 0x09 || c == 0x0a || c == 0x22 || c == 0x26 || c == 0x3c) {
-      out += "&#x";
-      out += hex[c >> 4];
-      out += hex[c & 0xf];
-      out += ';';
-    } else if (c == 0x5c) {
-      out += "\\\\";
-    } else if (c < 0x20 || c > 0x7e) {
-      out += "\\x";
-      out += hex[c >> 4];
-      out += hex[c & 0xf];
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out;
-}
 
 void expect(bool holds, const char* what) {
   if (holds) return;

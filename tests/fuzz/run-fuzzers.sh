@@ -7,7 +7,7 @@ source_dir=$1
 work_dir=$2
 runs=${3:-20000}
 mkdir -p "$work_dir"
-flags=(-m32 -std=c++17 -O1 -g -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=all -I"$source_dir/src")
+flags=(-m32 -std=c++17 -O1 -g -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=all -I"$source_dir/src" -I"$source_dir/tests/support")
 # The encoder needs only itself; the SOCKS client needs the agent's pure code around it.
 core=()
 while IFS= read -r file; do

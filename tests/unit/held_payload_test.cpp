@@ -23,28 +23,11 @@
 #include "transport/recorder_socket.h"
 #include "transport/shared_ring.h"
 #include "recorder_endpoint.h"
+#include "reference_escape.h"
 
 using namespace std::chrono_literals;
 
 namespace {
-
-std::string referenceEscape(const std::string& bytes) {
-  static const char hex[] = "0123456789abcdef";
-  std::string out;
-  for (const char ch : bytes) {
-    const unsigned char c = static_cast<unsigned char>(ch);
-    if (c == 0x09 || c == 0x0a || c == 0x22 || c == 0x26 || c == 0x3c) {
-      out += std::string("&#x") + hex[c >> 4] + hex[c & 0xf] + ";";
-    } else if (c == 0x5c) {
-      out += "\\\\";
-    } else if (c < 0x20 || c > 0x7e) {
-      out += std::string("\\x") + hex[c >> 4] + hex[c & 0xf];
-    } else {
-      out += ch;
-    }
-  }
-  return out;
-}
 
 std::vector<std::string> piecesOf(const HeldPayload& payload, size_t most) {
   std::vector<std::string> pieces;

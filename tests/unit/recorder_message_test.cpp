@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "reference_escape.h"
+
 namespace {
 
 std::string finished(RecorderMessage& message) {
@@ -25,21 +27,6 @@ std::string attribute(RecorderMessageAttribute name, Values... values) {
 }
 
 std::string asData(const std::string& bytes) { return attribute(RMA_DATA, bytes.data(), static_cast<int>(bytes.size())); }
-
-// The escape rules written out independently of the encoder.
-std::string referenceEscape(unsigned char b) {
-  char out[8];
-  if (b == 9 || b == 10 || b == 0x22 || b == 0x26 || b == 0x3c) {
-    snprintf(out, sizeof out, "&#x%02x;", b);
-  } else if (b == 0x5c) {
-    snprintf(out, sizeof out, "\\\\");
-  } else if (b < 0x20 || b > 0x7e) {
-    snprintf(out, sizeof out, "\\x%02x", b);
-  } else {
-    snprintf(out, sizeof out, "%c", b);
-  }
-  return out;
-}
 
 // A byte of one of four mixes that send the escaper down each of its paths: all plain text, text
 // with a few escapes, nothing but escapes, and every byte value.
@@ -290,6 +277,45 @@ TEST(PayloadEscaping, EveryPathEscapesAsTheReference) {
     }
   }
   // The table path is always there: at least it was held to the reference.
+  EXPECT_GE(pathsTried, 1);
+}
+
+// The one table of escape classes, byte by byte, against the rule as the recorder reads it:
+// printable ASCII is itself but for tab, line feed, '"', '&' and '<' ("&#xNN;") and the backslash
+// ("\\"); every other byte is "\xNN".
+TEST(EscapeClasses, EveryByteValueHasTheClassTheRecorderReads) {
+  for (int b = 0; b < 256; ++b) {
+    EscapeClass expected = kEscapeHex;
+    if (b == 0x09 || b == 0x0a || b == '"' || b == '&' || b == '<') {
+      expected = kEscapeEntity;
+    } else if (b == '\\') {
+      expected = kEscapeBackslash;
+    } else if (b >= ' ' && b <= '~') {
+      expected = kEscapePlain;
+    }
+    EXPECT_EQ(kEscapeClasses.of[b], expected) << b;
+    EXPECT_EQ(referenceEscape(static_cast<unsigned char>(b)).size(), escapeLengthOf(expected)) << b;
+  }
+}
+
+// Each byte value alone and in a run long enough for the widest path, on every path.
+TEST(PayloadEscaping, EveryByteValueOnEveryPath) {
+  int pathsTried = 0;
+  for (const EscapePath path : {EscapePath::kAvx512, EscapePath::kSse2, EscapePath::kTable}) {
+    if (!escapePathAvailable(path)) continue;
+    ++pathsTried;
+    for (int b = 0; b < 256; ++b) {
+      for (const size_t n : {size_t(1), size_t(16), size_t(200)}) {
+        const std::vector<unsigned char> payload(n, static_cast<unsigned char>(b));
+        const std::string expected = referenceEscape(payload.data(), n);
+        ASSERT_EQ(escapedSizeOfBy(path, payload.data(), n), expected.size()) << "path " << static_cast<int>(path) << " byte " << b;
+        std::vector<char> out(expected.size() + kEscapeSlack);
+        const char* end = escapeIntoBy(path, out.data(), payload.data(), n);
+        ASSERT_EQ(std::string(out.data(), static_cast<size_t>(end - out.data())), expected)
+            << "path " << static_cast<int>(path) << " byte " << b << " run " << n;
+      }
+    }
+  }
   EXPECT_GE(pathsTried, 1);
 }
 

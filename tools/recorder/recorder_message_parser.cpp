@@ -6,6 +6,8 @@
 #include <emmintrin.h>
 #endif
 
+#include "message/escape_classes.h"
+
 namespace talvex {
 
 namespace {
@@ -224,7 +226,7 @@ class Parser {
   }
 
   // A byte that stands for itself in a value.
-  static bool plain(unsigned char c) { return c >= 0x20 && c <= 0x7e && c != '"' && c != '&' && c != '\\' && c != '<'; }
+  static bool plain(unsigned char c) { return kEscapeClasses.of[c] == kEscapePlain; }
 
   // Values are most of a message, and binary ones are mostly escapes: the decoder works on raw
   // pointers into a buffer sized for the longest possible result, and falls back to the checked
@@ -287,7 +289,7 @@ class Parser {
           --at_;
           return fail(std::string("unknown escape '\\") + kind + "'");
         }
-      } else if (c < 0x20 || c > 0x7e || c == '<') {
+      } else if (kEscapeClasses.of[c] != kEscapePlain) {
         return fail("unescaped byte " + std::to_string(c) + " in " + name());
       } else {
         out.push_back(static_cast<char>(c));
