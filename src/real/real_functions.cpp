@@ -13,39 +13,9 @@
 
 __asm__(".symver dlopen,dlopen@" TALVEX_GLIBC_2_1);
 
-decltype(&::socket) socket_ptr = nullptr;
-decltype(&::connect) connect_ptr = nullptr;
-decltype(&::getaddrinfo) getaddrinfo_ptr = nullptr;
-decltype(&::getsockname) getsockname_ptr = nullptr;
-decltype(&::bind) bind_ptr = nullptr;
-decltype(&::getpeername) getpeername_ptr = nullptr;
-decltype(&::send) send_ptr = nullptr;
-decltype(&::recv) recv_ptr = nullptr;
-decltype(&::sendto) sendto_ptr = nullptr;
-decltype(&::recvfrom) recvfrom_ptr = nullptr;
-decltype(&::recvmsg) recvmsg_ptr = nullptr;
-decltype(&::sendmsg) sendmsg_ptr = nullptr;
-decltype(&::setsockopt) setsockopt_ptr = nullptr;
-decltype(&::getsockopt) getsockopt_ptr = nullptr;
-decltype(&::listen) listen_ptr = nullptr;
-decltype(&::accept) accept_ptr = nullptr;
-decltype(&::close) close_ptr = nullptr;
-decltype(&::select) select_ptr = nullptr;
-decltype(&::read) read_ptr = nullptr;
-decltype(&::write) write_ptr = nullptr;
-decltype(&::pselect) pselect_ptr = nullptr;
-decltype(&::gethostbyname) gethostbyname_ptr = nullptr;
-decltype(&::gethostname) gethostname_ptr = nullptr;
-decltype(&::getservbyname) getservbyname_ptr = nullptr;
-decltype(&::getservbyport) getservbyport_ptr = nullptr;
-uint32_t (*htonl_ptr)(uint32_t) = nullptr;
-uint16_t (*htons_ptr)(uint16_t) = nullptr;
-uint16_t (*ntohs_ptr)(uint16_t) = nullptr;
-decltype(&::inet_addr) inet_addr_ptr = nullptr;
-decltype(&::inet_pton) inet_pton_ptr = nullptr;
-decltype(&::inet_ntoa) inet_ntoa_ptr = nullptr;
-ErrorGetter WSAGetLastError_ptr = nullptr;
-ErrorSetter WSASetLastError_ptr = nullptr;
+#define TALVEX_DEFINE_REAL_POINTER(result, name, parameters, arguments) result(*name##_ptr) parameters = nullptr;
+TALVEX_REAL_FUNCTIONS(TALVEX_DEFINE_REAL_POINTER)
+#undef TALVEX_DEFINE_REAL_POINTER
 
 int WSAGetLastError() { return errno; }
 void WSASetLastError(int code) { errno = code; }
@@ -124,74 +94,12 @@ void initializeRealFunctionPointers() {
   fill(lookup, socket_ptr, "socket");
 }
 
-int True_socket(int domain, int type, int protocol) { return callReal(socket_ptr, "socket", domain, type, protocol); }
-int True_connect(int socket, const sockaddr* address, socklen_t length) {
-  return callReal(connect_ptr, "connect", socket, address, length);
-}
-int True_getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** result) {
-  return callReal(getaddrinfo_ptr, "getaddrinfo", node, service, hints, result);
-}
-int True_getsockname(int socket, sockaddr* address, socklen_t* length) {
-  return callReal(getsockname_ptr, "getsockname", socket, address, length);
-}
-int True_bind(int socket, const sockaddr* address, socklen_t length) {
-  return callReal(bind_ptr, "bind", socket, address, length);
-}
-int True_getpeername(int socket, sockaddr* address, socklen_t* length) {
-  return callReal(getpeername_ptr, "getpeername", socket, address, length);
-}
-ssize_t True_send(int socket, const void* buffer, size_t length, int flags) {
-  return callReal(send_ptr, "send", socket, buffer, length, flags);
-}
-ssize_t True_recv(int socket, void* buffer, size_t length, int flags) {
-  return callReal(recv_ptr, "recv", socket, buffer, length, flags);
-}
-ssize_t True_sendto(int socket, const void* buffer, size_t length, int flags, const sockaddr* address,
-                    socklen_t addressLength) {
-  return callReal(sendto_ptr, "sendto", socket, buffer, length, flags, address, addressLength);
-}
-ssize_t True_recvfrom(int socket, void* buffer, size_t length, int flags, sockaddr* address,
-                      socklen_t* addressLength) {
-  return callReal(recvfrom_ptr, "recvfrom", socket, buffer, length, flags, address, addressLength);
-}
-ssize_t True_recvmsg(int socket, msghdr* message, int flags) {
-  return callReal(recvmsg_ptr, "recvmsg", socket, message, flags);
-}
-ssize_t True_sendmsg(int socket, const msghdr* message, int flags) {
-  return callReal(sendmsg_ptr, "sendmsg", socket, message, flags);
-}
-int True_getsockopt(int socket, int level, int name, void* value, socklen_t* length) {
-  return callReal(getsockopt_ptr, "getsockopt", socket, level, name, value, length);
-}
-int True_listen(int socket, int backlog) { return callReal(listen_ptr, "listen", socket, backlog); }
-int True_accept(int socket, sockaddr* address, socklen_t* length) {
-  return callReal(accept_ptr, "accept", socket, address, length);
-}
-int True_close(int descriptor) { return callReal(close_ptr, "close", descriptor); }
-int True_select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, timeval* timeout) {
-  return callReal(select_ptr, "select", nfds, readfds, writefds, exceptfds, timeout);
-}
-ssize_t True_read(int descriptor, void* buffer, size_t count) {
-  return callReal(read_ptr, "read", descriptor, buffer, count);
-}
-ssize_t True_write(int descriptor, const void* buffer, size_t count) {
-  return callReal(write_ptr, "write", descriptor, buffer, count);
-}
-hostent* True_gethostbyname(const char* name) { return callReal(gethostbyname_ptr, "gethostbyname", name); }
-int True_gethostname(char* name, size_t length) { return callReal(gethostname_ptr, "gethostname", name, length); }
-servent* True_getservbyname(const char* name, const char* protocol) {
-  return callReal(getservbyname_ptr, "getservbyname", name, protocol);
-}
-servent* True_getservbyport(int port, const char* protocol) {
-  return callReal(getservbyport_ptr, "getservbyport", port, protocol);
-}
-uint32_t True_htonl(uint32_t value) { return callReal(htonl_ptr, "htonl", value); }
-uint16_t True_htons(uint16_t value) { return callReal(htons_ptr, "htons", value); }
-uint16_t True_ntohs(uint16_t value) { return callReal(ntohs_ptr, "ntohs", value); }
-in_addr_t True_inet_addr(const char* text) { return callReal(inet_addr_ptr, "inet_addr", text); }
-int True_inet_pton(int family, const char* text, void* destination) {
-  return callReal(inet_pton_ptr, "inet_pton", family, text, destination);
-}
-char* True_inet_ntoa(in_addr address) { return callReal(inet_ntoa_ptr, "inet_ntoa", address); }
-int True_WSAGetLastError() { return callReal(WSAGetLastError_ptr, "WSAGetLastError"); }
-void True_WSASetLastError(int code) { callReal(WSASetLastError_ptr, "WSASetLastError", code); }
+// The arguments come in parentheses; the comma before them goes where there are none.
+#define TALVEX_UNPACK(...) __VA_ARGS__
+#define TALVEX_CALL_REAL(pointer, name, ...) callReal(pointer, name __VA_OPT__(, ) __VA_ARGS__)
+#define TALVEX_DEFINE_TRUE_WRAPPER(result, name, parameters, arguments) \
+  result True_##name parameters { return TALVEX_CALL_REAL(name##_ptr, #name, TALVEX_UNPACK arguments); }
+TALVEX_REAL_FUNCTIONS(TALVEX_DEFINE_TRUE_WRAPPER)
+#undef TALVEX_DEFINE_TRUE_WRAPPER
+#undef TALVEX_CALL_REAL
+#undef TALVEX_UNPACK
