@@ -1,41 +1,54 @@
 #include "record_outputs.h"
 
-#include <errno.h>
-#include <string.h>
+#include <stdio.h>
 
 #include <algorithm>
 
-#include "conversations.h"
-#include "message_json.h"
-#include "transcript.h"
+#include "capture_output.h"
+#include "json_lines_output.h"
+#include "live_view.h"
+#include "raw_output.h"
+#include "transcript_output.h"
 
 namespace talvex {
-
-namespace {
-
-FILE* create(const std::string& path, std::string* error) {
-  FILE* file = fopen(path.c_str(), "wb");
-  if (file == nullptr) *error = "cannot write " + path + ": " + strerror(errno);
-  return file;
-}
-
-}  // namespace
 
 RecordOutputs::RecordOutputs(const RecordOptions& options, bool live)
     : options_(options), live_(live), connections_(options.filter) {}
 
-RecordOutputs::~RecordOutputs() {
-  if (transcript_ != nullptr) fclose(transcript_);
+RecordOutputs::~RecordOutputs() = default;
+
+void RecordOutputs::add(std::unique_ptr<RecordingOutput> output, const std::string& path) {
+  payloads_ = payloads_ || output->needsPayloads();
+  outputs_.push_back(Output{std::move(output), path});
 }
 
 bool RecordOutputs::open(std::string* error) {
-  if (!options_.raw.empty() && !raw_.create(options_.raw, error)) return false;
-  if (!options_.jsonl.empty() && !jsonl_.create(options_.jsonl, error)) return false;
-  if (!options_.transcript.empty() && (transcript_ = create(options_.transcript, error)) == nullptr) return false;
-  std::string why;
-  if (!options_.pcap.empty() && !capture_.open(options_.pcap, &why)) {
-    *error = "cannot write " + options_.pcap + ": " + why;
-    return false;
+  // Created in this order, so that the first path that cannot be written is the one named.
+  if (!options_.raw.empty() && !rawFile_.create(options_.raw, error)) return false;
+  if (!options_.jsonl.empty() && !jsonlFile_.create(options_.jsonl, error)) return false;
+  std::unique_ptr<TranscriptOutput> transcript;
+  if (keepsForTranscript()) {
+    TranscriptOptions transcriptOptions;
+    transcriptOptions.full = options_.full;
+    transcript = std::make_unique<TranscriptOutput>(transcriptOptions);
+    if (!options_.transcript.empty() && !transcript->open(options_.transcript, error)) return false;
+  }
+  std::unique_ptr<CaptureOutput> capture;
+  if (!options_.pcap.empty()) {
+    capture = std::make_unique<CaptureOutput>();
+    std::string why;
+    if (!capture->open(options_.pcap, &why)) {
+      *error = "cannot write " + options_.pcap + ": " + why;
+      return false;
+    }
+  }
+  if (rawFile_.isOpen()) add(std::make_unique<RawOutput>(rawFile_), options_.raw);
+  if (jsonlFile_.isOpen()) add(std::make_unique<JsonLinesOutput>(jsonlFile_), options_.jsonl);
+  if (capture) add(std::move(capture), options_.pcap);
+  if (live_) add(std::make_unique<LiveView>(), "");
+  if (transcript) {
+    transcript_ = transcript.get();
+    add(std::move(transcript), options_.transcript);
   }
   return true;
 }
@@ -52,89 +65,46 @@ void RecordOutputs::receive(std::string_view raw, bool lasting) {
   ParsedMessage m;
   // Payloads are decoded only for the outputs that show them: the raw output alone needs no more
   // than who talked to whom.
-  const bool payloads = jsonl_.isOpen() || !options_.pcap.empty() || live_;
-  const bool parsed = parseRecorderMessage(raw, &m, nullptr, payloads);
+  const bool parsed = parseRecorderMessage(raw, &m, nullptr, payloads_);
   std::lock_guard<std::mutex> lock(mutex_);
   ++received_;
-  LiveConnections::Seen seen;
-  if (parsed) seen = connections_.observe(m);
-  if (!seen.shown) return;
-  // Kept only for the transcript written at the end; without one, memory stays flat however long
-  // the run.
-  if (keepsForTranscript()) shown_.emplace_back(raw);
-  if (lasting) {
-    raw_.appendLasting(raw);
-  } else {
-    raw_.append(raw);
-  }
-  if (jsonl_.isOpen()) {
-    std::string line;
-    if (!parsed) {
-      line = receivedToJson(raw);
-    } else {
-      const bool traffic = m.kind == "send" || m.kind == "receive" || m.kind == "close";
-      line = messageToJson(m, traffic && seen.connection != nullptr ? &seen.connection->ends : nullptr);
-    }
-    line += '\n';
-    jsonl_.append(line);
-  }
-  if (!options_.pcap.empty() && parsed && seen.connection != nullptr && seen.connection->connected &&
-      !seen.connection->failed) {
-    const LiveConnection& c = *seen.connection;
-    if (seen.opening) {
-      Peer server;
-      server.family = c.ends.family == "AF_INET6" ? 10 : 2;
-      server.ip = c.ends.remoteIp;
-      server.port = c.ends.remotePort;
-      Peer client = server;
-      client.ip = localAddressFor(server);
-      client.port = c.ends.localPort;
-      capture_.opened(c.id, client, server, m.timeNs());
-    } else if (seen.closing) {
-      capture_.closed(c.id, m.timeNs());
-    } else if (m.find("error") == nullptr) {
-      const MessageAttribute* data = m.find("data");
-      if (data != nullptr) capture_.data(c.id, m.kind == "send", data->bytes, m.timeNs());
-    }
-    if (!capture_.flush()) noteFailure(options_.pcap);
-  }
-  if (live_ && parsed) writeLiveEvent(m, seen.connection, stderr);
+  ArrivedMessage message;
+  message.raw = raw;
+  message.lasting = lasting;
+  message.parsed = parsed ? &m : nullptr;
+  if (parsed) message.seen = connections_.observe(m);
+  if (!message.seen.shown) return;
+  for (const Output& o : outputs_) o.output->write(message);
 }
 
 void RecordOutputs::onSettle() {
   std::lock_guard<std::mutex> lock(mutex_);
-  raw_.settle();
+  for (const Output& o : outputs_) o.output->settle();
 }
 
 std::chrono::milliseconds RecordOutputs::onIdle() {
   std::lock_guard<std::mutex> lock(mutex_);
-  const std::chrono::milliseconds raw = raw_.flushWhenDue();
-  const std::chrono::milliseconds jsonl = jsonl_.flushWhenDue();
-  if (raw.count() < 0) return jsonl;
-  return jsonl.count() < 0 ? raw : std::min(raw, jsonl);
-}
-
-void RecordOutputs::closeOrNote(OutputFile& file, const std::string& path) {
-  if (file.isOpen() && !file.close()) noteFailure(path);
+  std::chrono::milliseconds soonest(-1);
+  for (const Output& o : outputs_) {
+    const std::chrono::milliseconds due = o.output->flushWhenDue();
+    if (due.count() >= 0 && (soonest.count() < 0 || due < soonest)) soonest = due;
+  }
+  return soonest;
 }
 
 bool RecordOutputs::finish(const std::string& note) {
   std::lock_guard<std::mutex> lock(mutex_);
-  const Recording recording = buildRecording(shown_);
-  TranscriptOptions transcriptOptions;
-  transcriptOptions.full = options_.full;
-  transcriptOptions.note = note;
-  if (keepsForTranscript()) {
-    writeTranscript(recording, transcriptOptions, transcript_ != nullptr ? transcript_ : stderr);
+  if (transcript_ != nullptr) {
+    transcript_->setNote(note);
   } else if (!options_.quiet && !note.empty()) {
     fprintf(stderr, "%s\n", note.c_str());
   }
-  closeOrNote(raw_, options_.raw);
-  closeOrNote(jsonl_, options_.jsonl);
-  if (transcript_ != nullptr) {
-    const bool lost = ferror(transcript_) != 0;
-    if (fclose(transcript_) != 0 || lost) noteFailure(options_.transcript);
-    transcript_ = nullptr;
+  // What failed during the run is named first, then what failed as it was closed.
+  for (const Output& o : outputs_) {
+    if (o.output->failedWhileWriting()) noteFailure(o.path);
+  }
+  for (const Output& o : outputs_) {
+    if (!o.output->finish()) noteFailure(o.path);
   }
   for (const std::string& path : failed_) fprintf(stderr, "talvex-record: could not write all of %s\n", path.c_str());
   return failed_.empty();

@@ -6,20 +6,21 @@
 // written when the run ends.
 #pragma once
 
-#include <stdio.h>
-
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "capture_writer.h"
 #include "live_connections.h"
 #include "output_file.h"
 #include "record_options.h"
+#include "recording_output.h"
 
 namespace talvex {
+
+class TranscriptOutput;
 
 class RecordOutputs {
  public:
@@ -45,10 +46,15 @@ class RecordOutputs {
   size_t received() const;
 
  private:
+  struct Output {
+    std::unique_ptr<RecordingOutput> output;
+    std::string path;  // what a failure names
+  };
+
   void receive(std::string_view raw, bool lasting);
+  void add(std::unique_ptr<RecordingOutput> output, const std::string& path);
   // An output that could not be written in full, named once in the end.
   void noteFailure(const std::string& path);
-  void closeOrNote(OutputFile& file, const std::string& path);
   // Whether messages are kept for a transcript written at the end (to a file, or on standard
   // error when neither --live nor --quiet takes its place).
   bool keepsForTranscript() const;
@@ -56,12 +62,12 @@ class RecordOutputs {
   const RecordOptions& options_;
   const bool live_;
   mutable std::mutex mutex_;
-  OutputFile raw_;
-  OutputFile jsonl_;
-  FILE* transcript_ = nullptr;
-  CaptureFile capture_;
+  OutputFile rawFile_;
+  OutputFile jsonlFile_;
+  std::vector<Output> outputs_;  // in the order they are written and closed
+  TranscriptOutput* transcript_ = nullptr;  // one of outputs_, when the transcript is kept
+  bool payloads_ = false;  // whether any output shows payloads
   LiveConnections connections_;
-  std::vector<std::string> shown_;
   size_t received_ = 0;
   std::vector<std::string> failed_;  // outputs that could not be written
 };

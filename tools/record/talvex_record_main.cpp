@@ -12,19 +12,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "agent_environment.h"
+#include "crash_watch.h"
 #include "listen_address.h"
 #include "record_options.h"
 #include "record_outputs.h"
 #include "recorder_endpoint.h"
 #include "signal_forwarding.h"
 #include "target_check.h"
-#include "base/variable_names.h"
 
 extern char** environ;
 
@@ -77,67 +75,70 @@ int usageError(const std::string& message) {
   return 2;
 }
 
-std::string directoryOfSelf() {
-  char path[PATH_MAX];
-  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-  if (n <= 0) return ".";
-  path[n] = '\0';
-  std::string self(path);
-  return self.substr(0, self.rfind('/'));
+// The log directory is made if missing, as the agent would; one that cannot be written stops the
+// run before it begins.
+bool logDirectoryUsable(const std::string& dir) {
+  mkdir(dir.c_str(), 0777);
+  struct stat status;
+  return stat(dir.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && access(dir.c_str(), W_OK) == 0;
 }
 
-// With --traceback, the command's standard output passes through here, so that the backtrace
-// the agent's crash handler prints there tells that the command crashed even though it then
-// exits with status 0.
-class CrashWatch {
- public:
-  int start() {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) return -1;
-    read_ = ends[0];
-    thread_ = std::thread([this] { relay(); });
-    return ends[1];
-  }
-  // Waits a moment for the last of the output; a process of the command that keeps its standard
-  // output open (a daemon) is not waited for.
-  bool crashed() {
-    if (thread_.joinable()) {
-      for (int i = 0; i < 50 && !done_; ++i) usleep(20000);
-      if (done_) thread_.join();
-      else thread_.detach();
-    }
-    return crashed_;
-  }
+bool liveViewWanted(const talvex::RecordOptions& o) {
+  return o.live == talvex::RecordOptions::Live::On ||
+         (o.live == talvex::RecordOptions::Live::Auto && isatty(STDERR_FILENO) && o.transcript.empty() && !o.quiet);
+}
 
- private:
-  void relay() {
-    char chunk[65536];
-    std::string line;
-    for (;;) {
-      const ssize_t n = read(read_, chunk, sizeof chunk);
-      if (n <= 0) break;
-      for (ssize_t done = 0; done < n;) {
-        const ssize_t k = write(STDOUT_FILENO, chunk + done, static_cast<size_t>(n - done));
-        if (k <= 0) break;
-        done += k;
-      }
-      for (ssize_t i = 0; i < n; ++i) {
-        if (chunk[i] == '\n') {
-          if (line.rfind("SigSEV @", 0) == 0) crashed_ = true;
-          line.clear();
-        } else if (line.size() < 16) {
-          line += chunk[i];
-        }
-      }
-    }
-    done_ = true;
+// Runs the command with `environment` and waits for it; its wait status. With --traceback its
+// standard output goes through `crashWatch`.
+int runCommand(const std::string& program, std::vector<std::string> command, std::vector<std::string> environment,
+               talvex::CrashWatch* crashWatch) {
+  std::vector<char*> envp, args;
+  for (auto& p : environment) envp.push_back(&p[0]);
+  envp.push_back(nullptr);
+  for (auto& a : command) args.push_back(&a[0]);
+  args.push_back(nullptr);
+  const int watchedOutput = crashWatch != nullptr ? crashWatch->start() : -1;
+  talvex::installSignalForwarding();
+  const pid_t child = fork();
+  if (child == 0) {
+    talvex::restoreDefaultSignals();
+    if (watchedOutput >= 0) dup2(watchedOutput, STDOUT_FILENO);
+    execve(program.c_str(), args.data(), envp.data());
+    fprintf(stderr, "talvex-record: cannot run %s: %s\n", program.c_str(), strerror(errno));
+    _exit(126);
   }
+  if (watchedOutput >= 0) close(watchedOutput);
+  talvex::forwardSignalsTo(child);
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return status;
+}
 
-  int read_ = -1;
-  std::thread thread_;
-  std::atomic<bool> done_{false};
-  std::atomic<bool> crashed_{false};
-};
+// What became of the command, for the transcript's last lines: empty when it ended by itself.
+std::string endNote(const talvex::RecordOptions& o, int status, bool crashed) {
+  if (crashed) {
+    return "crash: " + o.command[0] +
+           " crashed (SIGSEGV); the agent's crash handler printed a backtrace and ended it with status 0";
+  }
+  if (WIFSIGNALED(status)) {
+    return "signal: " + o.command[0] + " was killed by signal " + std::to_string(WTERMSIG(status)) + " (" +
+           strsignal(WTERMSIG(status)) + ")";
+  }
+  return "";
+}
+
+// The command's own status (128 + N for signal N); outputs that could not be written fail a run
+// that would otherwise have succeeded.
+int exitStatusOf(int status, bool written) {
+  int exitStatus = 1;
+  if (WIFSIGNALED(status)) {
+    exitStatus = 128 + WTERMSIG(status);
+  } else if (WIFEXITED(status)) {
+    exitStatus = WEXITSTATUS(status);
+  }
+  return exitStatus == 0 && !written ? 1 : exitStatus;
+}
 
 }  // namespace
 
@@ -157,52 +158,36 @@ int main(int argc, char** argv) {
       break;
   }
 
-  talvex::ListenAddress where;
-  if (!talvex::parseListenAddress(o.listen, &where, &error, AF_INET)) return usageError("--listen: " + error);
-  talvex::ListenAddress socks;
-  if (!o.socks.empty() && !talvex::parseListenAddress(o.socks, &socks, &error)) return usageError("--socks: " + error);
-  if (!o.logDir.empty()) {
-    // Made if missing, as the agent would; one that cannot be written stops the run now.
-    mkdir(o.logDir.c_str(), 0777);
-    struct stat status;
-    if (stat(o.logDir.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || access(o.logDir.c_str(), W_OK) != 0) {
-      fprintf(stderr, "talvex-record: --log-dir %s: not a directory this user can write\n", o.logDir.c_str());
-      return 2;
-    }
+  talvex::AgentSetting setting;
+  if (!talvex::parseListenAddress(o.listen, &setting.endpoint, &error, AF_INET)) {
+    return usageError("--listen: " + error);
   }
-
+  if (!o.socks.empty() && !talvex::parseListenAddress(o.socks, &setting.socks, &error)) {
+    return usageError("--socks: " + error);
+  }
+  if (!o.logDir.empty() && !logDirectoryUsable(o.logDir)) {
+    fprintf(stderr, "talvex-record: --log-dir %s: not a directory this user can write\n", o.logDir.c_str());
+    return 2;
+  }
   std::string program;
   const talvex::TargetKind kind = talvex::checkTarget(o.command[0], &program, &error);
   if (kind != talvex::TargetKind::Preloadable) {
     fprintf(stderr, "talvex-record: %s\n", error.c_str());
     return kind == talvex::TargetKind::NotFound ? 127 : 126;
   }
-  // The agents live in lib/<multiarch>/ beside this program in the build tree, and one level up
-  // (PREFIX/bin, PREFIX/lib) once installed; the loader picks each process's own through $LIB.
-  std::string top;
-  for (const std::string& candidate : {directoryOfSelf(), directoryOfSelf() + "/.."}) {
-    if (access((candidate + "/lib/i386-linux-gnu/libtalvex_socket_agent.so").c_str(), R_OK) == 0 ||
-        access((candidate + "/lib/x86_64-linux-gnu/libtalvex_socket_agent.so").c_str(), R_OK) == 0) {
-      top = candidate;
-      break;
-    }
-  }
-  if (top.empty()) {
+  setting.top = talvex::findAgentDirectory();
+  if (setting.top.empty()) {
     fprintf(stderr, "talvex-record: the agent is missing: no lib/<arch>/libtalvex_socket_agent.so beside %s\n",
-            directoryOfSelf().c_str());
+            talvex::directoryOfSelf().c_str());
     return 1;
   }
-  const std::string agent = top + "/$LIB/libtalvex_socket_agent.so";
+  setting.agent = setting.top + "/$LIB/libtalvex_socket_agent.so";
 
-  const bool live = o.live == talvex::RecordOptions::Live::On ||
-                    (o.live == talvex::RecordOptions::Live::Auto && isatty(STDERR_FILENO) && o.transcript.empty() &&
-                     !o.quiet);
-  talvex::RecordOutputs outputs(o, live);
+  talvex::RecordOutputs outputs(o, liveViewWanted(o));
   if (!outputs.open(&error)) {
     fprintf(stderr, "talvex-record: %s\n", error.c_str());
     return 1;
   }
-
   talvex::RecorderEndpoint endpoint;
   endpoint.keepMessages(false);
   // A payload of a quarter of a gigabyte is a message of up to a gigabyte once escaped.
@@ -215,93 +200,23 @@ int main(int argc, char** argv) {
   // loopback does; the TCP port stays for any process that cannot reach the socket. Abstract: it
   // leaves no file behind however this process ends.
   const std::string localSocket = "@talvex-record-" + std::to_string(getpid());
-  const bool local = endpoint.listenLocally(localSocket, nullptr);
-  if (!endpoint.start(where.host, where.port, &error)) {
+  if (endpoint.listenLocally(localSocket, nullptr)) setting.localSocket = localSocket;
+  if (!endpoint.start(setting.endpoint.host, setting.endpoint.port, &error)) {
     fprintf(stderr, "talvex-record: cannot listen on %s: %s\n", o.listen.c_str(), error.c_str());
     return 1;
   }
+  setting.endpoint.port = endpoint.port();
 
-  std::map<std::string, std::string> environment;
-  for (char** e = environ; *e != nullptr; ++e) {
-    const std::string pair = *e;
-    const size_t eq = pair.find('=');
-    if (eq != std::string::npos) environment[pair.substr(0, eq)] = pair.substr(eq + 1);
-  }
-  // The agent goes after whatever the user preloads already: a library of theirs that wraps a
-  // socket call and looks the next one up with dlsym(RTLD_NEXT) then reaches the agent, and the
-  // agent the C library. In front of it, the agent's own lookup of the real function would find
-  // that wrapper, whose lookup finds the agent again, for ever.
-  const std::string preloaded = environment["LD_PRELOAD"];
-  environment["LD_PRELOAD"] = (preloaded.empty() ? "" : preloaded + ":") + agent;
-  // Every process of the command's tree records as itself: forked children too.
-  environment[TALVEX_VAR_FOLLOW_FORKS] = "1";
-  // Every byte on the wire, whichever call moved it, and accepted connections too.
-  environment[TALVEX_VAR_COMPLETE_CAPTURE] = "1";
-  // One connection per process rather than one per message.
-  environment[TALVEX_VAR_PERSISTENT_CHANNEL] = "1";
-  environment[TALVEX_VAR_IP_ADDRESS] = where.host;
-  environment[TALVEX_VAR_PORT_NUMBER] = std::to_string(endpoint.port());
-  if (local) {
-    environment[TALVEX_VAR_RECORDER_SOCKET] = localSocket;
-    // Messages through memory shared with this process, the local socket carrying only doorbells.
-    environment[TALVEX_VAR_SHARED_RING] = "1";
-  }
-  const std::string clock32 = top + "/lib/i386-linux-gnu/libRecorderCore.so";
-  const std::string clock64 = top + "/lib/x86_64-linux-gnu/libRecorderCore.so";
-  if (access(clock32.c_str(), R_OK) == 0) environment[TALVEX_VAR_RECORDERCORE32_PATH] = clock32;
-  if (access(clock64.c_str(), R_OK) == 0) environment[TALVEX_VAR_RECORDERCORE64_PATH] = clock64;
-  if (!o.socks.empty()) {
-    const bool v6 = socks.host.find(':') != std::string::npos;
-    environment[v6 ? TALVEX_VAR_SOCKS_IPV6_ADDRESS : TALVEX_VAR_SOCKS_IPV4_ADDRESS] = socks.host;
-    environment[v6 ? TALVEX_VAR_SOCKS_PORT_NUMBER_IPV6 : TALVEX_VAR_SOCKS_PORT_NUMBER_IPV4] =
-        std::to_string(socks.port);
-  }
-  if (o.doubleLogSocks) environment[TALVEX_VAR_DOUBLE_LOG_SOCKS] = "";
-  if (o.traceback) environment[TALVEX_VAR_DEBUG_TRACEBACK] = "";
-  if (o.unplug) environment[TALVEX_VAR_UNPLUG_AGENT] = "";
-  if (!o.logDir.empty()) {
-    environment[TALVEX_VAR_DEBUG_DIR] = o.logDir;
-    environment[TALVEX_VAR_DEBUG_LVL] = o.logLevel;
-  }
-  std::vector<std::string> pairs;
-  for (const auto& e : environment) pairs.push_back(e.first + "=" + e.second);
-  std::vector<char*> envp, args;
-  for (auto& p : pairs) envp.push_back(&p[0]);
-  envp.push_back(nullptr);
-  for (auto& a : o.command) args.push_back(&a[0]);
-  args.push_back(nullptr);
-
-  CrashWatch crashWatch;
-  const int watchedOutput = o.traceback ? crashWatch.start() : -1;
-  talvex::installSignalForwarding();
-  const pid_t child = fork();
-  if (child == 0) {
-    talvex::restoreDefaultSignals();
-    if (watchedOutput >= 0) dup2(watchedOutput, STDOUT_FILENO);
-    execve(program.c_str(), args.data(), envp.data());
-    fprintf(stderr, "talvex-record: cannot run %s: %s\n", program.c_str(), strerror(errno));
-    _exit(126);
-  }
-  if (watchedOutput >= 0) close(watchedOutput);
-  talvex::forwardSignalsTo(child);
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
+  talvex::CrashWatch crashWatch;
+  const int status =
+      runCommand(program, o.command, talvex::agentEnvironment(environ, o, setting), o.traceback ? &crashWatch : nullptr);
   // Anything the command's processes still had on the way arrives within a moment.
   // Each process's connection closes when it ends: once none is open, everything has arrived.
   // Processes of the command that outlive it (daemons) are given a moment of quiet, no more.
   endpoint.waitForClosedOrQuiet(std::chrono::milliseconds(200), std::chrono::seconds(5));
   endpoint.stop(std::chrono::milliseconds(1000));
 
-  std::string note;
-  const bool crashed = o.traceback && crashWatch.crashed();
-  if (crashed) {
-    note = "crash: " + o.command[0] +
-           " crashed (SIGSEGV); the agent's crash handler printed a backtrace and ended it with status 0";
-  } else if (WIFSIGNALED(status)) {
-    note = "signal: " + o.command[0] + " was killed by signal " + std::to_string(WTERMSIG(status)) + " (" +
-           strsignal(WTERMSIG(status)) + ")";
-  }
+  const std::string note = endNote(o, status, o.traceback && crashWatch.crashed());
   const bool written = outputs.finish(note);
   if (!note.empty() && (!o.transcript.empty() || o.quiet)) fprintf(stderr, "talvex-record: %s\n", note.c_str());
   if (outputs.received() == 0 && !o.unplug) {
@@ -312,13 +227,5 @@ int main(int argc, char** argv) {
             "makes its own system calls, as Go programs do, cannot be recorded)\n",
             o.command[0].c_str());
   }
-
-  int exitStatus = 1;
-  if (WIFSIGNALED(status)) {
-    exitStatus = 128 + WTERMSIG(status);
-  } else if (WIFEXITED(status)) {
-    exitStatus = WEXITSTATUS(status);
-  }
-  // Outputs that could not be written fail a run that would otherwise have succeeded.
-  return exitStatus == 0 && !written ? 1 : exitStatus;
+  return exitStatusOf(status, written);
 }

@@ -12,10 +12,12 @@
 #include <atomic>
 #include <string>
 
+#include "json_lines_output.h"
 #include "listen_address.h"
-#include "message_json.h"
+#include "raw_output.h"
 #include "recorder_endpoint.h"
 #include "recorder_message_parser.h"
+#include "stdio_sink.h"
 
 namespace {
 
@@ -63,10 +65,9 @@ int usageError(const std::string& message) {
   return 2;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  Options options;
+// Reads the command line into `options`. Returns -1 to go on, or the exit status to end with
+// (after --help, --version or a usage error).
+int parseOptions(int argc, char** argv, Options* options) {
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     auto value = [&](std::string* into) {
@@ -82,33 +83,85 @@ int main(int argc, char** argv) {
       printf("talvex-recorder %s\n", TALVEX_VERSION);
       return 0;
     } else if (arg == "--listen") {
-      if (!value(&options.listen)) return usageError("--listen needs ADDR:PORT");
+      if (!value(&options->listen)) return usageError("--listen needs ADDR:PORT");
     } else if (arg == "--output") {
-      if (!value(&options.output)) return usageError("--output needs a file");
+      if (!value(&options->output)) return usageError("--output needs a file");
     } else if (arg == "--format") {
-      if (!value(&options.format) || (options.format != "raw" && options.format != "jsonl")) {
+      if (!value(&options->format) || (options->format != "raw" && options->format != "jsonl")) {
         return usageError("--format is raw or jsonl");
       }
     } else if (arg == "--socket") {
-      if (!value(&options.socket)) return usageError("--socket needs a name");
+      if (!value(&options->socket)) return usageError("--socket needs a name");
     } else if (arg == "--port-file") {
-      if (!value(&options.portFile)) return usageError("--port-file needs a file");
+      if (!value(&options->portFile)) return usageError("--port-file needs a file");
     } else if (arg == "--max-message") {
       std::string text;
       char* end = nullptr;
-      if (!value(&text) || (options.longestMessage = strtoll(text.c_str(), &end, 10)) <= 0 || *end != '\0') {
+      if (!value(&text) || (options->longestMessage = strtoll(text.c_str(), &end, 10)) <= 0 || *end != '\0') {
         return usageError("--max-message needs a positive number of bytes");
       }
     } else if (arg == "--count") {
       char* end = nullptr;
-      if (!value(&countText) || (options.count = strtol(countText.c_str(), &end, 10)) <= 0 || *end != '\0') {
+      if (!value(&countText) || (options->count = strtol(countText.c_str(), &end, 10)) <= 0 || *end != '\0') {
         return usageError("--count needs a positive number");
       }
     } else {
       return usageError("unknown option " + arg);
     }
   }
+  return -1;
+}
 
+// Signals are taken by the main thread alone, so the endpoint thread is never interrupted.
+sigset_t blockStopSignals() {
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  sigaddset(&stopSignals, SIGHUP);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  return stopSignals;
+}
+
+// Listens where the options say; false, with the reason on standard error, when it cannot.
+bool startListening(const Options& options, const talvex::ListenAddress& where, talvex::RecorderEndpoint* endpoint) {
+  std::string error;
+  if (!options.socket.empty() && !endpoint->listenLocally(options.socket, &error)) {
+    fprintf(stderr, "talvex-recorder: %s\n", error.c_str());
+    return false;
+  }
+  if (!endpoint->start(where.host, where.port, &error)) {
+    fprintf(stderr, "talvex-recorder: cannot listen on %s: %s\n", options.listen.c_str(), error.c_str());
+    return false;
+  }
+  if (!options.portFile.empty()) {
+    FILE* portOut = fopen(options.portFile.c_str(), "w");
+    if (portOut != nullptr) {
+      fprintf(portOut, "%d\n", endpoint->port());
+      fclose(portOut);
+    }
+  }
+  fprintf(stderr, "talvex-recorder: listening on %s port %d\n", where.host.c_str(), endpoint->port());
+  if (!options.socket.empty()) fprintf(stderr, "talvex-recorder: listening on local socket %s\n", options.socket.c_str());
+  return true;
+}
+
+void printSummary(long received, long malformed, const talvex::RecorderEndpoint& endpoint) {
+  fprintf(stderr, "talvex-recorder: %ld messages received, %ld malformed", received, malformed);
+  if (endpoint.cutCount() != 0) fprintf(stderr, ", %zu cut for their length", endpoint.cutCount());
+  if (endpoint.refusedCount() != 0) {
+    fprintf(stderr, ", %zu connections refused when descriptors ran out", endpoint.refusedCount());
+  }
+  fputs("\n", stderr);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  const int parsed = parseOptions(argc, argv, &options);
+  if (parsed >= 0) return parsed;
   talvex::ListenAddress where;
   std::string error;
   if (!talvex::parseListenAddress(options.listen, &where, &error)) return usageError(error);
@@ -121,47 +174,37 @@ int main(int argc, char** argv) {
       return 1;
     }
   }
-  // Messages are written through in large blocks while they keep coming (the output is flushed
-  // whenever the endpoint has nothing more to read): a block the size of a page would cost a
-  // write for every few dozen small messages.
-  setvbuf(out, nullptr, _IOFBF, 1u << 20);
-
-  // Signals are taken by the main thread alone, so the endpoint thread is never interrupted.
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGINT);
-  sigaddset(&stopSignals, SIGTERM);
-  sigaddset(&stopSignals, SIGHUP);
-  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-  signal(SIGPIPE, SIG_IGN);
+  talvex::StdioSink sink(out);
+  talvex::RawOutput rawOutput(sink);
+  talvex::JsonLinesOutput jsonOutput(sink);
+  const bool json = options.format == "jsonl";
+  talvex::RecordingOutput& output = json ? static_cast<talvex::RecordingOutput&>(jsonOutput) : rawOutput;
+  const sigset_t stopSignals = blockStopSignals();
 
   std::atomic<long> received{0};
-  const pthread_t mainThread = pthread_self();
   std::atomic<long> malformed{0};
-  const bool json = options.format == "jsonl";
-  // Only the endpoint's thread writes `out` until it has stopped: the stream's lock is not needed.
+  const pthread_t mainThread = pthread_self();
+  // Only the endpoint's thread writes the output until it has stopped.
   talvex::RecorderMessageFormCheck formCheck;
   talvex::RecorderEndpoint endpoint;
-  endpoint.setHandler([&](std::string_view message) {
+  endpoint.setHandler([&](std::string_view raw) {
+    talvex::ArrivedMessage message;
+    message.raw = raw;
+    talvex::ParsedMessage parsedMessage;
     if (json) {
-      bool bad = false;
-      const std::string line = talvex::receivedToJson(message, &bad);
-      if (bad) ++malformed;
-      fwrite_unlocked(line.data(), 1, line.size(), out);
-      fputc_unlocked('\n', out);
-    } else {
+      if (talvex::parseRecorderMessage(raw, &parsedMessage, nullptr)) {
+        message.parsed = &parsedMessage;
+      } else {
+        ++malformed;
+      }
+    } else if (!formCheck.wellFormed(raw)) {
       // Written as received; checked for its form, its payload stepped over unread.
-      if (!formCheck.wellFormed(message)) ++malformed;
-      fwrite_unlocked(message.data(), 1, message.size(), out);
+      ++malformed;
     }
+    output.write(message);
     if (received.fetch_add(1, std::memory_order_relaxed) + 1 == options.count) pthread_kill(mainThread, SIGTERM);
   });
-  // Written through at once when nothing else is waiting: a busy recorder writes in large blocks,
-  // an idle one leaves nothing behind in its buffer.
-  endpoint.setIdleHandler([&] {
-    fflush(out);
-    return std::chrono::milliseconds(-1);
-  });
+  endpoint.setIdleHandler([&] { return output.flushWhenDue(); });
   endpoint.setCutHandler([&](size_t dropped) {
     fprintf(stderr,
             "talvex-recorder: a message longer than %lld bytes was cut: its first %zu bytes and the rest up to its "
@@ -171,23 +214,7 @@ int main(int argc, char** argv) {
   // Four times the limit is what all unfinished messages together may hold: it must fit a size_t.
   endpoint.setLongestMessage(static_cast<size_t>(std::min<long long>(options.longestMessage, SIZE_MAX / 8)));
   endpoint.keepMessages(false);
-  if (!options.socket.empty() && !endpoint.listenLocally(options.socket, &error)) {
-    fprintf(stderr, "talvex-recorder: %s\n", error.c_str());
-    return 1;
-  }
-  if (!endpoint.start(where.host, where.port, &error)) {
-    fprintf(stderr, "talvex-recorder: cannot listen on %s: %s\n", options.listen.c_str(), error.c_str());
-    return 1;
-  }
-  if (!options.portFile.empty()) {
-    FILE* portOut = fopen(options.portFile.c_str(), "w");
-    if (portOut != nullptr) {
-      fprintf(portOut, "%d\n", endpoint.port());
-      fclose(portOut);
-    }
-  }
-  fprintf(stderr, "talvex-recorder: listening on %s port %d\n", where.host.c_str(), endpoint.port());
-  if (!options.socket.empty()) fprintf(stderr, "talvex-recorder: listening on local socket %s\n", options.socket.c_str());
+  if (!startListening(options, where, &endpoint)) return 1;
 
   const timespec tick = {0, 100 * 1000 * 1000};
   // The endpoint's thread sends SIGTERM here the moment the count is reached: the wait ends then,
@@ -197,12 +224,7 @@ int main(int argc, char** argv) {
     if (sigtimedwait(&stopSignals, nullptr, &tick) > 0) break;
   }
   endpoint.stop(std::chrono::milliseconds(1000));
-  if (out != stdout) fclose(out);
-  fprintf(stderr, "talvex-recorder: %ld messages received, %ld malformed", received.load(), malformed.load());
-  if (endpoint.cutCount() != 0) fprintf(stderr, ", %zu cut for their length", endpoint.cutCount());
-  if (endpoint.refusedCount() != 0) {
-    fprintf(stderr, ", %zu connections refused when descriptors ran out", endpoint.refusedCount());
-  }
-  fputs("\n", stderr);
+  output.finish();
+  printSummary(received.load(), malformed.load(), endpoint);
   return 0;
 }

@@ -76,6 +76,8 @@ class RecorderEndpoint {
   void waitForClosedOrQuiet(std::chrono::milliseconds quiet, std::chrono::milliseconds timeout) const;
 
  private:
+  // The endpoint's thread (recorder_endpoint_loop.cpp).
+  class Loop;
   void run();
   // Whether a connection waits in a listener's queue.
   bool listenerReady() const;
@@ -89,8 +91,6 @@ class RecorderEndpoint {
   int port_ = 0;
   std::thread thread_;
   static const size_t kMostPerRound = 64u << 20;
-  // The storage a message buffer keeps between messages; a larger one is freed.
-  static const size_t kKeptStorage = 1u << 20;
   // Rounds that take less than this are followed by a pause of this long.
   static const size_t kGatheringBelow = 64u << 10;
   static const unsigned kGatheringMicroseconds = 1000;

@@ -14,30 +14,32 @@
 #include <string_view>
 #include <thread>
 
+#include "byte_sink.h"
+
 namespace talvex {
 
-class OutputFile {
+class OutputFile : public ByteSink {
  public:
   OutputFile() = default;
-  ~OutputFile();
+  ~OutputFile() override;
   OutputFile(const OutputFile&) = delete;
   OutputFile& operator=(const OutputFile&) = delete;
 
   // Creates `path`, replacing what is there. False with `error` filled in.
   bool create(const std::string& path, std::string* error);
   bool isOpen() const { return fd_ >= 0; }
-  void append(std::string_view bytes);
+  void append(std::string_view bytes) override;
   // Bytes that stay valid until settle() is next called (a message in a shared ring): a run of
   // them that lie one after another in memory is written from where it lies once it is large,
   // in the same write as what is held, and copied like any other bytes when it is not.
-  void appendLasting(std::string_view bytes);
+  void appendLasting(std::string_view bytes) override;
   // Takes what appendLasting kept a view of: once this returns, the views may go.
-  void settle();
+  void settle() override;
   // Flushes what has been held back for kLongestHold; otherwise returns how long until it will
   // have been, or a negative duration when nothing is held.
-  std::chrono::milliseconds flushWhenDue();
+  std::chrono::milliseconds flushWhenDue() override;
   // Flushes and closes; false if any write failed (what could not be written is dropped).
-  bool close();
+  bool close() override;
 
   static const size_t kBlock = 1u << 20;
   static constexpr std::chrono::milliseconds kLongestHold{20};

@@ -1,0 +1,80 @@
+#include "agent_environment.h"
+
+#include <limits.h>
+#include <unistd.h>
+
+#include <map>
+
+#include "base/variable_names.h"
+
+namespace talvex {
+
+std::string directoryOfSelf() {
+  char path[PATH_MAX];
+  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+  if (n <= 0) return ".";
+  path[n] = '\0';
+  std::string self(path);
+  return self.substr(0, self.rfind('/'));
+}
+
+std::string findAgentDirectory() {
+  // The loader picks each process's own agent through $LIB.
+  for (const std::string& candidate : {directoryOfSelf(), directoryOfSelf() + "/.."}) {
+    if (access((candidate + "/lib/i386-linux-gnu/libtalvex_socket_agent.so").c_str(), R_OK) == 0 ||
+        access((candidate + "/lib/x86_64-linux-gnu/libtalvex_socket_agent.so").c_str(), R_OK) == 0) {
+      return candidate;
+    }
+  }
+  return "";
+}
+
+std::vector<std::string> agentEnvironment(char** inherited, const RecordOptions& o, const AgentSetting& setting) {
+  std::map<std::string, std::string> environment;
+  for (char** e = inherited; *e != nullptr; ++e) {
+    const std::string pair = *e;
+    const size_t eq = pair.find('=');
+    if (eq != std::string::npos) environment[pair.substr(0, eq)] = pair.substr(eq + 1);
+  }
+  // The agent goes after whatever the user preloads already: a library of theirs that wraps a
+  // socket call and looks the next one up with dlsym(RTLD_NEXT) then reaches the agent, and the
+  // agent the C library. In front of it, the agent's own lookup of the real function would find
+  // that wrapper, whose lookup finds the agent again, for ever.
+  const std::string preloaded = environment["LD_PRELOAD"];
+  environment["LD_PRELOAD"] = (preloaded.empty() ? "" : preloaded + ":") + setting.agent;
+  // Every process of the command's tree records as itself: forked children too.
+  environment[TALVEX_VAR_FOLLOW_FORKS] = "1";
+  // Every byte on the wire, whichever call moved it, and accepted connections too.
+  environment[TALVEX_VAR_COMPLETE_CAPTURE] = "1";
+  // One connection per process rather than one per message.
+  environment[TALVEX_VAR_PERSISTENT_CHANNEL] = "1";
+  environment[TALVEX_VAR_IP_ADDRESS] = setting.endpoint.host;
+  environment[TALVEX_VAR_PORT_NUMBER] = std::to_string(setting.endpoint.port);
+  if (!setting.localSocket.empty()) {
+    environment[TALVEX_VAR_RECORDER_SOCKET] = setting.localSocket;
+    // Messages through memory shared with this process, the local socket carrying only doorbells.
+    environment[TALVEX_VAR_SHARED_RING] = "1";
+  }
+  const std::string clock32 = setting.top + "/lib/i386-linux-gnu/libRecorderCore.so";
+  const std::string clock64 = setting.top + "/lib/x86_64-linux-gnu/libRecorderCore.so";
+  if (access(clock32.c_str(), R_OK) == 0) environment[TALVEX_VAR_RECORDERCORE32_PATH] = clock32;
+  if (access(clock64.c_str(), R_OK) == 0) environment[TALVEX_VAR_RECORDERCORE64_PATH] = clock64;
+  if (!o.socks.empty()) {
+    const bool v6 = setting.socks.host.find(':') != std::string::npos;
+    environment[v6 ? TALVEX_VAR_SOCKS_IPV6_ADDRESS : TALVEX_VAR_SOCKS_IPV4_ADDRESS] = setting.socks.host;
+    environment[v6 ? TALVEX_VAR_SOCKS_PORT_NUMBER_IPV6 : TALVEX_VAR_SOCKS_PORT_NUMBER_IPV4] =
+        std::to_string(setting.socks.port);
+  }
+  if (o.doubleLogSocks) environment[TALVEX_VAR_DOUBLE_LOG_SOCKS] = "";
+  if (o.traceback) environment[TALVEX_VAR_DEBUG_TRACEBACK] = "";
+  if (o.unplug) environment[TALVEX_VAR_UNPLUG_AGENT] = "";
+  if (!o.logDir.empty()) {
+    environment[TALVEX_VAR_DEBUG_DIR] = o.logDir;
+    environment[TALVEX_VAR_DEBUG_LVL] = o.logLevel;
+  }
+  std::vector<std::string> pairs;
+  for (const auto& e : environment) pairs.push_back(e.first + "=" + e.second);
+  return pairs;
+}
+
+}  // namespace talvex

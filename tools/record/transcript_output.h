@@ -1,0 +1,36 @@
+// The readable transcript, one block per process and per socket: it groups each conversation, so
+// the messages it shows are kept and it is written when the run ends, to a file or on standard
+// error.
+#pragma once
+
+#include <stdio.h>
+
+#include <string>
+#include <vector>
+
+#include "recording_output.h"
+#include "transcript.h"
+
+namespace talvex {
+
+class TranscriptOutput : public RecordingOutput {
+ public:
+  explicit TranscriptOutput(const TranscriptOptions& options) : options_(options) {}
+  ~TranscriptOutput() override;
+  TranscriptOutput(const TranscriptOutput&) = delete;
+  TranscriptOutput& operator=(const TranscriptOutput&) = delete;
+
+  // To `path`; without a call, on standard error. False with `error` filled in.
+  bool open(const std::string& path, std::string* error);
+  // A line before the summary: what became of the command.
+  void setNote(const std::string& note) { options_.note = note; }
+  void write(const ArrivedMessage& message) override { shown_.emplace_back(message.raw); }
+  bool finish() override;
+
+ private:
+  TranscriptOptions options_;
+  FILE* file_ = nullptr;
+  std::vector<std::string> shown_;
+};
+
+}  // namespace talvex
