@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -34,6 +35,8 @@ std::string pattern(size_t size, unsigned seed) {
 // buffer (so that the other side's large sends are taken in parts), then answers `reply`.
 class AnsweringPeer {
  public:
+  static const int kPatienceMs = 30000;
+
   explicit AnsweringPeer(std::string reply) : reply_(std::move(reply)) {
     listener_ = listenOnLoopback(&port_, 4096);
     thread_ = std::thread([this] { serve(); });
@@ -51,9 +54,15 @@ class AnsweringPeer {
   }
 
  private:
+  // Bounded: a client that never comes, or never closes, must fail the test, not hang it.
   void serve() {
+    pollfd waiting = {listener_, POLLIN, 0};
+    if (poll(&waiting, 1, kPatienceMs) != 1) return;
     const int s = accept(listener_, nullptr, nullptr);
     if (s < 0) return;
+    const timeval patience = {kPatienceMs / 1000, 0};
+    setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     char buffer[65536];
     for (int round = 0; round < 1000000; ++round) {
       const ssize_t n = recv(s, buffer, sizeof buffer, 0);

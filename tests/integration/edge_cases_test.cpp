@@ -10,6 +10,7 @@
 #include "recording_support.h"
 #include "test_paths.h"
 #include "base/variable_names.h"
+#include "system_tools.h"
 
 using namespace talvex_test;
 
@@ -94,6 +95,7 @@ TEST(EdgeCases, Ipv6SocksPortOfZeroOrTextKeeps1081) {
 }
 
 TEST(EdgeCases, WithoutAddressAndPortMessagesGoTo127001Port1092) {
+  TALVEX_REQUIRE_NETWORK_NAMESPACES();
   // In a network namespace of the test's own, whose loopback has port 1092 free whatever runs on
   // this machine. The connect goes to a port where nothing listens there: refused, and recorded.
   TempDir tmp;

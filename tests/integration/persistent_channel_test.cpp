@@ -22,6 +22,7 @@
 #include "recording_support.h"
 #include "test_paths.h"
 #include "base/variable_names.h"
+#include "system_tools.h"
 
 using namespace talvex_test;
 using namespace std::chrono_literals;
@@ -370,6 +371,7 @@ TEST(PersistentChannel, ANumberTheHostTookOverIsNeverWrittenTo) {
 // senders run out of ports. Here in a network namespace of the test's own, with the recorder on
 // an address of a veth pair: 8 processes x 15,000 messages, none lost.
 TEST(PersistentChannel, EightSendersToARecorderOffLoopbackLoseNothing) {
+  TALVEX_REQUIRE_NETWORK_NAMESPACES();
   TempDir tmp;
   std::string agentVariables;
   for (const auto& entry : agentEnvironment({{kPersistent, "1"}})) {

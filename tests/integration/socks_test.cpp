@@ -14,6 +14,7 @@
 #include "scripted_socks_server.h"
 #include "test_paths.h"
 #include "base/variable_names.h"
+#include "system_tools.h"
 
 using namespace talvex_test;
 using Names = std::vector<std::string>;
@@ -40,7 +41,7 @@ class Microsocks {
   Microsocks() : port_(closedLoopbackPort()) {
     process_.reset(new BackgroundProcess({kMicrosocks, "-i", "127.0.0.1", "-p", std::to_string(port_)},
                                          cleanEnvironment()));
-    for (int i = 0; i < 500 && !accepting(port_); ++i) usleep(10000);
+    waitForListener(port_);
   }
   int port() const { return port_; }
 
@@ -66,6 +67,7 @@ size_t indexOf(const std::vector<std::string>& lines, const std::string& needle)
 }  // namespace
 
 TEST(Socks, ThroughMicrosocksTheHostSeesItsOwnDestination) {
+  TALVEX_REQUIRE_PROGRAM(kMicrosocks);
   Microsocks server;
   EchoServer echo;
   const Recording r = recordRun({kRecordingProbePath, "socks-echo", std::to_string(echo.port())}, socksV4(server.port()));
@@ -99,6 +101,7 @@ TEST(Socks, ThroughMicrosocksTheHostSeesItsOwnDestination) {
 }
 
 TEST(Socks, DoubleLoggingRecordsTheTrafficToo) {
+  TALVEX_REQUIRE_PROGRAM(kMicrosocks);
   Microsocks server;
   EchoServer echo;
   const Recording r = recordRun({kRecordingProbePath, "socks-echo", std::to_string(echo.port())},
@@ -110,6 +113,7 @@ TEST(Socks, DoubleLoggingRecordsTheTrafficToo) {
 }
 
 TEST(Socks, ConnectToAPortOfTheProcessItselfIsNotRerouted) {
+  TALVEX_REQUIRE_PROGRAM(kMicrosocks);
   Microsocks server;
   const Recording r = recordRun({kRecordingProbePath, "bind-self"}, socksV4(server.port()));
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
@@ -122,6 +126,7 @@ TEST(Socks, ConnectToAPortOfTheProcessItselfIsNotRerouted) {
 }
 
 TEST(Socks, UdpConnectsAreNeverRerouted) {
+  TALVEX_REQUIRE_PROGRAM(kMicrosocks);
   Microsocks server;
   EchoServer echo;
   const Recording r = recordRun({kRecordingProbePath, "udp", std::to_string(echo.port())}, socksV4(server.port()));

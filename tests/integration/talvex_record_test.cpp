@@ -14,6 +14,7 @@
 #include "process_runner.h"
 #include "recorder_message_parser.h"
 #include "test_paths.h"
+#include "system_tools.h"
 
 using namespace talvex_test;
 
@@ -62,6 +63,7 @@ std::string masked(std::string transcript) {
 }  // namespace
 
 TEST(TalvexRecord, OneConversationInAllFourOutputs) {
+  TALVEX_REQUIRE_PROGRAM("/usr/bin/tshark");
   EchoServer echo;
   TempDir tmp;
   const ProcessResult r = record({"--raw", tmp.file("r.raw"), "--jsonl", tmp.file("r.jsonl"), "--transcript",
@@ -95,6 +97,7 @@ TEST(TalvexRecord, OneConversationInAllFourOutputs) {
 }
 
 TEST(TalvexRecord, CaptureStreamEqualsTheBytesExchanged) {
+  TALVEX_REQUIRE_PROGRAM("/usr/bin/tshark");
   EchoServer echo;
   TempDir tmp;
   const long size = 200000;
@@ -210,8 +213,9 @@ TEST(TalvexRecord, AgentOptions) {
 
 TEST(TalvexRecord, SocksOption) {
   const int port = closedLoopbackPort();
+  TALVEX_REQUIRE_PROGRAM("/usr/bin/microsocks");
   BackgroundProcess socks({"/usr/bin/microsocks", "-i", "127.0.0.1", "-p", std::to_string(port)}, cleanEnvironment());
-  usleep(200000);
+  ASSERT_TRUE(waitForListener(port));
   EchoServer echo;
   TempDir tmp;
   const ProcessResult r = record({"--socks", "127.0.0.1:" + std::to_string(port), "--double-log-socks", "--transcript",
@@ -377,6 +381,9 @@ std::map<std::string, Direction> bytesByProcess(const std::string& raw) {
 }  // namespace
 
 TEST(TalvexRecord, PythonHttpServerAndClientAreRecordedAsTheWireCarriedThem) {
+  TALVEX_REQUIRE_PROGRAM("/usr/bin/dumpcap");
+  TALVEX_REQUIRE_PROGRAM("/usr/bin/tshark");
+  TALVEX_REQUIRE_NETWORK_NAMESPACES();
   TempDir tmp;
   std::string file(200000, '\0');
   for (size_t i = 0; i < file.size(); ++i) file[i] = static_cast<char>((i * 13 + i / 977) & 0xff);
@@ -442,6 +449,7 @@ std::string waitForContent(const std::string& path) {
 }  // namespace
 
 TEST(TalvexRecord, SigtermReachesTheCommandAndEveryOutputIsComplete) {
+  TALVEX_REQUIRE_PROGRAM("/usr/bin/tshark");
   EchoServer echo;
   TempDir tmp;
   // No "--": the command starts at the first argument that is not an option.

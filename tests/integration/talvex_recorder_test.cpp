@@ -16,6 +16,7 @@
 #include "recorder_message_parser.h"
 #include "test_paths.h"
 #include "base/variable_names.h"
+#include "system_tools.h"
 
 using namespace talvex_test;
 
@@ -66,7 +67,7 @@ TEST_F(TalvexRecorder, RecordsAPreloadedProgramAsJsonLines) {
       runProcess({kProbePath, "channel", "select", "end"},
                  agentEnvironment({{TALVEX_VAR_PORT_NUMBER, std::to_string(port)}}));
   ASSERT_EQ(probe.exitCode, 0) << probe.err;
-  usleep(200000);
+  EXPECT_TRUE(waitForFileLines(tmp.file("out.jsonl"), 3));
   const ProcessResult r = stop();
   EXPECT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(r.err, "talvex-recorder: listening on 127.0.0.1 port " + std::to_string(port) +
@@ -91,7 +92,7 @@ TEST_F(TalvexRecorder, TakesAgentsOnALocalSocket) {
                         {TALVEX_VAR_PERSISTENT_CHANNEL, "1"},
                         {TALVEX_VAR_RECORDER_SOCKET, name}}));
   ASSERT_EQ(probe.exitCode, 0) << probe.err;
-  usleep(200000);
+  EXPECT_TRUE(waitForFileLines(tmp.file("out.raw"), 23));
   const ProcessResult r = stop();
   EXPECT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(r.err, "talvex-recorder: listening on 127.0.0.1 port " + std::to_string(port) +
@@ -105,7 +106,7 @@ TEST_F(TalvexRecorder, RawOutputIsTheExactBytes) {
   const std::string a = "<exit/>\n", b = "<send data_AS=\"\\x00&#x0a;\" length_U4=\"2\"/>\n";
   ASSERT_TRUE(sendRaw(port, a));
   ASSERT_TRUE(sendRaw(port, b));
-  usleep(200000);
+  EXPECT_TRUE(waitForFileContent(tmp.file("out.raw"), a + b));
   const ProcessResult r = stop(SIGINT);
   EXPECT_EQ(r.exitCode, 0);
   EXPECT_EQ(readFile(tmp.file("out.raw")), a + b);
@@ -118,7 +119,7 @@ TEST_F(TalvexRecorder, SurvivesMalformedTruncatedAndSilentPeers) {
   ASSERT_TRUE(sendRaw(port, ""));
   ASSERT_TRUE(sendRaw(port, std::string(100000, '\xff')));
   ASSERT_TRUE(sendRaw(port, "<exit/>\n"));
-  usleep(200000);
+  EXPECT_TRUE(waitForFileLines(tmp.file("out.jsonl"), 4));
   const ProcessResult r = stop();
   EXPECT_EQ(r.exitCode, 0);
   // A peer that sends nothing sends no message.
@@ -232,7 +233,7 @@ TEST_F(TalvexRecorder, ALineOf400MegabytesIsCutAndReportedAndTheRecorderGoesOn) 
   ASSERT_EQ(send(fd, "\n<exit/>\n", 9, MSG_NOSIGNAL), 9);
   close(fd);
   ASSERT_TRUE(sendRaw(port, "<exit/>\n"));
-  usleep(300000);
+  EXPECT_TRUE(waitForFileContent(tmp.file("out.raw"), "<exit/>\n<exit/>\n"));
   // Held no more than the limit's worth, whatever the line's length.
   const long peak = peakMemoryKiB(recorder->pid());
   const ProcessResult r = stop();
@@ -249,6 +250,7 @@ TEST_F(TalvexRecorder, AThousandIdleConnectionsHoldUpNoOne) {
   getrlimit(RLIMIT_NOFILE, &limit);
   limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, 4096));
   setrlimit(RLIMIT_NOFILE, &limit);
+  TALVEX_REQUIRE_PROGRAM("/usr/bin/prlimit");
   start({"--output", tmp.file("out.raw")}, {"/usr/bin/prlimit", "--nofile=4096:4096"});
   std::vector<int> idle;
   for (int i = 0; i < 1000; ++i) {
@@ -257,8 +259,7 @@ TEST_F(TalvexRecorder, AThousandIdleConnectionsHoldUpNoOne) {
     idle.push_back(fd);
   }
   ASSERT_TRUE(sendRaw(port, "<exit/>\n"));
-  usleep(300000);
-  EXPECT_EQ(readFile(tmp.file("out.raw")), "<exit/>\n");
+  EXPECT_TRUE(waitForFileContent(tmp.file("out.raw"), "<exit/>\n"));
   for (int fd : idle) close(fd);
   const ProcessResult r = stop();
   EXPECT_EQ(r.exitCode, 0) << r.err;
@@ -267,6 +268,7 @@ TEST_F(TalvexRecorder, AThousandIdleConnectionsHoldUpNoOne) {
 
 TEST_F(TalvexRecorder, RunningOutOfDescriptorsNeitherSpinsNorStopsIt) {
   // Room for a dozen connections; sixty arrive and stay.
+  TALVEX_REQUIRE_PROGRAM("/usr/bin/prlimit");
   start({"--output", tmp.file("out.raw")}, {"/usr/bin/prlimit", "--nofile=24:24"});
   std::vector<int> peers;
   for (int i = 0; i < 60; ++i) peers.push_back(connectToLoopback(port));
@@ -280,10 +282,11 @@ TEST_F(TalvexRecorder, RunningOutOfDescriptorsNeitherSpinsNorStopsIt) {
   for (int fd : peers) {
     if (fd >= 0) close(fd);
   }
-  usleep(200000);
+  // Once the recorder has closed its ends of them, a connection finds a descriptor again.
+  const std::string descriptors = "/proc/" + std::to_string(recorder->pid()) + "/fd";
+  EXPECT_TRUE(waitUntil([&] { return listDirectory(descriptors).size() <= 20; }));
   ASSERT_TRUE(sendRaw(port, "<exit/>\n"));
-  usleep(300000);
-  EXPECT_EQ(readFile(tmp.file("out.raw")), "<exit/>\n");
+  EXPECT_TRUE(waitForFileContent(tmp.file("out.raw"), "<exit/>\n"));
   const ProcessResult r = stop();
   EXPECT_EQ(r.exitCode, 0) << r.err;
   EXPECT_NE(r.err.find("connections refused when descriptors ran out"), std::string::npos) << r.err;

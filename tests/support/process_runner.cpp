@@ -1,5 +1,7 @@
 #include "process_runner.h"
 
+#include <algorithm>
+
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <errno.h>
@@ -342,6 +344,43 @@ int closedLoopbackPort() {
   const int fd = listenOnLoopback(&port);
   close(fd);
   return port;
+}
+
+}  // namespace talvex_test
+
+namespace talvex_test {
+
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    if (done()) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    usleep(5000);
+  }
+}
+
+bool waitForFileContent(const std::string& path, const std::string& content, std::chrono::milliseconds timeout) {
+  return waitUntil([&] { return readFile(path) == content; }, timeout);
+}
+
+bool waitForFileLines(const std::string& path, size_t count, std::chrono::milliseconds timeout) {
+  return waitUntil(
+      [&] {
+        const std::string text = readFile(path);
+        return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) >= count;
+      },
+      timeout);
+}
+
+bool waitForListener(int port, std::chrono::milliseconds timeout) {
+  return waitUntil(
+      [&] {
+        const int fd = connectToLoopback(port);
+        if (fd < 0) return false;
+        close(fd);
+        return true;
+      },
+      timeout);
 }
 
 }  // namespace talvex_test

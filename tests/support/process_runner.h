@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -69,6 +70,18 @@ class BackgroundProcess {
 
 // Waits for `path` to hold a number followed by a newline, as tools write a port file.
 int waitForPortFile(const std::string& path, std::chrono::seconds timeout = std::chrono::seconds(10));
+
+// Waits, checking often, until `done` holds or `timeout` has passed; whether it held. Tests wait
+// for what they need to see, not for a time that is usually enough.
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+// Waits until the file at `path` holds exactly `content`; whether it did within `timeout`.
+bool waitForFileContent(const std::string& path, const std::string& content,
+                        std::chrono::milliseconds timeout = std::chrono::seconds(10));
+// Waits until the file at `path` holds at least `count` whole lines.
+bool waitForFileLines(const std::string& path, size_t count,
+                      std::chrono::milliseconds timeout = std::chrono::seconds(10));
+// Waits until something accepts connections on loopback port `port`.
+bool waitForListener(int port, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 // Lines of `text` that contain `needle`.
 std::vector<std::string> linesContaining(const std::string& text, const std::string& needle);
