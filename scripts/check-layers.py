@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Keeps the agent's folders a stack of layers: a file may include headers of its own folder and of
 the folders below it, never of a folder above. Prints the include arrows between folders, and fails
-naming every arrow that points up, and every folder of src/ that has no place in the stack.
+naming every arrow that points up, every folder of src/ that has no place in the stack, every
+include cycle, and every include of tools/common/ that reaches into one tool's own folder.
 
 An include that must point up anyway carries the word "layer-exception:" and its reason in a
 comment on the same line; it is counted apart and does not fail the check.
@@ -61,7 +62,29 @@ def main(root):
           f"units (a header with its source) in an include cycle: {sum(len(c) for c in file_cycles)}")
     for cycle in file_cycles:
         print("unit cycle: " + " ".join(sorted(cycle)))
-    return 1 if upward or unplaced or folder_cycles or file_cycles else 0
+    strays = tools_common_strays(root)
+    for line in strays:
+        print("tools/common reaches up: " + line)
+    return 1 if upward or unplaced or folder_cycles or file_cycles or strays else 0
+
+
+def tools_common_strays(root):
+    """tools/common/ is what both tools share: it includes its own headers and the agent's, never a
+    header of one tool (tools/record/, tools/recorder/)."""
+    common = os.path.join(root, "tools", "common")
+    if not os.path.isdir(common):
+        return []
+    strays = []
+    for name in sorted(os.listdir(common)):
+        with open(os.path.join(common, name), encoding="utf-8") as source:
+            for number, line in enumerate(source, 1):
+                match = INCLUDE.match(line)
+                if not match:
+                    continue
+                target = match.group(1)
+                if not (os.path.isfile(os.path.join(common, target)) or os.path.isfile(os.path.join(root, "src", target))):
+                    strays.append(f"tools/common/{name}:{number}: {target}")
+    return strays
 
 
 def file_graph(src):
