@@ -12,11 +12,11 @@
 
 #include <string>
 
+#include "base/variable_names.h"
 #include "one_core.h"
 #include "process_runner.h"
 #include "recorder_endpoint.h"
 #include "test_paths.h"
-#include "base/variable_names.h"
 
 using namespace talvex_test;
 

@@ -19,9 +19,9 @@
 #include <string>
 #include <thread>
 
-#include "transport/agent_interface.h"
 #include "message/recorder_message.h"
 #include "recorder_endpoint.h"
+#include "transport/agent_interface.h"
 
 namespace {
 

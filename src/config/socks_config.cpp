@@ -2,10 +2,10 @@
 
 #include <stdlib.h>
 
-#include "base/environment.h"
-#include "diag/debug_log.h"
 #include "base/critical_section.h"
+#include "base/environment.h"
 #include "base/variable_names.h"
+#include "diag/debug_log.h"
 
 int socksModeActive = 0;
 int socksDisplayMode = 0;

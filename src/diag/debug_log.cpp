@@ -9,11 +9,11 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "base/process_identity.h"
-#include "base/environment.h"
-#include "diag/log_file.h"
 #include "base/critical_section.h"
+#include "base/environment.h"
+#include "base/process_identity.h"
 #include "base/variable_names.h"
+#include "diag/log_file.h"
 
 const char* const IMAGE_DEBUG[10] = {"ERROR", "INFO ", "HOOK ", "CALL ", "RET  ",
                                      "WARNI", "DATA ", "LAUNC", "LOW  ", "GENER"};

@@ -4,16 +4,16 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include "diag/debug_log.h"
 #include "base/name_tables.h"
+#include "diag/debug_log.h"
 #include "hooks/complete_capture_rules.h"
 #include "hooks/data_messages.h"
 #include "hooks/handler_support.h"
 #include "hooks/handlers.h"
 #include "hooks/host_vectors.h"
-#include "registry/socket_registry.h"
 #include "real/capture_real_functions.h"
 #include "real/real_functions.h"
+#include "registry/socket_registry.h"
 
 namespace {
 

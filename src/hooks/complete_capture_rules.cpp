@@ -7,12 +7,12 @@
 #include "base/process_identity.h"
 #include "config/complete_capture.h"
 #include "hooks/handler_support.h"
-#include "registry/socket_registry.h"
-#include "real/real_functions.h"
 #include "message/address_attributes.h"
+#include "message/recorder_message.h"
+#include "real/real_functions.h"
+#include "registry/socket_registry.h"
 #include "transport/agent_interface.h"
 #include "transport/message_demand.h"
-#include "message/recorder_message.h"
 
 namespace {
 

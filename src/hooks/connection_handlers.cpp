@@ -4,20 +4,20 @@
 #include <netinet/in.h>
 #include <string.h>
 
-#include "startup/agent_startup.h"
-#include "diag/debug_log.h"
 #include "base/name_tables.h"
+#include "config/socks_config.h"
+#include "diag/debug_log.h"
 #include "hooks/complete_capture_rules.h"
 #include "hooks/handler_support.h"
 #include "hooks/handlers.h"
-#include "registry/socket_registry.h"
+#include "message/address_attributes.h"
+#include "message/recorder_message.h"
 #include "real/capture_real_functions.h"
 #include "real/real_functions.h"
-#include "message/address_attributes.h"
-#include "transport/agent_interface.h"
-#include "message/recorder_message.h"
-#include "config/socks_config.h"
+#include "registry/socket_registry.h"
 #include "socks/socks_routing.h"
+#include "startup/agent_startup.h"
+#include "transport/agent_interface.h"
 
 namespace {
 

@@ -3,15 +3,15 @@
 #include <limits.h>
 
 #include "base/process_identity.h"
-#include "registry/recording_decision.h"
 #include "diag/debug_log.h"
 #include "hooks/complete_capture_rules.h"
 #include "hooks/host_vectors.h"
-#include "registry/socket_registry.h"
 #include "message/address_attributes.h"
+#include "message/recorder_message.h"
+#include "registry/recording_decision.h"
+#include "registry/socket_registry.h"
 #include "transport/agent_interface.h"
 #include "transport/message_demand.h"
-#include "message/recorder_message.h"
 
 namespace {
 

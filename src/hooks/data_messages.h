@@ -6,9 +6,9 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
-#include "registry/recording_decision.h"
 #include "hooks/handler_support.h"
 #include "real/real_functions.h"
+#include "registry/recording_decision.h"
 #include "socks/socks_routing.h"
 
 class HostVectors;

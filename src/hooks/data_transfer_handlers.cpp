@@ -3,17 +3,17 @@
 #include <string.h>
 #include <sys/uio.h>
 
-#include "startup/agent_startup.h"
-#include "diag/debug_log.h"
 #include "base/name_tables.h"
+#include "diag/debug_log.h"
 #include "hooks/complete_capture_rules.h"
 #include "hooks/data_messages.h"
 #include "hooks/handler_support.h"
 #include "hooks/handlers.h"
 #include "hooks/host_vectors.h"
-#include "registry/socket_registry.h"
 #include "real/real_functions.h"
+#include "registry/socket_registry.h"
 #include "socks/socks_routing.h"
+#include "startup/agent_startup.h"
 
 namespace {
 const unsigned kUdp = 17;

@@ -7,11 +7,11 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include "base/counters.h"
 #include "base/time_base.h"
 #include "diag/debug_log.h"
 #include "hooks/host_memory.h"
 #include "registry/socket_registry.h"
-#include "base/counters.h"
 #include "transport/message_demand.h"
 
 // Start time and ticket of a call, drawn before the real call so that tickets order events by the

@@ -2,8 +2,8 @@
 // the recorder is told that select and pselect were used.
 #include <errno.h>
 
-#include "diag/debug_log.h"
 #include "base/name_tables.h"
+#include "diag/debug_log.h"
 #include "hooks/handler_support.h"
 #include "hooks/handlers.h"
 #include "real/dlsym_bootstrap.h"

@@ -3,15 +3,15 @@
 #include <netinet/in.h>
 #include <string.h>
 
-#include "startup/agent_startup.h"
-#include "diag/debug_log.h"
 #include "base/name_tables.h"
+#include "diag/debug_log.h"
 #include "hooks/handler_support.h"
 #include "hooks/handlers.h"
-#include "registry/socket_registry.h"
-#include "real/real_functions.h"
-#include "transport/agent_interface.h"
 #include "message/recorder_message.h"
+#include "real/real_functions.h"
+#include "registry/socket_registry.h"
+#include "startup/agent_startup.h"
+#include "transport/agent_interface.h"
 
 namespace {
 

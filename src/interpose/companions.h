@@ -2,10 +2,10 @@
 // exported under their C++ names. They never start the agent, log or record.
 #pragma once
 
-#include "hooks/handlers.h"
-#include "real/dlsym_bootstrap.h"
 #include "base/export_visibility.h"
+#include "hooks/handlers.h"
 #include "interpose/socket_export_list.h"
+#include "real/dlsym_bootstrap.h"
 
 #define TALVEX_DECLARE_COMPANIONS(result, name, parameters, arguments, throws) \
   TALVEX_EXPORT void Init##name();                                             \

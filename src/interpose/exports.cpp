@@ -3,17 +3,17 @@
 #include <dlfcn.h>
 #include <errno.h>
 
-#include "startup/agent_startup.h"
+#include "base/export_visibility.h"
 #include "config/complete_capture.h"
 #include "hooks/capture_handlers.h"
 #include "hooks/handlers.h"
-#include "real/capture_real_functions.h"
 #include "interpose/companions.h"
-#include "real/dlsym_bootstrap.h"
-#include "base/export_visibility.h"
-#include "real/real_functions.h"
 #include "interpose/reentry_guard.h"
 #include "interpose/socket_export_list.h"
+#include "real/capture_real_functions.h"
+#include "real/dlsym_bootstrap.h"
+#include "real/real_functions.h"
+#include "startup/agent_startup.h"
 
 // Start the agent once, make sure the real function is known, and let the handler decide.
 // A successful call leaves errno alone, so whatever start-up did to errno must not show.

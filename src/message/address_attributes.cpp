@@ -4,11 +4,11 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "base/name_tables.h"
 #include "base/process_identity.h"
 #include "diag/debug_log.h"
-#include "base/name_tables.h"
-#include "real/real_functions.h"
 #include "message/recorder_message.h"
+#include "real/real_functions.h"
 
 void formatIpv6Groups(const unsigned char bytes[16], char* out, unsigned size) {
   if (size == 0) return;

@@ -6,9 +6,9 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include "base/file_status.h"
 #include "base/process_identity.h"
 #include "diag/debug_log.h"
-#include "base/file_status.h"
 #include "real/dlsym_bootstrap.h"
 
 __asm__(".symver dlopen,dlopen@" TALVEX_GLIBC_2_1);

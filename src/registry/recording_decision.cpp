@@ -1,8 +1,8 @@
 #include "registry/recording_decision.h"
 
 #include "base/process_identity.h"
-#include "registry/socket_registry.h"
 #include "config/socks_config.h"
+#include "registry/socket_registry.h"
 
 const char* ImageShouldBeLogged[4] = {"SHOULDBELOGGED", "SOCKSRECORDED", "UDPSOCKET", "NONINET"};
 

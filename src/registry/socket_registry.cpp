@@ -6,11 +6,11 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "diag/debug_log.h"
 #include "base/critical_section.h"
-#include "real/real_functions.h"
-#include "message/address_attributes.h"
 #include "config/socks_config.h"
+#include "diag/debug_log.h"
+#include "message/address_attributes.h"
+#include "real/real_functions.h"
 
 SOCKETINFO* allSocketInfo = nullptr;
 SOCKETINFO* releasedSocketInfo = nullptr;

@@ -4,8 +4,8 @@
 #include <string.h>
 
 #include "diag/debug_log.h"
-#include "real/real_functions.h"
 #include "message/address_attributes.h"
+#include "real/real_functions.h"
 
 addrinfo* allLocalAdresses = nullptr;
 

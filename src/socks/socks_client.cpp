@@ -11,11 +11,11 @@
 #include <sys/select.h>
 
 #include "base/monotonic_clock.h"
-#include "diag/debug_log.h"
 #include "base/name_tables.h"
-#include "real/real_functions.h"
-#include "message/address_attributes.h"
 #include "config/socks_config.h"
+#include "diag/debug_log.h"
+#include "message/address_attributes.h"
+#include "real/real_functions.h"
 
 // The oldest version, for older 32-bit C libraries; it reads and sets file status flags the same.
 __asm__(".symver fcntl,fcntl@" TALVEX_GLIBC_FIRST);

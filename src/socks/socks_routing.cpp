@@ -6,13 +6,13 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "diag/debug_log.h"
-#include "base/name_tables.h"
 #include "base/critical_section.h"
-#include "registry/socket_registry.h"
-#include "real/real_functions.h"
-#include "socks/local_addresses.h"
+#include "base/name_tables.h"
 #include "config/socks_config.h"
+#include "diag/debug_log.h"
+#include "real/real_functions.h"
+#include "registry/socket_registry.h"
+#include "socks/local_addresses.h"
 #include "socks/socks_exchange.h"
 
 namespace {

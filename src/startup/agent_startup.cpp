@@ -1,7 +1,7 @@
 #include "startup/agent_startup.h"
+#include "base/symbol_versions.h"
 #include "config/complete_capture.h"
 #include "transport/persistent_channel.h"
-#include "base/symbol_versions.h"
 
 #include <arpa/inet.h>
 #include <dlfcn.h>
@@ -11,22 +11,22 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "startup/fork_following.h"
-#include "startup/recorder_core.h"
+#include "base/critical_section.h"
+#include "base/variable_names.h"
+#include "config/socks_config.h"
 #include "diag/crash_handler.h"
 #include "diag/debug_log.h"
-#include "transport/debug_server.h"
-#include "base/critical_section.h"
-#include "startup/fork_reset.h"
 #include "real/dlsym_bootstrap.h"
 #include "real/real_functions.h"
+#include "socks/local_addresses.h"
+#include "startup/fork_following.h"
+#include "startup/fork_reset.h"
+#include "startup/recorder_core.h"
+#include "transport/debug_server.h"
 #include "transport/recorder_channel_startup.h"
 #include "transport/recorder_socket.h"
 #include "transport/shared_ring.h"
 #include "transport/transport_choice.h"
-#include "socks/local_addresses.h"
-#include "config/socks_config.h"
-#include "base/variable_names.h"
 
 __asm__(".symver dladdr,dladdr@" TALVEX_GLIBC_FIRST);
 

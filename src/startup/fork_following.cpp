@@ -4,9 +4,9 @@
 #include <unistd.h>
 
 #include "base/process_identity.h"
+#include "base/variable_names.h"
 #include "transport/agent_interface.h"
 #include "transport/recorder_channel_startup.h"
-#include "base/variable_names.h"
 
 const char* const kFollowForksVariable = TALVEX_VAR_FOLLOW_FORKS;
 

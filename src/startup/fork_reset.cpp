@@ -2,12 +2,12 @@
 
 #include <pthread.h>
 
-#include "startup/fork_following.h"
+#include "config/socks_config.h"
 #include "diag/debug_log.h"
 #include "registry/socket_registry.h"
+#include "startup/fork_following.h"
 #include "transport/agent_interface.h"
 #include "transport/persistent_channel.h"
-#include "config/socks_config.h"
 
 void resetAgentLocksInChild() {
   resetRegistryAfterFork();

@@ -12,9 +12,9 @@
 // The oldest version, for older 32-bit C libraries.
 __asm__(".symver dladdr1,dladdr1@GLIBC_2.3.3");
 #include "base/time_base.h"
+#include "base/variable_names.h"
 #include "diag/debug_log.h"
 #include "real/real_functions.h"
-#include "base/variable_names.h"
 
 const char* const kRecorderCoreRelativeDirectory = "../../../../talvex.recorder.core/Libraries/";
 const char* const kRecorderCoreFileName = "libRecorderCore.so";

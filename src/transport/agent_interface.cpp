@@ -10,12 +10,12 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "base/process_identity.h"
-#include "base/environment.h"
-#include "base/time_base.h"
-#include "diag/debug_log.h"
 #include "base/counters.h"
 #include "base/critical_section.h"
+#include "base/environment.h"
+#include "base/process_identity.h"
+#include "base/time_base.h"
+#include "diag/debug_log.h"
 #include "real/real_functions.h"
 #include "transport/transport_choice.h"
 

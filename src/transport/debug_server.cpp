@@ -7,13 +7,13 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 
-#include "base/process_identity.h"
 #include "base/environment.h"
-#include "diag/debug_log.h"
 #include "base/name_tables.h"
-#include "real/real_functions.h"
-#include "config/socks_config.h"
+#include "base/process_identity.h"
 #include "base/variable_names.h"
+#include "config/socks_config.h"
+#include "diag/debug_log.h"
+#include "real/real_functions.h"
 
 int debugSocket = -1;
 int debugServerActive = 0;

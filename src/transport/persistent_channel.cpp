@@ -8,13 +8,13 @@
 #include <sys/socket.h>
 
 #include "base/monotonic_clock.h"
-#include "diag/debug_log.h"
 #include "base/name_tables.h"
-#include "real/real_functions.h"
 #include "base/symbol_versions.h"
+#include "base/variable_names.h"
+#include "diag/debug_log.h"
+#include "real/real_functions.h"
 #include "transport/recorder_socket.h"
 #include "transport/shared_ring.h"
-#include "base/variable_names.h"
 
 // The first fcntl of each ABI: the agent loads on C libraries older than the one it is built on.
 __asm__(".symver fcntl,fcntl@" TALVEX_GLIBC_FIRST);

@@ -3,13 +3,13 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include "base/counters.h"
 #include "base/process_identity.h"
 #include "base/time_base.h"
-#include "diag/debug_log.h"
-#include "base/counters.h"
-#include "transport/agent_interface.h"
-#include "message/recorder_message.h"
 #include "base/variable_names.h"
+#include "diag/debug_log.h"
+#include "message/recorder_message.h"
+#include "transport/agent_interface.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "diag/debug_log.h"
 #include "base/variable_names.h"
+#include "diag/debug_log.h"
 
 const char* const kRecorderSocketVariable = TALVEX_VAR_RECORDER_SOCKET;
 

@@ -12,11 +12,11 @@
 #include <unistd.h>
 
 #include "base/monotonic_clock.h"
-#include "real/real_functions.h"
 #include "base/symbol_versions.h"
-#include "message/held_payload.h"
-#include "transport/shared_ring_layout.h"
 #include "base/variable_names.h"
+#include "message/held_payload.h"
+#include "real/real_functions.h"
+#include "transport/shared_ring_layout.h"
 
 // The first fcntl of each ABI: the agent loads on C libraries older than the one it is built on.
 __asm__(".symver fcntl,fcntl@" TALVEX_GLIBC_FIRST);

@@ -7,10 +7,10 @@
 #include <regex>
 #include <string>
 
+#include "base/variable_names.h"
 #include "process_runner.h"
 #include "recording_support.h"
 #include "test_paths.h"
-#include "base/variable_names.h"
 
 using namespace talvex_test;
 using Names = std::vector<std::string>;

@@ -8,11 +8,11 @@
 #include <set>
 #include <string>
 
+#include "base/variable_names.h"
 #include "process_runner.h"
 #include "recorder_endpoint.h"
 #include "recorder_message_parser.h"
 #include "test_paths.h"
-#include "base/variable_names.h"
 
 using namespace talvex_test;
 using namespace std::chrono_literals;

@@ -5,9 +5,9 @@
 #include <regex>
 #include <string>
 
+#include "base/variable_names.h"
 #include "process_runner.h"
 #include "test_paths.h"
-#include "base/variable_names.h"
 
 using namespace talvex_test;
 

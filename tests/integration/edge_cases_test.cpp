@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "base/variable_names.h"
 #include "process_runner.h"
 #include "recording_support.h"
-#include "test_paths.h"
-#include "base/variable_names.h"
 #include "system_tools.h"
+#include "test_paths.h"
 
 using namespace talvex_test;
 

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "base/variable_names.h"
 #include "process_runner.h"
 #include "recording_support.h"
 #include "test_paths.h"
-#include "base/variable_names.h"
 
 using namespace talvex_test;
 using namespace std::chrono_literals;

@@ -15,14 +15,14 @@
 #include <thread>
 #include <vector>
 
+#include "base/variable_names.h"
 #include "local_recorder.h"
 #include "process_runner.h"
 #include "recorder_endpoint.h"
 #include "recorder_message_parser.h"
 #include "recording_support.h"
-#include "test_paths.h"
-#include "base/variable_names.h"
 #include "system_tools.h"
+#include "test_paths.h"
 
 using namespace talvex_test;
 using namespace std::chrono_literals;

@@ -7,9 +7,9 @@
 #include <thread>
 #include <vector>
 
+#include "base/variable_names.h"
 #include "process_runner.h"
 #include "test_paths.h"
-#include "base/variable_names.h"
 
 using namespace talvex_test;
 

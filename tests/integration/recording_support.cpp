@@ -2,8 +2,8 @@
 
 #include <stdio.h>
 
-#include "test_paths.h"
 #include "base/variable_names.h"
+#include "test_paths.h"
 
 namespace talvex_test {
 

@@ -9,12 +9,12 @@
 #include <algorithm>
 #include <string>
 
+#include "base/variable_names.h"
 #include "process_runner.h"
 #include "recording_support.h"
 #include "scripted_socks_server.h"
-#include "test_paths.h"
-#include "base/variable_names.h"
 #include "system_tools.h"
+#include "test_paths.h"
 
 using namespace talvex_test;
 using Names = std::vector<std::string>;

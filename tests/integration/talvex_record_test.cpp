@@ -13,8 +13,8 @@
 
 #include "process_runner.h"
 #include "recorder_message_parser.h"
-#include "test_paths.h"
 #include "system_tools.h"
+#include "test_paths.h"
 
 using namespace talvex_test;
 

@@ -11,12 +11,12 @@
 #include <algorithm>
 #include <string>
 
+#include "base/variable_names.h"
 #include "local_recorder.h"
 #include "process_runner.h"
 #include "recorder_message_parser.h"
-#include "test_paths.h"
-#include "base/variable_names.h"
 #include "system_tools.h"
+#include "test_paths.h"
 
 using namespace talvex_test;
 

@@ -8,9 +8,9 @@
 
 #include <string>
 
-#include "real/real_functions.h"
 #include "log_capture.h"
 #include "message/recorder_message.h"
+#include "real/real_functions.h"
 
 namespace {
 

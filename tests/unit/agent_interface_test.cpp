@@ -9,14 +9,14 @@
 #include <string>
 #include <thread>
 
-#include "startup/agent_startup.h"
 #include "base/time_base.h"
+#include "base/variable_names.h"
 #include "log_capture.h"
 #include "process_runner.h"
-#include "transport/recorder_channel_startup.h"
 #include "recorder_endpoint.h"
 #include "recorder_message_parser.h"
-#include "base/variable_names.h"
+#include "startup/agent_startup.h"
+#include "transport/recorder_channel_startup.h"
 
 using namespace std::chrono_literals;
 using talvex::RecorderEndpoint;

@@ -9,10 +9,10 @@
 #include <regex>
 #include <string>
 
-#include "startup/agent_startup.h"
+#include "base/variable_names.h"
 #include "log_capture.h"
 #include "process_runner.h"
-#include "base/variable_names.h"
+#include "startup/agent_startup.h"
 
 using talvex_test::listDirectory;
 using talvex_test::readFile;

@@ -7,13 +7,13 @@
 
 #include <string>
 
-#include "startup/agent_startup.h"
+#include "base/variable_names.h"
 #include "diag/crash_handler.h"
 #include "diag/debug_log.h"
-#include "real/real_functions.h"
 #include "log_capture.h"
+#include "real/real_functions.h"
 #include "recorder_endpoint.h"
-#include "base/variable_names.h"
+#include "startup/agent_startup.h"
 
 using namespace std::chrono_literals;
 

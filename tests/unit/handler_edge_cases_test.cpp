@@ -12,12 +12,12 @@
 
 #include <string>
 
-#include "hooks/handlers.h"
-#include "registry/socket_registry.h"
-#include "real/real_functions.h"
-#include "process_runner.h"
-#include "socks/socks_client.h"
 #include "config/socks_config.h"
+#include "hooks/handlers.h"
+#include "process_runner.h"
+#include "real/real_functions.h"
+#include "registry/socket_registry.h"
+#include "socks/socks_client.h"
 #include "socks/socks_routing.h"
 
 using namespace talvex_test;

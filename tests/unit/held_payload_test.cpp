@@ -11,19 +11,19 @@
 #include <string>
 #include <vector>
 
-#include "startup/agent_startup.h"
 #include "local_recorder.h"
 #include "log_capture.h"
-#include "process_runner.h"
-#include "transport/agent_interface.h"
-#include "transport/persistent_channel.h"
-#include "transport/transport_choice.h"
 #include "message/print_buffer.h"
 #include "message/recorder_message.h"
-#include "transport/recorder_socket.h"
-#include "transport/shared_ring.h"
+#include "process_runner.h"
 #include "recorder_endpoint.h"
 #include "reference_escape.h"
+#include "startup/agent_startup.h"
+#include "transport/agent_interface.h"
+#include "transport/persistent_channel.h"
+#include "transport/recorder_socket.h"
+#include "transport/shared_ring.h"
+#include "transport/transport_choice.h"
 
 using namespace std::chrono_literals;
 

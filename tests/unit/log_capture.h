@@ -5,9 +5,9 @@
 
 #include <string>
 
+#include "base/variable_names.h"
 #include "diag/debug_log.h"
 #include "process_runner.h"
-#include "base/variable_names.h"
 
 namespace talvex_test {
 

@@ -4,8 +4,8 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
-#include "startup/agent_startup.h"
 #include "real/dlsym_bootstrap.h"
+#include "startup/agent_startup.h"
 
 TEST(RealFunctions, MissingFunctionGivesZeroAndLeavesErrno) {
   decltype(&::recv) pointer = nullptr;

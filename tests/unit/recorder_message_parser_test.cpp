@@ -5,8 +5,8 @@
 #include <random>
 #include <string>
 
-#include "message_json.h"
 #include "message/recorder_message.h"
+#include "message_json.h"
 
 using talvex::ParsedMessage;
 using talvex::parseRecorderMessage;

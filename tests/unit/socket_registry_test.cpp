@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "real/real_functions.h"
-#include "log_capture.h"
 #include "config/socks_config.h"
+#include "log_capture.h"
+#include "real/real_functions.h"
 
 namespace {
 

@@ -1,13 +1,13 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include "startup/agent_startup.h"
 #include "base/environment.h"
+#include "base/variable_names.h"
 #include "config/optional_hooks.h"
+#include "config/socks_config.h"
 #include "registry/recording_decision.h"
 #include "registry/socket_registry.h"
-#include "config/socks_config.h"
-#include "base/variable_names.h"
+#include "startup/agent_startup.h"
 
 namespace {
 SOCKETINFO record(unsigned family, unsigned protocol, bool rerouted) {
