@@ -1,7 +1,7 @@
 # Front door: `make test` and `make demo` work on a fresh Debian 12 machine; both first install
 # whatever system packages are missing.
 BUILD_DIR ?= build
-SANITIZE_DIR ?= build-sanitize
+SANITIZE_DIR ?= build/sanitize
 JOBS ?= $(shell nproc)
 
 PREFIX ?= /usr/local
