@@ -33,18 +33,14 @@ std::string localAddressFor(const Peer& remote) {
   return remote.ip.rfind("127.", 0) == 0 ? "127.0.0.1" : "192.0.2.1";
 }
 
-Recording buildRecording(const std::vector<std::string>& raw) {
+Recording buildRecording(std::vector<ParsedMessage> shown, size_t malformed) {
   Recording recording;
+  recording.malformed = malformed;
   std::map<int64_t, std::vector<ParsedMessage>> byPid;
   std::map<int64_t, std::string> directories;
   // Messages without a pid (resolutions, notices) belong to the process whose message came last.
   int64_t lastPid = 0;
-  for (const std::string& line : raw) {
-    ParsedMessage m;
-    if (!parseRecorderMessage(line, &m, nullptr)) {
-      ++recording.malformed;
-      continue;
-    }
+  for (ParsedMessage& m : shown) {
     ++recording.messages;
     if (m.find("pid") != nullptr) lastPid = m.integer("pid");
     if (std::find(recording.pids.begin(), recording.pids.end(), lastPid) == recording.pids.end()) {

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "recorder_message_parser.h"
+
 namespace talvex {
 
 struct Event {
@@ -64,7 +66,9 @@ struct Recording {
   int failures = 0;
 };
 
-Recording buildRecording(const std::vector<std::string>& raw);
+// The conversations of the messages shown, as they were parsed when they arrived; `malformed` of
+// the messages shown could not be parsed.
+Recording buildRecording(std::vector<ParsedMessage> shown, size_t malformed);
 
 // The address a connect to `remote` left from, as far as it can be told: only its port is
 // recorded. Loopback for a loopback destination, a documentation address otherwise.

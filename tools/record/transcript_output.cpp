@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <string.h>
 
+#include <utility>
+
 #include "conversations.h"
 
 namespace talvex {
@@ -17,8 +19,16 @@ bool TranscriptOutput::open(const std::string& path, std::string* error) {
   return file_ != nullptr;
 }
 
+void TranscriptOutput::write(const ArrivedMessage& message) {
+  if (message.parsed != nullptr) {
+    shown_.push_back(*message.parsed);
+  } else {
+    ++malformed_;
+  }
+}
+
 bool TranscriptOutput::finish() {
-  writeTranscript(buildRecording(shown_), options_, file_ != nullptr ? file_ : stderr);
+  writeTranscript(buildRecording(std::move(shown_), malformed_), options_, file_ != nullptr ? file_ : stderr);
   if (file_ == nullptr) return true;
   const bool lost = ferror(file_) != 0;
   const bool closed = fclose(file_) == 0;

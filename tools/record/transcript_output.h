@@ -24,13 +24,16 @@ class TranscriptOutput : public RecordingOutput {
   bool open(const std::string& path, std::string* error);
   // A line before the summary: what became of the command.
   void setNote(const std::string& note) { options_.note = note; }
-  void write(const ArrivedMessage& message) override { shown_.emplace_back(message.raw); }
+  // It shows payloads, and keeps each message as it was parsed on arrival.
+  bool needsPayloads() const override { return true; }
+  void write(const ArrivedMessage& message) override;
   bool finish() override;
 
  private:
   TranscriptOptions options_;
   FILE* file_ = nullptr;
-  std::vector<std::string> shown_;
+  std::vector<ParsedMessage> shown_;
+  size_t malformed_ = 0;
 };
 
 }  // namespace talvex
