@@ -58,8 +58,9 @@ const char* const kUsage =
     "  --log-level LEVEL    its kinds of line (with --log-dir): a number (bit mask) or names\n"
     "                       among error,info,call,ret,warning,data,all (default error,info)\n"
     "  --traceback          print a backtrace if COMMAND crashes. The agent's crash handler then\n"
-    "                       ends it with status 0; talvex-record reports the crash (COMMAND's\n"
-    "                       standard output passes through talvex-record to be watched)\n"
+    "                       ends it with status 0; talvex-record reports the crash and exits\n"
+    "                       139, as for any crash (COMMAND's standard output passes through\n"
+    "                       talvex-record to be watched)\n"
     "  --unplug             run with the agent but send nothing\n"
     "  -h, --help           this text\n"
     "  -V, --version        the version\n"
@@ -129,10 +130,13 @@ std::string endNote(const talvex::RecordOptions& o, int status, bool crashed) {
 }
 
 // The command's own status (128 + N for signal N); outputs that could not be written fail a run
-// that would otherwise have succeeded.
-int exitStatusOf(int status, bool written) {
+// that would otherwise have succeeded. A crash the agent's handler turned into status 0 is the
+// crash it was: a CI job that records its tests must still fail when one crashes.
+int exitStatusOf(int status, bool crashed, bool written) {
   int exitStatus = 1;
-  if (WIFSIGNALED(status)) {
+  if (crashed) {
+    exitStatus = 128 + SIGSEGV;
+  } else if (WIFSIGNALED(status)) {
     exitStatus = 128 + WTERMSIG(status);
   } else if (WIFEXITED(status)) {
     exitStatus = WEXITSTATUS(status);
@@ -216,7 +220,8 @@ int main(int argc, char** argv) {
   endpoint.waitForClosedOrQuiet(std::chrono::milliseconds(200), std::chrono::seconds(5));
   endpoint.stop(std::chrono::milliseconds(1000));
 
-  const std::string note = endNote(o, status, o.traceback && crashWatch.crashed());
+  const bool crashed = o.traceback && crashWatch.crashed();
+  const std::string note = endNote(o, status, crashed);
   const bool written = outputs.finish(note);
   if (!note.empty() && (!o.transcript.empty() || o.quiet)) fprintf(stderr, "talvex-record: %s\n", note.c_str());
   if (outputs.received() == 0 && !o.unplug) {
@@ -227,5 +232,5 @@ int main(int argc, char** argv) {
             "makes its own system calls, as Go programs do, cannot be recorded)\n",
             o.command[0].c_str());
   }
-  return exitStatusOf(status, written);
+  return exitStatusOf(status, crashed, written);
 }
