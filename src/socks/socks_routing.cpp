@@ -1,19 +1,25 @@
 #include "socks/socks_routing.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "base/critical_section.h"
 #include "base/name_tables.h"
+#include "base/symbol_versions.h"
 #include "config/socks_config.h"
 #include "diag/debug_log.h"
 #include "real/real_functions.h"
 #include "registry/socket_registry.h"
 #include "socks/local_addresses.h"
 #include "socks/socks_exchange.h"
+
+// The first fcntl of each ABI: the agent loads on C libraries older than the one it is built on.
+__asm__(".symver fcntl,fcntl@" TALVEX_GLIBC_FIRST);
 
 namespace {
 
@@ -125,10 +131,9 @@ int checkSocksStatus(int socket, int status, bool* toReconnect, int* loopback, i
     case SOCKS_FAILED:
       x_disp(DMK_ERROR, "bad handshake on socks server");
       x_disp(DMK_INFO, "%s", kStarLine);
-      // The socket is closed and yet a plain connect is asked for; it then fails on the closed
-      // descriptor. That order is how a failed handshake has always been reported.
-      *toReconnect = true;
-      result = 3;
+      // A server that answers with garbage refuses the connection as surely as one that says so.
+      *error = ECONNREFUSED;
+      result = -1;
       break;
     case SOCKS_TARGET_REFUSED:
       x_disp(DMK_ERROR, "socks server can not connect to target");
@@ -142,13 +147,55 @@ int checkSocksStatus(int socket, int status, bool* toReconnect, int* loopback, i
       *toReconnect = true;
       return status;
   }
-  if (True_close(socket) == -1) {
-    const int code = True_WSAGetLastError();
-    x_disp(DMK_ERROR, "error closing socks socket : %d %s : %s", code, getSocketErrorKind(code), getSocketErrorMsg(code));
-    *toReconnect = false;
-    return -1;
-  }
+  releaseFromSocksServer(socket);
   return result;
+}
+
+bool releaseFromSocksServer(int socket) {
+  const int savedErrno = errno;
+  sockaddr unspecified;
+  memset(&unspecified, 0, sizeof unspecified);
+  unspecified.sa_family = AF_UNSPEC;
+  bool released = True_connect(socket, &unspecified, sizeof unspecified) == 0;
+  if (released) {
+    // Dissolving leaves a reset pending on the socket, which the program's next call would
+    // report; a refused connect leaves none, and a refusal is what the program is told.
+    int pending = 0;
+    socklen_t size = sizeof pending;
+    True_getsockopt(socket, SOL_SOCKET, SO_ERROR, &pending, &size);
+  } else {
+    const int code = errno;
+    x_disp(DMK_ERROR, "cannot dissolve the connection to the socks server : %d %s : %s: the socket is renewed", code,
+           getSocketErrorKind(code), getSocketErrorMsg(code));
+    released = renewSocket(socket);
+  }
+  errno = savedErrno;
+  return released;
+}
+
+bool renewSocket(int socket) {
+  int domain = 0, type = 0, protocol = 0;
+  socklen_t size = sizeof domain;
+  if (True_getsockopt(socket, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0) return false;
+  size = sizeof type;
+  if (True_getsockopt(socket, SOL_SOCKET, SO_TYPE, &type, &size) != 0) return false;
+  size = sizeof protocol;
+  if (True_getsockopt(socket, SOL_SOCKET, SO_PROTOCOL, &protocol, &size) != 0) return false;
+  const int statusFlags = fcntl(socket, F_GETFL);
+  const int descriptorFlags = fcntl(socket, F_GETFD);
+  if (statusFlags == -1 || descriptorFlags == -1) return false;
+  const bool closeOnExec = (descriptorFlags & FD_CLOEXEC) != 0;
+  const int fresh = True_socket(domain, type | ((statusFlags & O_NONBLOCK) != 0 ? SOCK_NONBLOCK : 0) |
+                                            (closeOnExec ? SOCK_CLOEXEC : 0), protocol);
+  if (fresh == -1) return false;
+  // One step: the number is never free for another thread to be given.
+  const bool moved = dup3(fresh, socket, closeOnExec ? O_CLOEXEC : 0) == socket;
+  True_close(fresh);
+  if (!moved) {
+    const int code = errno;
+    x_disp(DMK_ERROR, "cannot renew the socket : %d %s : %s", code, getSocketErrorKind(code), getSocketErrorMsg(code));
+  }
+  return moved;
 }
 
 unsigned short getLocalPort(int socket, unsigned short family) {

@@ -10,6 +10,14 @@ struct SOCKETINFO;
 
 int SocksConnect(SOCKETINFO* record, const sockaddr* destination, int length, int* socksError);
 int checkSocksStatus(int socket, int status, bool* toReconnect, int* loopback, int* error);
+// A socket whose SOCKS exchange failed stays the program's, under its number: its connection to
+// the SOCKS server is dissolved (a connect to AF_UNSPEC), so that it can be connected again, and
+// where the system will not dissolve it a fresh socket of the same kind and flags takes the
+// number in one step. Closing it instead, as the exchange once did, freed the number for whatever
+// another thread opened next, and the program's own close of "its" socket then closed that.
+// False when neither could be done. errno is kept.
+bool releaseFromSocksServer(int socket);
+bool renewSocket(int socket);
 bool isBindedLocalHost(int socket, const sockaddr* destination, int length);
 bool isStreamSocket(int socket, int family);
 unsigned short getLocalPort(int socket, unsigned short family);

@@ -161,9 +161,11 @@ TEST_P(SocksReplyCode, RefusedTargetFailsTheConnect) {
   ScriptedSocksServer server("127.0.0.1", script);
   const Recording r = recordRun({kRecordingProbePath, "socks-echo", "9"}, socksV4(server.port()));
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
-  // The socket is closed and the host sees a refused connect.
+  // The host sees a refused connect, and its socket is what a refused connect leaves: open,
+  // unconnected (a send finds the pipe broken, as after any refused connect).
   EXPECT_EQ(splitLines(r.run.out)[1], "connect result=-1 errno=111");
-  EXPECT_EQ(splitLines(r.run.out)[2], "send result=-1 errno=9");
+  EXPECT_EQ(splitLines(r.run.out)[2], "send result=-1 errno=32");
+  EXPECT_EQ(linesContaining(r.run.out, "close result=0 ").size(), 1u) << r.run.out;
   EXPECT_EQ(linesContaining(r.log, std::string("[ERROR]") + GetParam().line).size(), 1u) << r.log;
   EXPECT_EQ(linesContaining(r.log, "[ERROR]socks server can not connect to target").size(), 1u);
   const auto connects = r.ofKind("connect");
@@ -199,19 +201,43 @@ void PrintTo(const FailureCase& c, std::ostream* out) { *out << c.name; }
 
 class SocksFailure : public ::testing::TestWithParam<FailureCase> {};
 
-TEST_P(SocksFailure, BadExchangeClosesTheSocket) {
+// A server that fails the exchange refuses the connect; the socket stays the program's, open under
+// its number, and no direct connect is made behind the refusal.
+TEST_P(SocksFailure, BadExchangeRefusesTheConnectAndKeepsTheSocket) {
   ScriptedSocksServer server("127.0.0.1", GetParam().script);
   const Recording r = recordRun({kRecordingProbePath, "socks-echo", "9"},
                                 socksV4(server.port(), {{TALVEX_VAR_SOCKS_MAX_TIMEOUT, "1"}}));
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
-  // The socket was closed by the failed exchange, so the plain connect that follows finds it gone.
-  EXPECT_EQ(splitLines(r.run.out)[1], "connect result=-1 errno=9") << r.run.out;
+  const auto lines = splitLines(r.run.out);
+  ASSERT_GE(lines.size(), 2u) << r.run.out;
+  EXPECT_EQ(lines[1], "connect result=-1 errno=111") << r.run.out;
+  EXPECT_EQ(linesContaining(r.run.out, "close result=0 ").size(), 1u) << r.run.out;
   EXPECT_EQ(linesContaining(r.log, std::string("[ERROR]") + GetParam().line).size(), 1u) << r.log;
   EXPECT_EQ(linesContaining(r.log, "[ERROR]bad handshake on socks server").size(), 1u);
+  EXPECT_EQ(linesContaining(r.log, "cannot dissolve").size(), 0u) << r.log;
   const auto connects = r.ofKind("connect");
   ASSERT_EQ(connects.size(), 1u);
   if (GetParam().socksError != -1) EXPECT_EQ(valueOf(*connects[0], "sockserror"), hexOf(GetParam().socksError));
-  EXPECT_EQ(valueOf(*connects[0], "error"), "9");
+  EXPECT_EQ(valueOf(*connects[0], "error"), hexOf(ECONNREFUSED));
+}
+
+// While other threads open and close files as fast as they can: had the failed exchange freed the
+// socket's number, one of them would have taken it, and the program's close would close a file.
+TEST_P(SocksFailure, TheSocketKeepsItsNumberWhileOtherThreadsOpenFiles) {
+  ScriptedSocksServer server("127.0.0.1", GetParam().script);
+  const ProcessResult r = runProcess({kRecordingProbePath, "socks-fail-busy", "9"},
+                                     agentEnvironment({{TALVEX_VAR_UNPLUG_AGENT, ""},
+                                                       {TALVEX_VAR_SOCKS_IPV4_ADDRESS, "127.0.0.1"},
+                                                       {TALVEX_VAR_SOCKS_PORT_NUMBER_IPV4, std::to_string(server.port())},
+                                                       {TALVEX_VAR_SOCKS_MAX_TIMEOUT, "1"}}),
+                                     std::chrono::seconds(30));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const auto lines = splitLines(r.out);
+  ASSERT_EQ(lines.size(), 4u) << r.out;
+  EXPECT_EQ(lines[0], "connect result=-1 errno=111");
+  EXPECT_EQ(lines[1], "still a stream socket 1");
+  EXPECT_EQ(lines[2], "still non-blocking 1");
+  EXPECT_EQ(lines[3].rfind("close result=0 ", 0), 0u) << lines[3];
 }
 
 namespace {

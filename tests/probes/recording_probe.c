@@ -8,6 +8,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -463,6 +464,8 @@ static int scenarioLongAddress(int port) {
 
 /* Connects to a destination (rerouted when SOCKS is on), talks, and asks who the peer is. */
 static int scenarioSocksEcho(int family, int port) {
+  /* A send after a refused connect reports a broken pipe, as network programs have it. */
+  signal(SIGPIPE, SIG_IGN);
   struct sockaddr_storage destination;
   memset(&destination, 0, sizeof destination);
   socklen_t length;
@@ -493,6 +496,36 @@ static int scenarioSocksEcho(int family, int port) {
   socklen_t tiny = 4;
   report("getpeername-4", getpeername(s, (struct sockaddr*)&peer, &tiny));
   printf("tiny length %d\n", (int)tiny);
+  report("close", close(s));
+  return 0;
+}
+
+/* Files opened and closed on other threads while a connect through a failing SOCKS server runs:
+   had the socket's number been freed, one of them would take it. */
+static volatile int fileOpenersStop = 0;
+
+static void* openFilesUntilStopped(void* unused) {
+  (void)unused;
+  for (long round = 0; round < 100000000L && !fileOpenersStop; ++round) {
+    const int fd = open("/dev/null", O_RDONLY);
+    if (fd >= 0) close(fd);
+  }
+  return NULL;
+}
+
+static int scenarioSocksFailWhileFilesOpen(int port) {
+  pthread_t openers[4];
+  for (int i = 0; i < 4; ++i) pthread_create(&openers[i], NULL, openFilesUntilStopped, NULL);
+  const int s = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+  struct sockaddr_in a = loopback(port);
+  report("connect", connect(s, (struct sockaddr*)&a, sizeof a));
+  fileOpenersStop = 1;
+  for (int i = 0; i < 4; ++i) pthread_join(openers[i], NULL);
+  int type = 0;
+  socklen_t size = sizeof type;
+  const int asked = getsockopt(s, SOL_SOCKET, SO_TYPE, &type, &size);
+  printf("still a stream socket %d\n", asked == 0 && type == SOCK_STREAM);
+  printf("still non-blocking %d\n", (fcntl(s, F_GETFL) & O_NONBLOCK) != 0);
   report("close", close(s));
   return 0;
 }
@@ -674,6 +707,7 @@ int main(int argc, char** argv) {
   if (strcmp(s, "socks-echo") == 0 && argc >= 3) return scenarioSocksEcho(AF_INET, atoi(argv[2]));
   if (strcmp(s, "socks-echo6") == 0 && argc >= 3) return scenarioSocksEcho(AF_INET6, atoi(argv[2]));
   if (strcmp(s, "socks-nonblocking") == 0 && argc >= 3) return scenarioSocksNonBlocking(atoi(argv[2]));
+  if (strcmp(s, "socks-fail-busy") == 0 && argc >= 3) return scenarioSocksFailWhileFilesOpen(atoi(argv[2]));
   if (strcmp(s, "socks-concurrent-send") == 0 && argc >= 3) return scenarioSocksConcurrentSend(atoi(argv[2]));
   if (strcmp(s, "conversation") == 0 && argc >= 6)
     return scenarioConversation(atoi(argv[2]), atoi(argv[3]), atoi(argv[4]), argv[5]);

@@ -106,3 +106,41 @@ TEST(EdgeCases, GetpeernameWithANullAddressReachesTheRealFunctionOnAReroutedSock
   EXPECT_EQ(result, -1);
   EXPECT_EQ(error, EFAULT);
 }
+
+// A socket freed from a SOCKS server stays the program's under its number, connected to nothing,
+// with its blocking mode and close-on-exec as they were, whichever way it is freed.
+TEST(EdgeCases, ASocketFreedFromTheSocksServerKeepsItsNumberAndFlags) {
+  initializeRealFunctionPointers();
+  int port = 0;
+  const int listener = listenOnLoopback(&port);
+  ASSERT_GE(listener, 0);
+  const sockaddr_in server = loopbackAddress(port);
+  for (const bool renew : {false, true}) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&server), sizeof server), 0);
+    ASSERT_EQ(fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK), 0);
+    errno = 1234;
+    EXPECT_TRUE(renew ? renewSocket(fd) : releaseFromSocksServer(fd)) << "renew " << renew;
+    if (!renew) EXPECT_EQ(errno, 1234);
+    sockaddr_in peer;
+    socklen_t length = sizeof peer;
+    EXPECT_EQ(getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length), -1) << "renew " << renew;
+    EXPECT_EQ(errno, ENOTCONN);
+    int type = 0, pending = -1;
+    socklen_t size = sizeof type;
+    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size), 0);
+    EXPECT_EQ(type, SOCK_STREAM);
+    size = sizeof pending;
+    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_ERROR, &pending, &size), 0);
+    EXPECT_EQ(pending, 0) << "renew " << renew;
+    EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0) << "renew " << renew;
+    EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << "renew " << renew;
+    // Free to be connected again, as after a refused connect.
+    const int flags = fcntl(fd, F_GETFL);
+    fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+    EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&server), sizeof server), 0) << "renew " << renew;
+    close(fd);
+  }
+  close(listener);
+}
