@@ -613,6 +613,28 @@ TEST(TalvexRecord, AnOutputThatCannotBeWrittenInFullIsNamed) {
   }
 }
 
+// "-" is standard output, as for other tools, not a file of that name; "--" is no option's value.
+TEST(TalvexRecord, TranscriptDashIsStandardOutputAndDashDashIsNoValue) {
+  EchoServer echo;
+  TempDir tmp;
+  const std::string dash = tmp.file("-");
+  const ProcessResult r = runProcess({"/bin/sh", "-c",
+                                      "cd '" + tmp.path() + "' && exec '" + kRecordPath + "' --transcript - -- '" +
+                                          kRecordingProbePath + "' vectors " + std::to_string(echo.port())},
+                                     cleanEnvironment());
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(linesContaining(r.out, "summary: 1 socket, ").size(), 1u) << r.out;
+  EXPECT_EQ(linesContaining(r.err, "summary: ").size(), 0u) << r.err;
+  EXPECT_NE(access(dash.c_str(), F_OK), 0) << "a file named - was written";
+  for (const char* option : {"--only", "--exclude", "--raw", "--transcript"}) {
+    const ProcessResult e = record({option}, {kRecordingProbePath, "vectors", std::to_string(echo.port())});
+    EXPECT_EQ(e.exitCode, 2) << option;
+    EXPECT_EQ(e.err, std::string("talvex-record: option ") + option +
+                         " needs a value\nTry 'talvex-record --help' for more information.\n")
+        << option;
+  }
+}
+
 TEST(TalvexRecord, VersionShortErrorsAndOptionsThatWorkTogether) {
   ProcessResult r = runProcess({kRecordPath, "--version"}, cleanEnvironment());
   EXPECT_EQ(r.exitCode, 0);

@@ -54,7 +54,8 @@ ParseOutcome parseRecordOptions(int argc, char** argv, RecordOptions* o, std::st
         *into = inlineValue;
         return true;
       }
-      if (i + 1 >= argc) {
+      // "--" ends the options: an option right before it was given no value.
+      if (i + 1 >= argc || std::string(argv[i + 1]) == "--") {
         *error = "option " + arg + " needs a value";
         return false;
       }

@@ -10,10 +10,14 @@
 namespace talvex {
 
 TranscriptOutput::~TranscriptOutput() {
-  if (file_ != nullptr) fclose(file_);
+  if (file_ != nullptr && file_ != stdout) fclose(file_);
 }
 
 bool TranscriptOutput::open(const std::string& path, std::string* error) {
+  if (path == "-") {
+    file_ = stdout;
+    return true;
+  }
   file_ = fopen(path.c_str(), "wb");
   if (file_ == nullptr) *error = "cannot write " + path + ": " + strerror(errno);
   return file_ != nullptr;
@@ -30,8 +34,8 @@ void TranscriptOutput::write(const ArrivedMessage& message) {
 bool TranscriptOutput::finish() {
   writeTranscript(buildRecording(std::move(shown_), malformed_), options_, file_ != nullptr ? file_ : stderr);
   if (file_ == nullptr) return true;
-  const bool lost = ferror(file_) != 0;
-  const bool closed = fclose(file_) == 0;
+  const bool lost = fflush(file_) != 0 || ferror(file_) != 0;
+  const bool closed = file_ == stdout || fclose(file_) == 0;
   file_ = nullptr;
   return closed && !lost;
 }

@@ -20,7 +20,8 @@ class TranscriptOutput : public RecordingOutput {
   TranscriptOutput(const TranscriptOutput&) = delete;
   TranscriptOutput& operator=(const TranscriptOutput&) = delete;
 
-  // To `path`; without a call, on standard error. False with `error` filled in.
+  // To `path` ("-": standard output); without a call, on standard error. False with `error`
+  // filled in.
   bool open(const std::string& path, std::string* error);
   // A line before the summary: what became of the command.
   void setNote(const std::string& note) { options_.note = note; }
