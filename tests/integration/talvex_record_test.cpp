@@ -60,6 +60,19 @@ std::string masked(std::string transcript) {
   return transcript;
 }
 
+
+// How many processes run with exactly `commandLine` (its arguments joined by spaces).
+size_t processesRunning(const std::string& commandLine) {
+  size_t count = 0;
+  for (const std::string& name : listDirectory("/proc")) {
+    if (name.empty() || name[0] < '1' || name[0] > '9') continue;
+    std::string arguments = readFile("/proc/" + name + "/cmdline");
+    if (arguments.empty()) continue;  // gone, or a zombie
+    std::replace(arguments.begin(), arguments.end(), '\0', ' ');
+    if (arguments == commandLine + " ") ++count;
+  }
+  return count;
+}
 }  // namespace
 
 TEST(TalvexRecord, OneConversationInAllFourOutputs) {
@@ -614,6 +627,39 @@ TEST(TalvexRecord, AnOutputThatCannotBeWrittenInFullIsNamed) {
 }
 
 // "-" is standard output, as for other tools, not a file of that name; "--" is no option's value.
+// A stop signal sent to talvex-record reaches every process of the command, background children
+// included, and talvex-record exits as the command did.
+TEST(TalvexRecord, AStopSignalEndsEveryProcessOfTheCommand) {
+  const std::string first = "sleep " + std::to_string(200000 + getpid());
+  const std::string second = "sleep " + std::to_string(300000 + getpid());
+  BackgroundProcess run({kRecordPath, "-q", "--", "/bin/sh", "-c", first + " & " + second + "; wait"},
+                        cleanEnvironment());
+  ASSERT_TRUE(waitUntil([&] { return processesRunning(first) == 1 && processesRunning(second) == 1; }));
+  run.signal(SIGTERM);
+  const ProcessResult r = run.wait(std::chrono::seconds(10));
+  EXPECT_FALSE(r.timedOut);
+  EXPECT_EQ(r.exitCode, 128 + SIGTERM) << r.err;
+  EXPECT_TRUE(waitUntil([&] { return processesRunning(first) == 0 && processesRunning(second) == 0; },
+                        std::chrono::seconds(3)));
+}
+
+// What ignores the signal is killed when the grace period is over.
+TEST(TalvexRecord, WhatIgnoresAStopSignalIsKilledAfterTheGracePeriod) {
+  const std::string sleeper = "sleep " + std::to_string(400000 + getpid());
+  BackgroundProcess run({kRecordPath, "-q", "--grace", "1", "--", "/bin/sh", "-c", "trap '' TERM; " + sleeper},
+                        cleanEnvironment());
+  ASSERT_TRUE(waitUntil([&] { return processesRunning(sleeper) == 1; }));
+  run.signal(SIGTERM);
+  const ProcessResult r = run.wait(std::chrono::seconds(10));
+  EXPECT_FALSE(r.timedOut);
+  EXPECT_EQ(r.exitCode, 128 + SIGKILL) << r.err;
+  EXPECT_TRUE(waitUntil([&] { return processesRunning(sleeper) == 0; }, std::chrono::seconds(3)));
+  const ProcessResult bad = record({"--grace", "soon"}, {"/bin/true"});
+  EXPECT_EQ(bad.exitCode, 2);
+  EXPECT_EQ(bad.err, "talvex-record: --grace needs a number of seconds from 0 to 86400\n"
+                     "Try 'talvex-record --help' for more information.\n");
+}
+
 TEST(TalvexRecord, TranscriptDashIsStandardOutputAndDashDashIsNoValue) {
   EchoServer echo;
   TempDir tmp;

@@ -1,5 +1,7 @@
 #include "record_options.h"
 
+#include <stdlib.h>
+
 #include <map>
 
 namespace talvex {
@@ -72,6 +74,17 @@ ParseOutcome parseRecordOptions(int argc, char** argv, RecordOptions* o, std::st
       if (!value(named->second)) return ParseOutcome::Error;
     } else if (arg == "--log-level") {
       if (!value(&levelText)) return ParseOutcome::Error;
+    } else if (arg == "--grace") {
+      std::string text;
+      if (!value(&text)) return ParseOutcome::Error;
+      char* end = nullptr;
+      const long seconds = strtol(text.c_str(), &end, 10);
+      // A day at most: the bound keeps the arithmetic of the deadline far from overflowing.
+      if (text.empty() || *end != '\0' || seconds < 0 || seconds > 86400) {
+        *error = "--grace needs a number of seconds from 0 to 86400";
+        return ParseOutcome::Error;
+      }
+      o->graceSeconds = static_cast<int>(seconds);
     } else if (arg == "--only" || arg == "--exclude") {
       if (!value(&spec)) return ParseOutcome::Error;
       std::string why;

@@ -12,6 +12,8 @@ struct RecordOptions {
   std::string transcript, raw, jsonl, pcap, listen = "127.0.0.1:0", socks, logDir, logLevel = "3";
   bool full = false, doubleLogSocks = false, traceback = false, unplug = false, quiet = false;
   enum class Live { Auto, On, Off } live = Live::Auto;
+  // How long the command has after a stop signal is passed on, before what is left is killed.
+  int graceSeconds = 5;
   TrafficFilter filter;
   std::vector<std::string> command;
 };

@@ -63,6 +63,8 @@ const char* const kUsage =
     "                       139, as for any crash (COMMAND's standard output passes through\n"
     "                       talvex-record to be watched)\n"
     "  --unplug             run with the agent but send nothing\n"
+    "  --grace SECONDS      after SIGINT, SIGTERM or SIGHUP, passed on to every process of\n"
+    "                       COMMAND, kill what is left of it this much later (default 5)\n"
     "  -h, --help           this text\n"
     "  -V, --version        the version\n"
     "\n"
@@ -93,17 +95,17 @@ bool liveViewWanted(const talvex::RecordOptions& o) {
 // Runs the command with `environment` and waits for it; its wait status. With --traceback its
 // standard output goes through `crashWatch`.
 int runCommand(const std::string& program, std::vector<std::string> command, std::vector<std::string> environment,
-               talvex::CrashWatch* crashWatch) {
+               talvex::CrashWatch* crashWatch, int graceSeconds) {
   std::vector<char*> envp, args;
   for (auto& p : environment) envp.push_back(&p[0]);
   envp.push_back(nullptr);
   for (auto& a : command) args.push_back(&a[0]);
   args.push_back(nullptr);
   const int watchedOutput = crashWatch != nullptr ? crashWatch->start() : -1;
-  talvex::installSignalForwarding();
+  talvex::installSignalForwarding(graceSeconds);
   const pid_t child = fork();
   if (child == 0) {
-    talvex::restoreDefaultSignals();
+    talvex::prepareCommandProcess();
     if (watchedOutput >= 0) dup2(watchedOutput, STDOUT_FILENO);
     execve(program.c_str(), args.data(), envp.data());
     fprintf(stderr, "talvex-record: cannot run %s: %s\n", program.c_str(), strerror(errno));
@@ -114,6 +116,7 @@ int runCommand(const std::string& program, std::vector<std::string> command, std
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
+  talvex::endWhatIsLeft(child);
   return status;
 }
 
@@ -214,7 +217,8 @@ int main(int argc, char** argv) {
 
   talvex::CrashWatch crashWatch;
   const int status =
-      runCommand(program, o.command, talvex::agentEnvironment(environ, o, setting), o.traceback ? &crashWatch : nullptr);
+      runCommand(program, o.command, talvex::agentEnvironment(environ, o, setting), o.traceback ? &crashWatch : nullptr,
+                 o.graceSeconds);
   // Anything the command's processes still had on the way arrives within a moment.
   // Each process's connection closes when it ends: once none is open, everything has arrived.
   // Processes of the command that outlive it (daemons) are given a moment of quiet, no more.
