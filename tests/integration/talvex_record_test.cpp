@@ -50,7 +50,7 @@ void followStream(const std::string& capture, std::string* client, std::string* 
 }
 
 std::string masked(std::string transcript) {
-  transcript = std::regex_replace(transcript, std::regex(R"(\d\d:\d\d:\d\d\.\d\d\d)"), "HH:MM:SS.mmm");
+  transcript = std::regex_replace(transcript, std::regex(R"(\d\d:\d\d:\d\d\.\d{6})"), "HH:MM:SS.uuuuuu");
   transcript = std::regex_replace(transcript, std::regex(R"(; times are local \([^)]*\))"), "; times are local (ZONE)");
   transcript = std::regex_replace(transcript, std::regex(R"(process \d+ in [^;\s]+)"), "process PID in DIR");
   transcript = std::regex_replace(transcript, std::regex(R"(127\.0\.0\.1:\d+)"), "127.0.0.1:PORT");
@@ -797,7 +797,7 @@ TEST(TalvexRecord, LiveViewPrintsEachEventAsItHappens) {
   EchoServer echo;
   const ProcessResult r = record({"--live"}, {kRecordingProbePath, "vectors", std::to_string(echo.port())});
   ASSERT_EQ(r.exitCode, 0) << r.err;
-  EXPECT_TRUE(std::regex_search(r.err, std::regex(R"(\d\d:\d\d:\d\d\.\d{3} \[\d+\] socket \d+ connect -> 127\.0\.0\.1:)" +
+  EXPECT_TRUE(std::regex_search(r.err, std::regex(R"(\d\d:\d\d:\d\d\.\d{6} \[\d+\] socket \d+ connect -> 127\.0\.0\.1:)" +
                                                   std::to_string(echo.port()) + "\n")))
       << r.err;
   EXPECT_NE(r.err.find("> 7 bytes  abcdefg\n"), std::string::npos) << r.err;

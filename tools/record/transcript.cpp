@@ -14,14 +14,15 @@ namespace talvex {
 
 namespace {
 
-// Times are the reader's local time; the process header names the zone.
+// Times are the reader's local time; the process header names the zone. Microseconds: calls a
+// program makes one after another are apart by less than a millisecond.
 std::string clock(int64_t timeNs) {
   const time_t seconds = static_cast<time_t>(timeNs / 1000000000);
   struct tm local;
   localtime_r(&seconds, &local);
   char text[32];
-  snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec,
-           static_cast<int>((timeNs / 1000000) % 1000));
+  snprintf(text, sizeof text, "%02d:%02d:%02d.%06d", local.tm_hour, local.tm_min, local.tm_sec,
+           static_cast<int>((timeNs / 1000) % 1000000));
   return text;
 }
 
