@@ -13,6 +13,7 @@
 
 #include "process_runner.h"
 #include "recorder_message_parser.h"
+#include "scripted_socks_server.h"
 #include "system_tools.h"
 #include "test_paths.h"
 
@@ -238,6 +239,32 @@ TEST(TalvexRecord, SocksOption) {
   const std::string transcript = readFile(tmp.file("s.txt"));
   EXPECT_NE(transcript.find("[via SOCKS]"), std::string::npos) << transcript;
   EXPECT_NE(transcript.find("> sent 4 bytes\n      ping\n"), std::string::npos);
+}
+
+// What went wrong with the SOCKS server reads by name: an exchange that failed, and a server that
+// could not be reached, after which the connect went direct.
+TEST(TalvexRecord, SocksFailuresReadByName) {
+  SocksScript garbage;
+  garbage.methodReply = std::string("\x05\x02", 2);
+  ScriptedSocksServer failing("127.0.0.1", garbage);
+  EchoServer echo;
+  TempDir tmp;
+  ProcessResult r = record({"--socks", "127.0.0.1:" + std::to_string(failing.port()), "--transcript", tmp.file("f.txt")},
+                           {kRecordingProbePath, "socks-echo", std::to_string(echo.port())});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  std::string transcript = readFile(tmp.file("f.txt"));
+  EXPECT_NE(transcript.find(" FAILED (ECONNREFUSED: Connection refused) [the SOCKS exchange failed: " +
+                            std::string("EPROTONOSUPPORT: Protocol not supported]")),
+            std::string::npos)
+      << transcript;
+  r = record({"--socks", "127.0.0.1:" + std::to_string(closedLoopbackPort()), "--transcript", tmp.file("d.txt")},
+             {kRecordingProbePath, "socks-echo", std::to_string(echo.port())});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  transcript = readFile(tmp.file("d.txt"));
+  EXPECT_NE(transcript.find(" [the SOCKS server was not used: it failed (ECONNREFUSED: Connection refused), the "
+                            "connect went direct]"),
+            std::string::npos)
+      << transcript;
 }
 
 TEST(TalvexRecord, MixedTreesAreRecordedInEveryProcess) {

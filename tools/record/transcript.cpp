@@ -124,9 +124,11 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
         }
         if (c.loopback) {
           fputs(c.hasSocksError ? " [to this process: direct, the SOCKS server was not used]" : " [to this process]", out);
+        } else if (c.hasSocksError && c.socksError != 0 && c.failed) {
+          fprintf(out, " [the SOCKS exchange failed: %s]", errorText(c.socksError).c_str());
         } else if (c.hasSocksError && c.socksError != 0) {
-          fprintf(out, " [the SOCKS server was not used: it failed (%lld), the connect went direct]",
-                  static_cast<long long>(c.socksError));
+          fprintf(out, " [the SOCKS server was not used: it failed (%s), the connect went direct]",
+                  errorText(c.socksError).c_str());
         } else if (c.hasSocksError) {
           fputs(" [via SOCKS]", out);
         }
