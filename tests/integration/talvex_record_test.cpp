@@ -824,10 +824,26 @@ TEST(TalvexRecord, LiveViewPrintsEachEventAsItHappens) {
   EchoServer echo;
   const ProcessResult r = record({"--live"}, {kRecordingProbePath, "vectors", std::to_string(echo.port())});
   ASSERT_EQ(r.exitCode, 0) << r.err;
-  EXPECT_TRUE(std::regex_search(r.err, std::regex(R"(\d\d:\d\d:\d\d\.\d{6} \[\d+\] socket \d+ connect -> 127\.0\.0\.1:)" +
-                                                  std::to_string(echo.port()) + "\n")))
+  EXPECT_TRUE(std::regex_search(
+      r.err, std::regex(R"(\d\d:\d\d:\d\d\.\d{6} \[\d+\] socket \d+ connect 127\.0\.0\.1:[1-9]\d* -> 127\.0\.0\.1:)" +
+                        std::to_string(echo.port()) + "\n")))
       << r.err;
   EXPECT_NE(r.err.find("> 7 bytes  abcdefg\n"), std::string::npos) << r.err;
   EXPECT_NE(r.err.find("< 7 bytes  abcdefg\n"), std::string::npos) << r.err;
-  EXPECT_EQ(r.err.find("summary:"), std::string::npos) << r.err;
+  // It ends with the transcript's summary line, counted as the messages came.
+  const auto lines = splitLines(r.err);
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines.back().rfind("summary: 1 socket, ", 0), 0u) << r.err;
+  EXPECT_EQ(linesContaining(r.err, "summary: ").size(), 1u) << r.err;
+  // Resolutions and calls that are not recorded read as sentences.
+  const ProcessResult p = record(
+      {"--live"}, {"/usr/bin/python3", "-c",
+                   "import socket, select\n"
+                   "socket.getaddrinfo('127.0.0.1', 80, socket.AF_INET, socket.SOCK_STREAM)\n"
+                   "select.select([], [], [], 0)\n"});
+  ASSERT_EQ(p.exitCode, 0) << p.err;
+  EXPECT_EQ(linesContaining(p.err, " resolved 127.0.0.1 -> 127.0.0.1 (AF_INET)").size(), 1u) << p.err;
+  EXPECT_EQ(linesContaining(p.err, " select was called (not recorded)").size(), 1u) << p.err;
+  EXPECT_EQ(splitLines(p.err).back(), "summary: 0 sockets, 3 messages, 0 bytes sent, 0 bytes received, 0 failures")
+      << p.err;
 }

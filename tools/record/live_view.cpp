@@ -7,7 +7,17 @@
 namespace talvex {
 
 void LiveView::write(const ArrivedMessage& message) {
-  if (message.parsed != nullptr) writeLiveEvent(*message.parsed, message.seen.connection, stderr);
+  if (message.parsed == nullptr) {
+    totals_.addMalformed();
+    return;
+  }
+  totals_.add(*message.parsed);
+  writeLiveEvent(*message.parsed, message.seen.connection, stderr);
+}
+
+bool LiveView::finish() {
+  fprintf(stderr, "%s\n", summaryLine(totals_.totals()).c_str());
+  return true;
 }
 
 }  // namespace talvex

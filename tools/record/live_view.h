@@ -1,7 +1,9 @@
-// Each event on standard error as it happens: when, which process and socket, what.
+// Each event on standard error as it happens: when, which process and socket, what; and at the
+// end the summary line the transcript has, counted as the messages arrived.
 #pragma once
 
 #include "recording_output.h"
+#include "recording_totals.h"
 
 namespace talvex {
 
@@ -9,7 +11,10 @@ class LiveView : public RecordingOutput {
  public:
   bool needsPayloads() const override { return true; }
   void write(const ArrivedMessage& message) override;
-  bool finish() override { return true; }
+  bool finish() override;
+
+ private:
+  RecordingTotals totals_;
 };
 
 }  // namespace talvex

@@ -9,6 +9,7 @@
 #include "address_text.h"
 #include "error_text.h"
 #include "recorder_message_parser.h"
+#include "recording_totals.h"
 
 namespace talvex {
 
@@ -42,10 +43,6 @@ std::string endpoint(const Peer& p) {
   if (p.ip.empty()) return "?";
   if (p.family == 10) return "[" + normalIp(p.ip) + "]:" + std::to_string(p.port);
   return p.ip + ":" + std::to_string(p.port);
-}
-
-std::string count(int64_t n, const char* one, const char* many) {
-  return std::to_string(n) + " " + (n == 1 ? one : many);
 }
 
 bool printable(const std::string& bytes) {
@@ -145,7 +142,7 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
         }
         const bool sent = e.kind == "send";
         fprintf(out, "   %s %s %s", clock(e.timeNs).c_str(), sent ? "> sent" : "< received",
-                count(e.failed ? e.length : static_cast<int64_t>(e.data.size()), "byte", "bytes").c_str());
+                counted(e.failed ? e.length : static_cast<int64_t>(e.data.size()), "byte", "bytes").c_str());
         if (e.failed) fprintf(out, " FAILED (%s)", errorText(e.error).c_str());
         fputs("\n", out);
         if (e.data.empty()) continue;
@@ -166,15 +163,14 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
     fputs("\n", out);
   }
   if (!options.note.empty()) fprintf(out, "%s\n", options.note.c_str());
-  fprintf(out, "summary: %s, %s, %s sent, %s received, %s",
-          count(static_cast<int64_t>(recording.conversations.size()), "socket", "sockets").c_str(),
-          count(static_cast<int64_t>(recording.messages), "message", "messages").c_str(),
-          count(recording.bytesSent, "byte", "bytes").c_str(), count(recording.bytesReceived, "byte", "bytes").c_str(),
-          count(recording.failures, "failure", "failures").c_str());
-  if (recording.malformed != 0) {
-    fprintf(out, ", %s", count(static_cast<int64_t>(recording.malformed), "malformed message", "malformed messages").c_str());
-  }
-  fputs("\n", out);
+  Totals totals;
+  totals.sockets = static_cast<int64_t>(recording.conversations.size());
+  totals.messages = static_cast<int64_t>(recording.messages);
+  totals.bytesSent = recording.bytesSent;
+  totals.bytesReceived = recording.bytesReceived;
+  totals.failures = recording.failures;
+  totals.malformed = static_cast<int64_t>(recording.malformed);
+  fprintf(out, "%s\n", summaryLine(totals).c_str());
 }
 
 void writeLiveEvent(const ParsedMessage& m, const LiveConnection* connection, FILE* out) {
@@ -190,10 +186,18 @@ void writeLiveEvent(const ParsedMessage& m, const LiveConnection* connection, FI
     peer.family = connection != nullptr && connection->ends.family == "AF_INET6" ? 10 : 2;
     peer.ip = connection != nullptr ? connection->ends.remoteIp : "";
     peer.port = connection != nullptr ? connection->ends.remotePort : 0;
-    line += (m.kind == "connect" ? " connect -> " : " accepted from ") + endpoint(peer);
+    if (m.kind == "accept") {
+      line += " accepted from " + endpoint(peer);
+    } else {
+      // Both ends, as the transcript names them: the agent records the local port only.
+      Peer local = peer;
+      local.ip = localAddressFor(peer);
+      local.port = connection != nullptr ? connection->ends.localPort : 0;
+      line += " connect " + (local.port != 0 ? endpoint(local) + " -> " : std::string("-> ")) + endpoint(peer);
+    }
   } else if (m.kind == "send" || m.kind == "receive") {
     const int64_t bytes = data != nullptr ? static_cast<int64_t>(data->bytes.size()) : 0;
-    line += (m.kind == "send" ? " > " : " < ") + count(bytes, "byte", "bytes");
+    line += (m.kind == "send" ? " > " : " < ") + counted(bytes, "byte", "bytes");
     if (data != nullptr && !data->bytes.empty()) {
       std::string shown;
       for (const char ch : data->bytes.substr(0, 60)) {
@@ -205,6 +209,12 @@ void writeLiveEvent(const ParsedMessage& m, const LiveConnection* connection, FI
   } else if (m.kind == "process") {
     const MessageAttribute* directory = m.find("workingdir");
     line += " process started" + (directory != nullptr ? " in " + directory->bytes : std::string());
+  } else if (m.kind == "addrinfo") {
+    const std::string ip = m.text("ip");
+    line += " resolved " + m.text("name") + " -> " + (ip.empty() ? "?" : normalIp(ip)) + " (" +
+            familyName(m.text("family")) + ")";
+  } else if (m.kind == "notrecorded") {
+    line += " " + (m.find("name") != nullptr ? m.text("name") : m.text("info")) + " was called (not recorded)";
   } else {
     line += " " + m.kind;
   }
