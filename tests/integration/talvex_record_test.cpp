@@ -820,6 +820,29 @@ TEST(TalvexRecord, TranscriptNamesErrorsWritesIpv6AsPeopleDoAndSaysItsTimeZone) 
   EXPECT_EQ(transcript.find("AF_CCITT"), std::string::npos);
 }
 
+// Calls one after another in one direction read as one block with their count; a call that is
+// not recorded, made again and again, as one name with its count.
+TEST(TalvexRecord, RepeatedCallsReadAsOneBlock) {
+  EchoServer echo;
+  TempDir tmp;
+  const ProcessResult r = record(
+      {"--transcript", tmp.file("t.txt")},
+      {"/usr/bin/python3", "-c",
+       "import socket, select\n"
+       "s = socket.create_connection(('127.0.0.1', " + std::to_string(echo.port()) + "))\n"
+       "for b in (b'a', b'b', b'c', b'd'): s.send(b)\n"
+       "for i in range(5): select.select([s], [], [], 5)\n"
+       "got = b''\n"
+       "while len(got) < 4: got += s.recv(1)\n"
+       "s.close()\n"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const std::string transcript = readFile(tmp.file("t.txt"));
+  EXPECT_EQ(linesContaining(transcript, " > sent 4 bytes in 4 calls").size(), 1u) << transcript;
+  EXPECT_NE(transcript.find(" > sent 4 bytes in 4 calls\n      abcd\n"), std::string::npos) << transcript;
+  EXPECT_EQ(linesContaining(transcript, " < received 4 bytes in 4 calls").size(), 1u) << transcript;
+  EXPECT_EQ(linesContaining(transcript, "calls seen but not recorded: select (5 times)").size(), 1u) << transcript;
+}
+
 TEST(TalvexRecord, LiveViewPrintsEachEventAsItHappens) {
   EchoServer echo;
   const ProcessResult r = record({"--live"}, {kRecordingProbePath, "vectors", std::to_string(echo.port())});

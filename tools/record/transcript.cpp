@@ -4,7 +4,10 @@
 #include <string.h>
 #include <time.h>
 
+#include <algorithm>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "address_text.h"
 #include "error_text.h"
@@ -43,6 +46,11 @@ std::string endpoint(const Peer& p) {
   if (p.ip.empty()) return "?";
   if (p.family == 10) return "[" + normalIp(p.ip) + "]:" + std::to_string(p.port);
   return p.ip + ":" + std::to_string(p.port);
+}
+
+// Whether `next` continues the block `first` began: the same direction, succeeded, with bytes.
+bool joinsBlock(const Event& first, const Event& next) {
+  return next.kind == first.kind && !next.failed && !next.endOfStream;
 }
 
 bool printable(const std::string& bytes) {
@@ -135,22 +143,32 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
         fputs("traffic of a socket whose opening was not seen", out);
       }
       fprintf(out, "  at %s\n", clock(c.openTimeNs).c_str());
-      for (const Event& e : c.events) {
+      for (size_t i = 0; i < c.events.size(); ++i) {
+        const Event& e = c.events[i];
         if (e.endOfStream) {
           fprintf(out, "   %s < end of stream\n", clock(e.timeNs).c_str());
           continue;
         }
+        // Sends, or receives, one after another with nothing between are one block: a program
+        // that reads a byte at a time (ssh does) would otherwise fill pages with one-byte blocks.
+        std::string data = e.data;
+        size_t calls = 1;
+        while (!e.failed && i + 1 < c.events.size() && joinsBlock(e, c.events[i + 1])) {
+          data += c.events[++i].data;
+          ++calls;
+        }
         const bool sent = e.kind == "send";
         fprintf(out, "   %s %s %s", clock(e.timeNs).c_str(), sent ? "> sent" : "< received",
-                counted(e.failed ? e.length : static_cast<int64_t>(e.data.size()), "byte", "bytes").c_str());
+                counted(e.failed ? e.length : static_cast<int64_t>(data.size()), "byte", "bytes").c_str());
+        if (calls > 1) fprintf(out, " in %zu calls", calls);
         if (e.failed) fprintf(out, " FAILED (%s)", errorText(e.error).c_str());
         fputs("\n", out);
-        if (e.data.empty()) continue;
-        if (options.full || e.data.size() <= options.abbreviate) {
-          payload(e.data, out);
+        if (data.empty()) continue;
+        if (options.full || data.size() <= options.abbreviate) {
+          payload(data, out);
         } else {
-          payload(e.data.substr(0, options.abbreviate), out);
-          fprintf(out, "      ... %zu more bytes (--full shows them)\n", e.data.size() - options.abbreviate);
+          payload(data.substr(0, options.abbreviate), out);
+          fprintf(out, "      ... %zu more bytes (--full shows them)\n", data.size() - options.abbreviate);
         }
       }
       if (c.closed) fprintf(out, "   %s close\n", clock(c.closeTimeNs).c_str());
@@ -158,8 +176,22 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
     fputs("\n", out);
   }
   if (!recording.notices.empty()) {
+    // Each name once, in the order first seen, with how often when more than once (a program
+    // that waits in select does so again and again).
+    std::vector<std::pair<std::string, int64_t>> seen;
+    for (const std::string& n : recording.notices) {
+      auto found = std::find_if(seen.begin(), seen.end(), [&](const auto& entry) { return entry.first == n; });
+      if (found == seen.end()) {
+        seen.emplace_back(n, 1);
+      } else {
+        ++found->second;
+      }
+    }
     fputs("calls seen but not recorded:", out);
-    for (const std::string& n : recording.notices) fprintf(out, " %s", n.c_str());
+    for (const auto& entry : seen) {
+      fprintf(out, " %s", entry.first.c_str());
+      if (entry.second > 1) fprintf(out, " (%lld times)", static_cast<long long>(entry.second));
+    }
     fputs("\n", out);
   }
   if (!options.note.empty()) fprintf(out, "%s\n", options.note.c_str());
