@@ -56,13 +56,44 @@ void watchGrace() {
   passOn(static_cast<pid_t>(childPid), SIGKILL);
 }
 
-}  // namespace
 
 bool commandGetsItsOwnGroup() {
   // Only the group in the terminal's foreground may read from it: an interactive command keeps
   // talvex-record's group, and with it the terminal.
   return !(isatty(STDIN_FILENO) && tcgetpgrp(STDIN_FILENO) == getpgrp());
 }
+
+// Whether a process of group `group` is still running. Its ended processes whose parent has
+// not reaped them yet (orphans wait for whatever adopts them) count as gone: kill() would still
+// find them.
+bool groupStillRuns(pid_t group) {
+  DIR* processes = opendir("/proc");
+  if (processes == nullptr) return kill(-group, 0) == 0;
+  bool running = false;
+  while (!running) {
+    const dirent* entry = readdir(processes);
+    if (entry == nullptr) break;
+    if (entry->d_name[0] < '1' || entry->d_name[0] > '9') continue;
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%s/stat", entry->d_name);
+    FILE* stat = fopen(path, "r");
+    if (stat == nullptr) continue;
+    char line[512];
+    const bool read = fgets(line, sizeof line, stat) != nullptr;
+    fclose(stat);
+    // "pid (name) state ppid pgrp ...": the name may hold anything, so fields count from the last ')'.
+    const char* close = read ? strrchr(line, ')') : nullptr;
+    char state = 0;
+    long parent = 0, processGroup = 0;
+    if (close != nullptr && sscanf(close + 1, " %c %ld %ld", &state, &parent, &processGroup) == 3) {
+      running = processGroup == group && state != 'Z' && state != 'X';
+    }
+  }
+  closedir(processes);
+  return running;
+}
+
+}  // namespace
 
 void installSignalForwarding(int graceSeconds) {
   ownGroup = commandGetsItsOwnGroup() ? 1 : 0;
@@ -97,36 +128,6 @@ void forwardSignalsTo(pid_t child) {
   }
 }
 
-// Whether a process of group `group` is still running. Its ended processes whose parent has
-// not reaped them yet (orphans wait for whatever adopts them) count as gone: kill() would still
-// find them.
-bool groupStillRuns(pid_t group) {
-  DIR* processes = opendir("/proc");
-  if (processes == nullptr) return kill(-group, 0) == 0;
-  bool running = false;
-  while (!running) {
-    const dirent* entry = readdir(processes);
-    if (entry == nullptr) break;
-    if (entry->d_name[0] < '1' || entry->d_name[0] > '9') continue;
-    char path[64];
-    snprintf(path, sizeof path, "/proc/%s/stat", entry->d_name);
-    FILE* stat = fopen(path, "r");
-    if (stat == nullptr) continue;
-    char line[512];
-    const bool read = fgets(line, sizeof line, stat) != nullptr;
-    fclose(stat);
-    // "pid (name) state ppid pgrp ...": the name may hold anything, so fields count from the last ')'.
-    const char* close = read ? strrchr(line, ')') : nullptr;
-    char state = 0;
-    long parent = 0, processGroup = 0;
-    if (close != nullptr && sscanf(close + 1, " %c %ld %ld", &state, &parent, &processGroup) == 3) {
-      running = processGroup == group && state != 'Z' && state != 'X';
-    }
-  }
-  closedir(processes);
-  return running;
-}
-
 void endWhatIsLeft(pid_t child) {
   // Without a signal, processes the command left running (daemons) are not talvex-record's to end.
   if (lastSignal == 0 || !ownGroup) return;
@@ -137,7 +138,5 @@ void endWhatIsLeft(pid_t child) {
   }
   kill(-child, SIGKILL);
 }
-
-int receivedSignal() { return lastSignal; }
 
 }  // namespace talvex

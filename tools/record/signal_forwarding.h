@@ -13,8 +13,6 @@ namespace talvex {
 
 // Installs the handlers and the grace watch; call before the command is started.
 void installSignalForwarding(int graceSeconds);
-// Whether the command gets a process group of its own (decided once, before it starts).
-bool commandGetsItsOwnGroup();
 // In the command's process, before it runs: its own group where it gets one, and the signals'
 // default actions back.
 void prepareCommandProcess();
@@ -23,7 +21,4 @@ void forwardSignalsTo(pid_t child);
 // After the command has ended: when it was sent a stop signal, what is left of its group when the
 // grace period is over is killed.
 void endWhatIsLeft(pid_t child);
-// The last such signal talvex-record received, or 0.
-int receivedSignal();
-
 }  // namespace talvex
