@@ -28,6 +28,15 @@ bool parseLevel(const std::string& text, std::string* out) {
   return true;
 }
 
+// A day at most: the bound keeps the arithmetic of the deadline far from overflowing.
+bool parseGraceSeconds(const std::string& text, int* seconds) {
+  char* end = nullptr;
+  const long parsed = strtol(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0' || parsed < 0 || parsed > 86400) return false;
+  *seconds = static_cast<int>(parsed);
+  return true;
+}
+
 ParseOutcome parseRecordOptions(int argc, char** argv, RecordOptions* o, std::string* error) {
   const std::map<std::string, std::string*> valued = {
       {"--transcript", &o->transcript}, {"--raw", &o->raw},       {"--jsonl", &o->jsonl},
@@ -77,14 +86,10 @@ ParseOutcome parseRecordOptions(int argc, char** argv, RecordOptions* o, std::st
     } else if (arg == "--grace") {
       std::string text;
       if (!value(&text)) return ParseOutcome::Error;
-      char* end = nullptr;
-      const long seconds = strtol(text.c_str(), &end, 10);
-      // A day at most: the bound keeps the arithmetic of the deadline far from overflowing.
-      if (text.empty() || *end != '\0' || seconds < 0 || seconds > 86400) {
+      if (!parseGraceSeconds(text, &o->graceSeconds)) {
         *error = "--grace needs a number of seconds from 0 to 86400";
         return ParseOutcome::Error;
       }
-      o->graceSeconds = static_cast<int>(seconds);
     } else if (arg == "--only" || arg == "--exclude") {
       if (!value(&spec)) return ParseOutcome::Error;
       std::string why;

@@ -26,5 +26,7 @@ ParseOutcome parseRecordOptions(int argc, char** argv, RecordOptions* options, s
 
 // A level as the agent reads it, from a number or names of kinds ("error,info").
 bool parseLevel(const std::string& text, std::string* mask);
+// The grace period of --grace: whole seconds from 0 to 86400. False for anything else.
+bool parseGraceSeconds(const std::string& text, int* seconds);
 
 }  // namespace talvex

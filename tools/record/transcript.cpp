@@ -99,6 +99,93 @@ void payload(const std::string& bytes, FILE* out) {
 
 }  // namespace
 
+namespace {
+
+// The sends and receives of one conversation, a block each.
+void writeEvents(const Conversation& c, const TranscriptOptions& options, FILE* out) {
+  for (size_t i = 0; i < c.events.size(); ++i) {
+    const Event& e = c.events[i];
+    if (e.endOfStream) {
+      fprintf(out, "   %s < end of stream\n", clock(e.timeNs).c_str());
+      continue;
+    }
+    // Sends, or receives, one after another with nothing between are one block: a program
+    // that reads a byte at a time (ssh does) would otherwise fill pages with one-byte blocks.
+    std::string data = e.data;
+    size_t calls = 1;
+    while (!e.failed && i + 1 < c.events.size() && joinsBlock(e, c.events[i + 1])) {
+      data += c.events[++i].data;
+      ++calls;
+    }
+    const bool sent = e.kind == "send";
+    fprintf(out, "   %s %s %s", clock(e.timeNs).c_str(), sent ? "> sent" : "< received",
+            counted(e.failed ? e.length : static_cast<int64_t>(data.size()), "byte", "bytes").c_str());
+    if (calls > 1) fprintf(out, " in %zu calls", calls);
+    if (e.failed) fprintf(out, " FAILED (%s)", errorText(e.error).c_str());
+    fputs("\n", out);
+    if (data.empty()) continue;
+    if (options.full || data.size() <= options.abbreviate) {
+      payload(data, out);
+    } else {
+      payload(data.substr(0, options.abbreviate), out);
+      fprintf(out, "      ... %zu more bytes (--full shows them)\n", data.size() - options.abbreviate);
+    }
+  }
+}
+
+// One conversation: how it opened, its events, its close.
+void writeConversation(const Conversation& c, const TranscriptOptions& options, FILE* out) {
+  fprintf(out, "\n-- socket %lld: ", static_cast<long long>(c.socket));
+  if (c.opening == "connect") {
+    fprintf(out, "connect %s -> %s", endpoint(c.local).c_str(), endpoint(c.remote).c_str());
+    if (c.failed) {
+      fprintf(out, " FAILED (%s)", errorText(c.error).c_str());
+    } else {
+      fprintf(out, " (%lld ms)", static_cast<long long>(c.durationMs));
+    }
+    if (c.loopback) {
+      fputs(c.hasSocksError ? " [to this process: direct, the SOCKS server was not used]" : " [to this process]", out);
+    } else if (c.hasSocksError && c.socksError != 0 && c.failed) {
+      fprintf(out, " [the SOCKS exchange failed: %s]", errorText(c.socksError).c_str());
+    } else if (c.hasSocksError && c.socksError != 0) {
+      fprintf(out, " [the SOCKS server was not used: it failed (%s), the connect went direct]",
+              errorText(c.socksError).c_str());
+    } else if (c.hasSocksError) {
+      fputs(" [via SOCKS]", out);
+    }
+  } else if (c.opening == "accept") {
+    fprintf(out, "accepted from %s", endpoint(c.remote).c_str());
+  } else {
+    fputs("traffic of a socket whose opening was not seen", out);
+  }
+  fprintf(out, "  at %s\n", clock(c.openTimeNs).c_str());
+  writeEvents(c, options, out);
+  if (c.closed) fprintf(out, "   %s close\n", clock(c.closeTimeNs).c_str());
+}
+
+// The calls seen but not recorded: each name once, in the order first seen, with how often when
+// more than once (a program that waits in select does so again and again).
+void writeNotices(const std::vector<std::string>& notices, FILE* out) {
+  if (notices.empty()) return;
+  std::vector<std::pair<std::string, int64_t>> seen;
+  for (const std::string& n : notices) {
+    auto found = std::find_if(seen.begin(), seen.end(), [&](const auto& entry) { return entry.first == n; });
+    if (found == seen.end()) {
+      seen.emplace_back(n, 1);
+    } else {
+      ++found->second;
+    }
+  }
+  fputs("calls seen but not recorded:", out);
+  for (const auto& entry : seen) {
+    fprintf(out, " %s", entry.first.c_str());
+    if (entry.second > 1) fprintf(out, " (%lld times)", static_cast<long long>(entry.second));
+  }
+  fputs("\n", out);
+}
+
+}  // namespace
+
 void writeTranscript(const Recording& recording, const TranscriptOptions& options, FILE* out) {
   for (size_t i = 0; i < recording.pids.size(); ++i) {
     const int64_t pid = recording.pids[i];
@@ -119,81 +206,11 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
     }
     for (const Conversation& c : recording.conversations) {
       if (c.pid != pid) continue;
-      fprintf(out, "\n-- socket %lld: ", static_cast<long long>(c.socket));
-      if (c.opening == "connect") {
-        fprintf(out, "connect %s -> %s", endpoint(c.local).c_str(), endpoint(c.remote).c_str());
-        if (c.failed) {
-          fprintf(out, " FAILED (%s)", errorText(c.error).c_str());
-        } else {
-          fprintf(out, " (%lld ms)", static_cast<long long>(c.durationMs));
-        }
-        if (c.loopback) {
-          fputs(c.hasSocksError ? " [to this process: direct, the SOCKS server was not used]" : " [to this process]", out);
-        } else if (c.hasSocksError && c.socksError != 0 && c.failed) {
-          fprintf(out, " [the SOCKS exchange failed: %s]", errorText(c.socksError).c_str());
-        } else if (c.hasSocksError && c.socksError != 0) {
-          fprintf(out, " [the SOCKS server was not used: it failed (%s), the connect went direct]",
-                  errorText(c.socksError).c_str());
-        } else if (c.hasSocksError) {
-          fputs(" [via SOCKS]", out);
-        }
-      } else if (c.opening == "accept") {
-        fprintf(out, "accepted from %s", endpoint(c.remote).c_str());
-      } else {
-        fputs("traffic of a socket whose opening was not seen", out);
-      }
-      fprintf(out, "  at %s\n", clock(c.openTimeNs).c_str());
-      for (size_t i = 0; i < c.events.size(); ++i) {
-        const Event& e = c.events[i];
-        if (e.endOfStream) {
-          fprintf(out, "   %s < end of stream\n", clock(e.timeNs).c_str());
-          continue;
-        }
-        // Sends, or receives, one after another with nothing between are one block: a program
-        // that reads a byte at a time (ssh does) would otherwise fill pages with one-byte blocks.
-        std::string data = e.data;
-        size_t calls = 1;
-        while (!e.failed && i + 1 < c.events.size() && joinsBlock(e, c.events[i + 1])) {
-          data += c.events[++i].data;
-          ++calls;
-        }
-        const bool sent = e.kind == "send";
-        fprintf(out, "   %s %s %s", clock(e.timeNs).c_str(), sent ? "> sent" : "< received",
-                counted(e.failed ? e.length : static_cast<int64_t>(data.size()), "byte", "bytes").c_str());
-        if (calls > 1) fprintf(out, " in %zu calls", calls);
-        if (e.failed) fprintf(out, " FAILED (%s)", errorText(e.error).c_str());
-        fputs("\n", out);
-        if (data.empty()) continue;
-        if (options.full || data.size() <= options.abbreviate) {
-          payload(data, out);
-        } else {
-          payload(data.substr(0, options.abbreviate), out);
-          fprintf(out, "      ... %zu more bytes (--full shows them)\n", data.size() - options.abbreviate);
-        }
-      }
-      if (c.closed) fprintf(out, "   %s close\n", clock(c.closeTimeNs).c_str());
+      writeConversation(c, options, out);
     }
     fputs("\n", out);
   }
-  if (!recording.notices.empty()) {
-    // Each name once, in the order first seen, with how often when more than once (a program
-    // that waits in select does so again and again).
-    std::vector<std::pair<std::string, int64_t>> seen;
-    for (const std::string& n : recording.notices) {
-      auto found = std::find_if(seen.begin(), seen.end(), [&](const auto& entry) { return entry.first == n; });
-      if (found == seen.end()) {
-        seen.emplace_back(n, 1);
-      } else {
-        ++found->second;
-      }
-    }
-    fputs("calls seen but not recorded:", out);
-    for (const auto& entry : seen) {
-      fprintf(out, " %s", entry.first.c_str());
-      if (entry.second > 1) fprintf(out, " (%lld times)", static_cast<long long>(entry.second));
-    }
-    fputs("\n", out);
-  }
+  writeNotices(recording.notices, out);
   if (!options.note.empty()) fprintf(out, "%s\n", options.note.c_str());
   Totals totals;
   totals.sockets = static_cast<int64_t>(recording.conversations.size());
