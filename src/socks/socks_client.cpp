@@ -126,21 +126,15 @@ int socksHandShake(int socket, int* socksError, unsigned short family) {
   return socksHandShake(socket, socksError, family, socksDeadline());
 }
 
-namespace {
-
-// A connect the kernel goes on with after the agent gave up on it would connect the host's socket
-// to the SOCKS server behind the host's back, and the direct connect that follows would then
-// "succeed" there. Connecting to AF_UNSPEC dissolves it.
-void abandonPendingConnect(int socket) {
+int dissolveConnection(int socket) {
   const int saved = errno;
   sockaddr unspecified;
   memset(&unspecified, 0, sizeof unspecified);
   unspecified.sa_family = AF_UNSPEC;
-  True_connect(socket, &unspecified, sizeof unspecified);
+  const int code = True_connect(socket, &unspecified, sizeof unspecified) == 0 ? 0 : errno;
   errno = saved;
+  return code;
 }
-
-}  // namespace
 
 int socksHandShake(int socket, int* socksError, unsigned short family, int64_t deadline) {
   if (!socksModeActive) return 0;
@@ -203,7 +197,10 @@ int socksHandShake(int socket, int* socksError, unsigned short family, int64_t d
     }
     // The blocking connect ran into the send time-out: the time for the exchange is used up.
     // Waiting on (a plain sleep, as this used to) would only hold the host up for nothing.
-    abandonPendingConnect(socket);
+    // A connect the kernel goes on with after the agent gave up on it would connect the host's
+    // socket to the SOCKS server behind the host's back, and the direct connect that follows
+    // would then "succeed" there.
+    dissolveConnection(socket);
     x_disp(DMK_ERROR, "connect() timeout expired (%d)", 0);
     *socksError = ETIMEDOUT;
     errno = ECONNREFUSED;

@@ -22,3 +22,6 @@ bool receiveSomeData(int socket, unsigned char* buffer, int length, int* socksEr
 // The CONNECT request for `destination` and the server's reply. 1: the server connected;
 // 3: the exchange failed; 4: the server refused with a reply code.
 int socksRequest(int socket, const sockaddr* destination, int* socksError, int64_t deadline);
+// Dissolves whatever connection `socket` has or is making (a connect to AF_UNSPEC), so that it can
+// be connected again. 0, or the error that stopped it; errno is kept.
+int dissolveConnection(int socket);

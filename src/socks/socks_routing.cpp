@@ -16,6 +16,7 @@
 #include "real/real_functions.h"
 #include "registry/socket_registry.h"
 #include "socks/local_addresses.h"
+#include "socks/socks_client.h"
 #include "socks/socks_exchange.h"
 
 // The first fcntl of each ABI: the agent loads on C libraries older than the one it is built on.
@@ -153,10 +154,8 @@ int checkSocksStatus(int socket, int status, bool* toReconnect, int* loopback, i
 
 bool releaseFromSocksServer(int socket) {
   const int savedErrno = errno;
-  sockaddr unspecified;
-  memset(&unspecified, 0, sizeof unspecified);
-  unspecified.sa_family = AF_UNSPEC;
-  bool released = True_connect(socket, &unspecified, sizeof unspecified) == 0;
+  const int code = dissolveConnection(socket);
+  bool released = code == 0;
   if (released) {
     // Dissolving leaves a reset pending on the socket, which the program's next call would
     // report; a refused connect leaves none, and a refusal is what the program is told.
@@ -164,7 +163,6 @@ bool releaseFromSocksServer(int socket) {
     socklen_t size = sizeof pending;
     True_getsockopt(socket, SOL_SOCKET, SO_ERROR, &pending, &size);
   } else {
-    const int code = errno;
     x_disp(DMK_ERROR, "cannot dissolve the connection to the socks server : %d %s : %s: the socket is renewed", code,
            getSocketErrorKind(code), getSocketErrorMsg(code));
     released = renewSocket(socket);
