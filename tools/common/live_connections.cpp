@@ -1,14 +1,9 @@
 #include "live_connections.h"
 
 #include "address_text.h"
+#include "connect_outcome.h"
 
 namespace talvex {
-
-namespace {
-
-const int64_t kInProgress = 115;
-
-}  // namespace
 
 LiveConnections::Seen LiveConnections::observe(const ParsedMessage& m) {
   Seen seen;
@@ -18,7 +13,7 @@ LiveConnections::Seen LiveConnections::observe(const ParsedMessage& m) {
     LiveConnection c;
     c.id = nextId_++;
     c.connected = m.kind == "connect";
-    c.failed = c.connected && m.find("error") != nullptr && m.integer("error") != kInProgress;
+    c.failed = c.connected && connectFailed(m);
     c.ends.family = familyName(m.text("family"));
     c.ends.remoteIp = normalIp(m.text("ip"));
     c.ends.remotePort = static_cast<int>(m.integer("port"));

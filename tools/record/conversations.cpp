@@ -4,13 +4,12 @@
 #include <map>
 
 #include "address_text.h"
+#include "connect_outcome.h"
 #include "recorder_message_parser.h"
 
 namespace talvex {
 
 namespace {
-
-const int64_t kInProgress = 115;
 
 int familyNumber(const std::string& name) {
   if (name == "AF_INET") return 2;
@@ -79,7 +78,7 @@ Recording buildRecording(std::vector<ParsedMessage> shown, size_t malformed) {
         c.loopback = m.integer("loopback") != 0;
         c.hasSocksError = m.find("sockserror") != nullptr;
         c.socksError = m.integer("sockserror");
-        if (m.find("error") != nullptr && m.integer("error") != kInProgress) {
+        if (connectFailed(m)) {
           c.failed = true;
           c.error = m.integer("error");
           ++recording.failures;

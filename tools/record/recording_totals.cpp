@@ -1,12 +1,8 @@
 #include "recording_totals.h"
 
+#include "connect_outcome.h"
+
 namespace talvex {
-
-namespace {
-
-const int64_t kInProgress = 115;
-
-}  // namespace
 
 std::string counted(int64_t n, const char* one, const char* many) {
   return std::to_string(n) + " " + (n == 1 ? one : many);
@@ -29,7 +25,7 @@ void RecordingTotals::add(const ParsedMessage& m) {
   if (m.kind == "connect" || m.kind == "accept") {
     ++totals_.sockets;
     open_.insert(key);
-    if (m.kind == "connect" && m.find("error") != nullptr && m.integer("error") != kInProgress) ++totals_.failures;
+    if (m.kind == "connect" && connectFailed(m)) ++totals_.failures;
   } else if (m.kind == "send" || m.kind == "receive") {
     if (open_.insert(key).second) ++totals_.sockets;
     if (m.find("error") != nullptr) {

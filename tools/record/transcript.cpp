@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "address_text.h"
+#include "connect_outcome.h"
 #include "error_text.h"
 #include "recorder_message_parser.h"
 #include "recording_totals.h"
@@ -267,7 +268,7 @@ void writeLiveEvent(const ParsedMessage& m, const LiveConnection* connection, FI
   } else {
     line += " " + m.kind;
   }
-  if (error != nullptr && (m.kind != "connect" || error->integer != 115)) line += " FAILED (" + errorText(error->integer) + ")";
+  if (error != nullptr && (m.kind != "connect" || connectFailed(m))) line += " FAILED (" + errorText(error->integer) + ")";
   fprintf(out, "%s\n", line.c_str());
   fflush(out);
 }
