@@ -30,13 +30,18 @@ void passOn(pid_t child, int number) {
   kill(ownGroup ? -child : child, number);
 }
 
+// Passes a stop signal on and starts the grace period (async-signal-safe: kill and write).
+void passOnStop(pid_t child, int number) {
+  passOn(child, number);
+  const char byte = 0;
+  if (graceWrite >= 0) (void)!write(graceWrite, &byte, 1);
+}
+
 void forward(int number, siginfo_t* information, void*) {
   lastSignal = number;
   if (information != nullptr && information->si_code == SI_KERNEL) return;  // the terminal's
   if (childPid > 0) {
-    passOn(static_cast<pid_t>(childPid), number);
-    const char byte = 0;
-    if (graceWrite >= 0) (void)!write(graceWrite, &byte, 1);
+    passOnStop(static_cast<pid_t>(childPid), number);
   } else {
     pendingSignal = number;
   }
@@ -121,11 +126,7 @@ void forwardSignalsTo(pid_t child) {
   // Set from both sides, so that a signal passed on at once finds the group made.
   if (ownGroup) setpgid(child, child);
   childPid = child;
-  if (pendingSignal != 0) {
-    passOn(child, pendingSignal);
-    const char byte = 0;
-    if (graceWrite >= 0) (void)!write(graceWrite, &byte, 1);
-  }
+  if (pendingSignal != 0) passOnStop(child, pendingSignal);
 }
 
 void endWhatIsLeft(pid_t child) {
