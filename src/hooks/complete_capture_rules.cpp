@@ -7,6 +7,8 @@
 #include "base/process_identity.h"
 #include "config/complete_capture.h"
 #include "hooks/handler_support.h"
+#include "hooks/socket_identity.h"
+#include "hooks/unrecorded_sockets.h"
 #include "message/address_attributes.h"
 #include "message/recorder_message.h"
 #include "real/real_functions.h"
@@ -42,6 +44,13 @@ unsigned ipFamily(unsigned fd) {
   return domain == AF_INET || domain == AF_INET6 ? static_cast<unsigned>(domain) : 0;
 }
 
+// A socket of a kind whose traffic is not recorded, met for the first time.
+void noticeIfSocket(unsigned fd) {
+  int domain = 0;
+  int type = 0;
+  if (socketOption(fd, SO_DOMAIN, &domain) && socketOption(fd, SO_TYPE, &type)) noticeUnrecordedDescriptor(fd, domain, type);
+}
+
 // Tells the recorder of a socket met first in its traffic, as an accept of unknown listener.
 void announceAdopted(unsigned fd, const sockaddr_storage& peer) {
   const CallStart start = beginCall();
@@ -52,6 +61,7 @@ void announceAdopted(unsigned fd, const sockaddr_storage& peer) {
   message.setInt(RMA_TICKET, start.ticket);
   message.setInt64(RMA_SOCKET, static_cast<int64_t>(fd));
   message.set(RMA_INFO, "ADOPTED", 0);
+  addSocketIdentity(message, static_cast<int>(fd), true);
   fillMsgWithName(&message, reinterpret_cast<const sockaddr*>(&peer));
   sendToRecorder(message);
 }
@@ -65,6 +75,7 @@ SOCKETINFO* adopt(unsigned fd) {
   if (family == 0 || !socketOption(fd, SO_TYPE, &type) || type != SOCK_STREAM ||
       !socketOption(fd, SO_PROTOCOL, &protocol) || protocol != IPPROTO_TCP) {
     mark(fd);
+    noticeIfSocket(fd);
   } else {
     sockaddr_storage peer = {};
     socklen_t length = sizeof peer;

@@ -8,8 +8,10 @@
 #include "config/socks_config.h"
 #include "diag/debug_log.h"
 #include "hooks/complete_capture_rules.h"
+#include "hooks/connect_outcome_report.h"
 #include "hooks/handler_support.h"
 #include "hooks/handlers.h"
+#include "hooks/socket_identity.h"
 #include "message/address_attributes.h"
 #include "message/recorder_message.h"
 #include "real/capture_real_functions.h"
@@ -174,6 +176,7 @@ int acceptConnection(int socket, sockaddr* address, socklen_t* length, AcceptCal
     setTimeAndIdentity(message, start, true);
     message.setInt64(RMA_FROM, socket);
     message.setInt64(RMA_SOCKET, result);
+    addSocketIdentity(message, result, true);
     fillMsgWithName(&message, reinterpret_cast<sockaddr*>(&peer));
     sendToRecorder(message);
     createMemoAcceptedSocket(listener);
@@ -240,12 +243,14 @@ int Myconnect(int socket, const sockaddr* address, socklen_t length) {
     if (socksStatus != SOCKS_TARGET_REFUSED && socksModeActive) message.set(RMA_SOCKSERROR, socksError);
     setTimeAndIdentity(message, start, false);
     message.setInt64(RMA_SOCKET, socket);
+    addSocketIdentity(message, socket, false);
     message.setInt(RMA_DURATION, static_cast<int>(end - start.stamp));
     if (durationNs != -1) message.set(RMA_DURATION_NS, durationNs);
     message.set(RMA_RETURN, result);
     fillMsgWithName(&message, destinationAddress);
     message.set(RMA_ERROR, socksStatus == SOCKS_TARGET_REFUSED ? socksError : error);
     sendToRecorder(message);
+    noteConnectResult(record, result, error);
   }
   restoreErrorCode(error);
   return result;

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include "hooks/handler_support.h"
+#include "hooks/unrecorded_sockets.h"
 #include "real/real_functions.h"
 #include "registry/recording_decision.h"
 #include "socks/socks_routing.h"
@@ -34,6 +35,7 @@ void recordOrSayWhyNot(SOCKETINFO* record, const char* name, int cpt, unsigned f
     recordIt();
   } else {
     logNotRecorded(record, name, cpt, fd, reason);
+    noticeUnrecordedSocket(record, fd, reason);
   }
   restoreErrorCode(error);
 }

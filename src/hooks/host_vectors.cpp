@@ -1,17 +1,17 @@
 #include "hooks/host_vectors.h"
 
-#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "hooks/host_memory.h"
 
 HostVectors::HostVectors(const msghdr* header, ssize_t moved)
-    : list_(onStack_), count_(0), valid_(false), requested_(0), readable_(0) {
+    : list_(onStack_), count_(0), valid_(false), hostListNull_(false), requested_(0), readable_(0) {
   msghdr copy;
   const bool proven = moved >= 0;
   if (header == nullptr || copyHostBytes(&copy, header, sizeof copy, proven ? sizeof copy : 0) < sizeof copy) return;
-  if (copy.msg_iovlen > IOV_MAX || (copy.msg_iov == nullptr && copy.msg_iovlen != 0)) return;
+  if (copy.msg_iovlen > kLargestVectorList || (copy.msg_iov == nullptr && copy.msg_iovlen != 0)) return;
+  hostListNull_ = copy.msg_iov == nullptr;
   const size_t count = copy.msg_iovlen;
   if (count > static_cast<size_t>(kOnStack)) {
     list_ = static_cast<iovec*>(malloc(count * sizeof(iovec)));

@@ -17,10 +17,11 @@ class HostVectors {
   HostVectors(const HostVectors&) = delete;
   HostVectors& operator=(const HostVectors&) = delete;
 
-  // False when the header or its vector list could not be read, or holds more vectors than the
-  // C library accepts.
+  // False when the header or its vector list could not be read, or holds more than
+  // kLargestVectorList vectors.
   bool valid() const { return valid_; }
-  const iovec* list() const { return list_; }
+  // Null when the host gave no vector list: its message then has no data at all.
+  const iovec* list() const { return hostListNull_ ? nullptr : list_; }
   int count() const { return count_; }
   // The lengths the host gave, added up (what it asked to move).
   uint64_t requested() const { return requested_; }
@@ -28,11 +29,16 @@ class HostVectors {
   uint64_t readable() const { return readable_; }
 
  private:
+  // More vectors than the kernel takes (IOV_MAX) are still read, so that a send it refused with
+  // EMSGSIZE is recorded with what was asked; past this bound, the list (16 bytes a vector) is
+  // not copied at all.
+  static const size_t kLargestVectorList = 65536;
   static const int kOnStack = 16;
   iovec onStack_[kOnStack];
   iovec* list_;
   int count_;
   bool valid_;
+  bool hostListNull_;
   uint64_t requested_;
   uint64_t readable_;
 };

@@ -5,8 +5,11 @@
 
 #include "base/name_tables.h"
 #include "diag/debug_log.h"
+#include "hooks/connect_outcome_report.h"
 #include "hooks/handler_support.h"
 #include "hooks/handlers.h"
+#include "hooks/resolution_details.h"
+#include "message/process_attribution.h"
 #include "message/recorder_message.h"
 #include "real/real_functions.h"
 #include "registry/socket_registry.h"
@@ -20,6 +23,7 @@ void resolutionHead(RecorderMessage& message, const CallStart& start) {
   if (start.stampNs != -1) message.set(RMA_TIMESTAMP_NS, start.stampNs);
   message.set(RMA_TIMESTAMP, start.stamp);
   message.setInt(RMA_TICKET, start.ticket);
+  attributeToProcess(message);
 }
 
 }  // namespace
@@ -35,6 +39,7 @@ int Mygetaddrinfo(const char* node, const char* service, const addrinfo* hints, 
   if (status != 0) {
     x_disp(DMK_WARNING, "[%d]getaddrinfo (ERROR : %d %s : %s) nodename : %s\t servname %s", start.cpt, status,
            getSocketErrorKind(error), getSocketErrorMsg(error), orNull(node), orNull(service));
+    recordFailedResolution(start, node != nullptr ? node : service, status);
     restoreErrorCode(error);
     return status;
   }
@@ -51,6 +56,7 @@ int Mygetaddrinfo(const char* node, const char* service, const addrinfo* hints, 
     if (entry->ai_family == AF_INET && first->ai_addr != nullptr) {
       message.set(RMA_IP, True_inet_ntoa(reinterpret_cast<const sockaddr_in*>(first->ai_addr)->sin_addr), 0);
     }
+    addEntryAddress(message, entry);
     sendToRecorder(message);
   }
   restoreErrorCode(error);
@@ -191,6 +197,7 @@ int Mygetsockopt(int socket, int level, int name, void* value, socklen_t* length
   s_disp(fd, DMK_CALL, "getsockopt socket : %lx", static_cast<unsigned long>(fd));
   const int result = True_getsockopt(socket, level, name, value, length);
   const int error = readErrorCode();
+  reportConnectOutcome(socket, level, name, value, length, result);
   if (result != 0) {
     s_disp(fd, DMK_ERROR, "getsockopt ERROR ");
   } else {

@@ -23,6 +23,21 @@ void formatIpv6Groups(const unsigned char bytes[16], char* out, unsigned size) {
   }
 }
 
+bool formatAddressText(const sockaddr* address, char* out, unsigned size) {
+  if (size == 0) return false;
+  out[0] = '\0';
+  if (address->sa_family == AF_INET) {
+    const unsigned char* b = reinterpret_cast<const unsigned char*>(&reinterpret_cast<const sockaddr_in*>(address)->sin_addr);
+    snprintf(out, size, "%u.%u.%u.%u", b[0], b[1], b[2], b[3]);
+    return true;
+  }
+  if (address->sa_family == AF_INET6) {
+    formatIpv6Groups(reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr.s6_addr, out, size);
+    return true;
+  }
+  return false;
+}
+
 void fillMsgWithName(RecorderMessage* message, const sockaddr* address) {
   if (!socketInitialized) initializeSocketPointers();
   if (address == nullptr) {

@@ -131,7 +131,7 @@ void PrintBuffer::append(uint8_t value) { appendDigits(value, 2); }
 
 void PrintBuffer::startData(RecorderMessageAttribute attribute, RecorderMessageAttributeType type) {
   append(" ", 1);
-  append(MARKER_RMA[attribute], 0);
+  append(attributeName(attribute), 0);
   append("_", 1);
   append(MARKER_RMAT[type], 2);
   append("=\"", 2);

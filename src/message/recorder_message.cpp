@@ -9,7 +9,7 @@
 RecorderMessage::RecorderMessage(RecorderMessageKind kind, int32_t sequence)
     : sequence_(sequence), return_(0), error_(0) {
   buffer_.append("<", 1);
-  buffer_.append(MARKER_RMT[kind], 0);
+  buffer_.append(kindName(kind), 0);
 }
 
 // "return" is only kept; "error" is kept and written only after a return value of -1; anything

@@ -12,3 +12,21 @@ const char* const MARKER_RMA[24] = {"commandline", "workingdir", "data",        
                                     "localport",   "sockserror", "loopback",    "archi"};
 
 const char HexaTable[17] = "0123456789abcdef";
+
+namespace {
+
+// Kept apart from the tables above, whose sizes every consumer of the vocabulary knows.
+const char* const kExtensionKinds[] = {"connectoutcome"};
+const char* const kExtensionAttributes[] = {"inode", "localip", "address", "gaierror", "kind"};
+
+}  // namespace
+
+const char* kindName(RecorderMessageKind kind) {
+  if (kind < RMT_CONNECTOUTCOME) return MARKER_RMT[kind];
+  return kExtensionKinds[kind - RMT_CONNECTOUTCOME];
+}
+
+const char* attributeName(RecorderMessageAttribute attribute) {
+  if (attribute < RMA_INODE) return MARKER_RMA[attribute];
+  return kExtensionAttributes[attribute - RMA_INODE];
+}

@@ -13,6 +13,8 @@ enum RecorderMessageKind {
   RMT_EXIT = 8,
   RMT_DEBUG = 9,
   RMT_NOTRECORDED = 10,
+  // Kinds that only extensions send (extension_vocabulary.h names them).
+  RMT_CONNECTOUTCOME = 11,
 };
 
 enum RecorderMessageAttributeType {
@@ -48,9 +50,19 @@ enum RecorderMessageAttribute {
   RMA_SOCKSERROR = 21,
   RMA_LOOPBACK = 22,
   RMA_ARCHI = 23,
+  // Attributes that only extensions set (extension_vocabulary.h names them).
+  RMA_INODE = 24,
+  RMA_LOCALIP = 25,
+  RMA_ADDRESS = 26,
+  RMA_GAIERROR = 27,
+  RMA_KIND = 28,
 };
 
 extern const char* const MARKER_RMT[11];
 extern const char* const MARKER_RMAT[5];
 extern const char* const MARKER_RMA[24];
 extern const char HexaTable[17];
+
+// The name of a kind or an attribute, the extensions' own included.
+const char* kindName(RecorderMessageKind kind);
+const char* attributeName(RecorderMessageAttribute attribute);

@@ -170,6 +170,8 @@ SOCKETINFO* createSocketInfo(unsigned socket, unsigned family, unsigned type, in
   record->cookie = socketCookie(socket, &error);
   StartCriticalSectionBase(&criticalSectionSocketInfoData);
   record->type = type;
+  // A record handed out again starts with none of the extensions' marks of its former socket.
+  takeFlag(record, SIF_CONNECTING | SIF_NOTICED);
   if (nonBlocking & 1) {
     setFlag(record, SIF_NONBLOCKING);
   } else {
@@ -277,6 +279,12 @@ int isSocketRerouted(SOCKETINFO* record) { return record != nullptr && hasFlag(r
 int isNonBlockingSocket(SOCKETINFO* record) {
   return record != nullptr && hasFlag(record, SIF_NONBLOCKING) ? 1 : 0;
 }
+
+int markSocket(SOCKETINFO* record, SocketInfoFlag flag) {
+  if (record == nullptr) return 0;
+  return (__atomic_fetch_or(&record->flags, static_cast<uint8_t>(flag), __ATOMIC_ACQ_REL) & flag) == 0 ? 1 : 0;
+}
+int takeSocketMark(SOCKETINFO* record, SocketInfoFlag flag) { return record != nullptr ? takeFlag(record, flag) : 0; }
 
 int removeSockaddrElem(SOCKETINFO* record) { return record != nullptr ? takeFlag(record, SIF_REROUTED) : 0; }
 

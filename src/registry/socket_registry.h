@@ -13,6 +13,9 @@ enum SocketInfoFlag : uint8_t {
   SIF_REROUTED = 1u << 2,
   SIF_LOCKED = 1u << 3,
   SIF_NONBLOCKING = 1u << 4,
+  // Kept for extensions: a connect still in progress, a socket already reported as not recorded.
+  SIF_CONNECTING = 1u << 5,
+  SIF_NOTICED = 1u << 6,
 };
 
 struct SOCKETINFO {
@@ -60,6 +63,11 @@ int isOpenedSocket(SOCKETINFO* record);
 int isAcceptedSocket(SOCKETINFO* record);
 int isSocketRerouted(SOCKETINFO* record);
 int isNonBlockingSocket(SOCKETINFO* record);
+// An extension's bit of the record (SIF_CONNECTING, SIF_NOTICED): set, with whether it was clear
+// before (so that of threads racing to set it one alone acts), or cleared with whether it was set.
+// A null record has no bit.
+int markSocket(SOCKETINFO* record, SocketInfoFlag flag);
+int takeSocketMark(SOCKETINFO* record, SocketInfoFlag flag);
 int removeSockaddrElem(SOCKETINFO* record);
 pthread_mutex_t* createMemoLockedSocket(SOCKETINFO* record);
 pthread_mutex_t* freeMemoLockedSocket(SOCKETINFO* record);

@@ -1,6 +1,7 @@
 #include "startup/agent_startup.h"
 #include "base/symbol_versions.h"
 #include "config/complete_capture.h"
+#include "config/extension_switches.h"
 #include "transport/persistent_channel.h"
 
 #include <arpa/inet.h>
@@ -109,6 +110,7 @@ void initializeSocketPointers() {
   doubleLogSocks = getenv(kDoubleLogSocksVariable) != nullptr;
   readFollowForks();
   readCompleteCapture();
+  readExtensionSwitches();
   readPersistentChannel();
   readRecorderSocket();
   readSharedRing();

@@ -16,6 +16,7 @@
 #include "base/process_identity.h"
 #include "base/time_base.h"
 #include "diag/debug_log.h"
+#include "message/process_attribution.h"
 #include "real/real_functions.h"
 #include "transport/transport_choice.h"
 
@@ -188,6 +189,7 @@ void sendNotice(RecorderMessageAttribute attribute, const char* text) {
   if (stampNs != -1) message.set(RMA_TIMESTAMP_NS, stampNs);
   message.set(RMA_TIMESTAMP, stamp);
   message.set(RMA_TICKET, ticket);
+  attributeToProcess(message);
   message.set(attribute, text != nullptr ? text : "???", 0);
   sendToRecorder(message);
 }

@@ -8,6 +8,7 @@
 #include "base/time_base.h"
 #include "base/variable_names.h"
 #include "diag/debug_log.h"
+#include "message/command_line.h"
 #include "message/recorder_message.h"
 #include "transport/agent_interface.h"
 
@@ -37,6 +38,7 @@ RecorderMessage* buildProcessMessage() {
   free(workingDirectory);
   message->set(RMA_PID, static_cast<int>(getpid()));
   message->set(RMA_ARCHI, "LINUX", 0);
+  addCommandLine(*message);
   return message;
 }
 

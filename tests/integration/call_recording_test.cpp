@@ -407,3 +407,29 @@ INSTANTIATE_TEST_SUITE_P(
       std::replace(name.begin(), name.end(), '-', '_');
       return name;
     });
+
+TEST(CallRecording, SendmsgWithMoreVectorsThanTheKernelTakesRecordsThemAll) {
+  EchoServer echo;
+  const Recording r = recordRun({kRecordingProbePath, "many-vectors", std::to_string(echo.port())});
+  ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
+  EXPECT_NE(r.run.out.find("sendmsg result=-1 errno=90"), std::string::npos) << r.run.out;
+  ASSERT_EQ(r.kinds(), (Names{"connect", "send", "close"}));
+  std::string expected;
+  for (int i = 0; i < 1025; ++i) expected += static_cast<char>('a' + i % 26);
+  EXPECT_EQ(r.messages[1].find("data")->bytes, expected);
+  EXPECT_EQ(valueOf(r.messages[1], "length"), "401");
+  EXPECT_EQ(valueOf(r.messages[1], "error"), "5a");
+}
+
+TEST(CallRecording, MessageHeaderWithoutVectorsHasNoData) {
+  EchoServer echo;
+  const Recording r = recordRun({kRecordingProbePath, "no-vectors", std::to_string(echo.port())});
+  ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
+  EXPECT_NE(r.run.out.find("sendmsg result=0 errno=0"), std::string::npos) << r.run.out;
+  EXPECT_NE(r.run.out.find("recvmsg result=0 errno=0"), std::string::npos) << r.run.out;
+  ASSERT_EQ(r.kinds(), (Names{"connect", "send", "send", "receive", "close"}));
+  EXPECT_EQ(attributeNames(r.messages[1]), (Names{"timestamp", "ticket", "socket", "pid", "length"}));
+  EXPECT_EQ(valueOf(r.messages[1], "length"), "0");
+  EXPECT_EQ(attributeNames(r.messages[3]), (Names{"pid", "timestamp", "ticket", "socket", "length"}));
+  EXPECT_EQ(valueOf(r.messages[3], "length"), "0");
+}

@@ -681,6 +681,91 @@ static int scenarioPaced(int port, int rounds, int pauseMs) {
   return 0;
 }
 
+/* More vectors than the kernel takes: it refuses the send with EMSGSIZE. */
+static int scenarioManyVectors(int port) {
+  int s = connected(port);
+  enum { kVectors = 1025 };
+  static char bytes[kVectors];
+  static struct iovec vectors[kVectors];
+  for (int i = 0; i < kVectors; ++i) {
+    bytes[i] = (char)('a' + i % 26);
+    vectors[i].iov_base = &bytes[i];
+    vectors[i].iov_len = 1;
+  }
+  struct msghdr message;
+  memset(&message, 0, sizeof message);
+  message.msg_iov = vectors;
+  message.msg_iovlen = kVectors;
+  report("sendmsg", sendmsg(s, &message, 0));
+  report("close", close(s));
+  return 0;
+}
+
+/* A message header with no vector array at all, sent and received. */
+static int scenarioNoVectors(int port) {
+  int s = connected(port);
+  struct msghdr message;
+  memset(&message, 0, sizeof message);
+  report("sendmsg", sendmsg(s, &message, 0));
+  /* With bytes waiting, a receive into no vectors takes none of them and returns 0. */
+  report("send", send(s, "x", 1, 0));
+  struct pollfd p = {s, POLLIN, 0};
+  poll(&p, 1, 5000);
+  report("recvmsg", recvmsg(s, &message, MSG_DONTWAIT));
+  report("close", close(s));
+  return 0;
+}
+
+/* A non-blocking connect whose outcome the program learns from SO_ERROR after a poll. */
+static int scenarioConnectOutcome(int port) {
+  int s = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+  printf("socket %d\n", s);
+  struct sockaddr_in a = loopback(port);
+  report("connect", connect(s, (struct sockaddr*)&a, sizeof a));
+  struct pollfd p = {s, POLLOUT, 0};
+  poll(&p, 1, 5000);
+  int pending = -1;
+  socklen_t length = sizeof pending;
+  report("getsockopt", getsockopt(s, SOL_SOCKET, SO_ERROR, &pending, &length));
+  printf("so_error %d\n", pending);
+  /* Asked again, the answer is the same; the outcome was told once. */
+  report("getsockopt", getsockopt(s, SOL_SOCKET, SO_ERROR, &pending, &length));
+  report("close", close(s));
+  return 0;
+}
+
+/* One connection through two descriptors: the original and its copy. */
+static int scenarioDuplicate(int port) {
+  int s = connected(port);
+  report("send", send(s, "one", 3, 0));
+  int copy = dup(s);
+  printf("copy %d\n", copy);
+  report("send", send(copy, "two", 3, 0));
+  char back[6];
+  report("echo", readFully(copy, back, sizeof back));
+  report("close", close(copy));
+  report("close", close(s));
+  return 0;
+}
+
+/* A datagram and a socketpair: traffic the recording does not hold. */
+static int scenarioUnrecordedSockets(int port) {
+  int u = socket(AF_INET, SOCK_DGRAM, 0);
+  struct sockaddr_in a = loopback(port);
+  report("sendto", sendto(u, "x", 1, 0, (struct sockaddr*)&a, sizeof a));
+  int pair[2];
+  report("socketpair", socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
+  report("write", write(pair[0], "hello", 5));
+  char buffer[8];
+  report("read", read(pair[1], buffer, sizeof buffer));
+  report("write", write(pair[0], "again", 5));
+  report("read", read(pair[1], buffer, sizeof buffer));
+  close(pair[0]);
+  close(pair[1]);
+  close(u);
+  return 0;
+}
+
 int main(int argc, char** argv) {
   setvbuf(stdout, NULL, _IONBF, 0);
   const char* s = argc >= 2 ? argv[1] : "";
@@ -691,6 +776,11 @@ int main(int argc, char** argv) {
   if (strcmp(s, "recv-eagain") == 0 && argc >= 3) return scenarioRecvEagain(atoi(argv[2]));
   if (strcmp(s, "recv-zero") == 0 && argc >= 3) return scenarioRecvZero(atoi(argv[2]));
   if (strcmp(s, "vectors") == 0 && argc >= 3) return scenarioVectors(atoi(argv[2]));
+  if (strcmp(s, "many-vectors") == 0 && argc >= 3) return scenarioManyVectors(atoi(argv[2]));
+  if (strcmp(s, "no-vectors") == 0 && argc >= 3) return scenarioNoVectors(atoi(argv[2]));
+  if (strcmp(s, "connect-outcome") == 0 && argc >= 3) return scenarioConnectOutcome(atoi(argv[2]));
+  if (strcmp(s, "duplicate") == 0 && argc >= 3) return scenarioDuplicate(atoi(argv[2]));
+  if (strcmp(s, "unrecorded-sockets") == 0 && argc >= 3) return scenarioUnrecordedSockets(atoi(argv[2]));
   if (strcmp(s, "bytes") == 0 && argc >= 4) return scenarioBytes(atoi(argv[2]), atol(argv[3]));
   if (strcmp(s, "big-vectors") == 0 && argc >= 3) return scenarioBigVectors(atoi(argv[2]));
   if (strcmp(s, "unix") == 0 && argc >= 3) return scenarioUnix(argv[2]);

@@ -1,0 +1,49 @@
+#include "hooks/unrecorded_sockets.h"
+
+#include <sys/socket.h>
+
+#include "base/name_tables.h"
+#include "base/process_identity.h"
+#include "config/extension_switches.h"
+#include "hooks/handler_support.h"
+#include "message/recorder_message.h"
+#include "registry/recording_decision.h"
+#include "registry/socket_registry.h"
+#include "transport/agent_interface.h"
+
+namespace {
+
+const char* kindName(int type) {
+  switch (type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) {
+    case SOCK_STREAM: return "stream";
+    case SOCK_DGRAM: return "datagram";
+    case SOCK_SEQPACKET: return "seqpacket";
+    case SOCK_RAW: return "raw";
+    default: return "other";
+  }
+}
+
+void sendNotice(unsigned fd, int domain, int type) {
+  const CallStart start = beginCall();
+  RecorderMessage message(RMT_NOTRECORDED, start.cpt);
+  if (start.stampNs != -1) message.set(RMA_TIMESTAMP_NS, start.stampNs);
+  message.set(RMA_PID, currentProcessId);
+  message.set(RMA_TIMESTAMP, start.stamp);
+  message.setInt(RMA_TICKET, start.ticket);
+  message.setInt64(RMA_SOCKET, static_cast<int64_t>(fd));
+  message.set(RMA_FAMILY, afToString(static_cast<unsigned>(domain)), 0);
+  message.set(RMA_KIND, kindName(type), 0);
+  sendToRecorder(message);
+}
+
+}  // namespace
+
+void noticeUnrecordedSocket(SOCKETINFO* record, unsigned fd, int reason) {
+  // What goes through the SOCKS server is recorded by the recorder's proxy: not a loss.
+  if (!extensionOn(EXT_UNRECORDED_SOCKETS) || reason == SBL_SOCKSRECORDED || record == nullptr) return;
+  if (markSocket(record, SIF_NOTICED)) sendNotice(fd, static_cast<int>(getFamily(record)), static_cast<int>(record->type));
+}
+
+void noticeUnrecordedDescriptor(unsigned fd, int domain, int type) {
+  if (extensionOn(EXT_UNRECORDED_SOCKETS)) sendNotice(fd, domain, type);
+}
