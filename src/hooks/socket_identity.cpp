@@ -4,12 +4,12 @@
 #include <netinet/in.h>
 #include <stdint.h>
 #include <string.h>
-#include <sys/stat.h>
 
 #include "config/extension_switches.h"
 #include "message/address_attributes.h"
 #include "message/recorder_message.h"
 #include "real/real_functions.h"
+#include "registry/socket_registry.h"
 
 namespace {
 
@@ -27,10 +27,9 @@ bool unspecified(const sockaddr_storage& address) {
 void addSocketIdentity(RecorderMessage& message, int socket, bool withLocalPort) {
   if (!extensionOn(EXT_SOCKET_IDENTITY)) return;
   const int savedErrno = errno;
-  struct stat status;
-  if (fstat(socket, &status) == 0 && S_ISSOCK(status.st_mode)) {
-    message.setInt64(RMA_INODE, static_cast<int64_t>(status.st_ino));
-  }
+  int error = 0;
+  const uint64_t cookie = socketCookie(static_cast<unsigned>(socket), &error);
+  if (cookie != 0) message.setInt64(RMA_COOKIE, static_cast<int64_t>(cookie));
   sockaddr_storage local = {};
   socklen_t length = sizeof local;
   char text[48];

@@ -17,7 +17,7 @@ namespace {
 
 // Kept apart from the tables above, whose sizes every consumer of the vocabulary knows.
 const char* const kExtensionKinds[] = {"connectoutcome"};
-const char* const kExtensionAttributes[] = {"inode", "localip", "address", "gaierror", "kind"};
+const char* const kExtensionAttributes[] = {"cookie", "localip", "address", "gaierror", "kind"};
 
 }  // namespace
 
@@ -27,6 +27,6 @@ const char* kindName(RecorderMessageKind kind) {
 }
 
 const char* attributeName(RecorderMessageAttribute attribute) {
-  if (attribute < RMA_INODE) return MARKER_RMA[attribute];
-  return kExtensionAttributes[attribute - RMA_INODE];
+  if (attribute < RMA_COOKIE) return MARKER_RMA[attribute];
+  return kExtensionAttributes[attribute - RMA_COOKIE];
 }

@@ -51,7 +51,7 @@ enum RecorderMessageAttribute {
   RMA_LOOPBACK = 22,
   RMA_ARCHI = 23,
   // Attributes that only extensions set (extension_vocabulary.h names them).
-  RMA_INODE = 24,
+  RMA_COOKIE = 24,
   RMA_LOCALIP = 25,
   RMA_ADDRESS = 26,
   RMA_GAIERROR = 27,

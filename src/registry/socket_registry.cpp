@@ -62,20 +62,6 @@ void setSlot(unsigned socket, SOCKETINFO* record) {
   if (chunk != nullptr) __atomic_store_n(&chunk[socket % kSlotsPerChunk], record, __ATOMIC_RELEASE);
 }
 
-// The kernel's cookie of the socket a descriptor names, or 0 when there is none to be had (and
-// `error` says why). The host's errno is left as it was.
-uint64_t socketCookie(unsigned socket, int* error) {
-  const int savedErrno = errno;
-  uint64_t cookie = 0;
-  socklen_t length = sizeof cookie;
-  *error = 0;
-  if (True_getsockopt(static_cast<int>(socket), SOL_SOCKET, SO_COOKIE, &cookie, &length) != 0) {
-    *error = errno;
-    cookie = 0;
-  }
-  errno = savedErrno;
-  return cookie;
-}
 
 // The descriptors of the live records whose `flag` is set (any record for 0), newest first.
 int liveDescriptors(uint8_t flag, unsigned* out, int capacity) {
@@ -108,6 +94,19 @@ void freeRecords(SOCKETINFO** list) {
 }
 
 }  // namespace
+
+uint64_t socketCookie(unsigned socket, int* error) {
+  const int savedErrno = errno;
+  uint64_t cookie = 0;
+  socklen_t length = sizeof cookie;
+  *error = 0;
+  if (True_getsockopt(static_cast<int>(socket), SOL_SOCKET, SO_COOKIE, &cookie, &length) != 0) {
+    *error = errno;
+    cookie = 0;
+  }
+  errno = savedErrno;
+  return cookie;
+}
 
 void preInitializeMemo() {
   if (__atomic_load_n(&criticalSectionSocketInfoInitialized, __ATOMIC_ACQUIRE)) return;

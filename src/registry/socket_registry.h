@@ -41,6 +41,10 @@ void cleanSocketInfo();
 void InitializeLists();
 void FinalizeLists();
 
+// The kernel's cookie of a socket: the same through every descriptor that names it, never reused
+// while the system runs. 0, with `error` set, when there is none (not a socket).
+uint64_t socketCookie(unsigned socket, int* error);
+
 SOCKETINFO* createSocketInfo(unsigned socket, unsigned family, unsigned type, int nonBlocking, unsigned protocol);
 SOCKETINFO* getSocketInfo(unsigned socket);
 int freeSocketInfo(unsigned socket);

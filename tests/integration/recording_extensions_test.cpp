@@ -91,10 +91,10 @@ TEST(RecordingExtensions, SocketIdentityNamesOneSocketThroughItsCopies) {
   const auto accepts = r.ofKind("accept");
   ASSERT_EQ(connects.size(), 1u);
   ASSERT_EQ(accepts.size(), 1u);  // the copy, adopted on its first use
-  const std::string inode = valueOf(*connects[0], "inode");
-  ASSERT_NE(inode, "<absent>");
-  EXPECT_EQ(connects[0]->find("inode")->type, talvex::ValueType::I8);
-  EXPECT_EQ(valueOf(*accepts[0], "inode"), inode);
+  const std::string cookie = valueOf(*connects[0], "cookie");
+  ASSERT_NE(cookie, "<absent>");
+  EXPECT_EQ(connects[0]->find("cookie")->type, talvex::ValueType::I8);
+  EXPECT_EQ(valueOf(*accepts[0], "cookie"), cookie);
   EXPECT_EQ(valueOf(*connects[0], "localip"), "127.0.0.1");
   EXPECT_EQ(valueOf(*accepts[0], "localip"), "127.0.0.1");
   // The copy's local port is the original's, the one the connect recorded.
@@ -108,7 +108,7 @@ TEST(RecordingExtensions, WithoutTheVariableNoIdentity) {
                                 {{TALVEX_VAR_COMPLETE_CAPTURE, ""}});
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
   for (const auto& m : r.messages) {
-    EXPECT_EQ(m.find("inode"), nullptr) << m.kind;
+    EXPECT_EQ(m.find("cookie"), nullptr) << m.kind;
     EXPECT_EQ(m.find("localip"), nullptr) << m.kind;
   }
 }

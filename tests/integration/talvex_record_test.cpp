@@ -11,6 +11,7 @@
 #include <regex>
 #include <string>
 
+#include "json_lines_check.h"
 #include "process_runner.h"
 #include "recorder_message_parser.h"
 #include "scripted_socks_server.h"
@@ -53,7 +54,7 @@ void followStream(const std::string& capture, std::string* client, std::string* 
 std::string masked(std::string transcript) {
   transcript = std::regex_replace(transcript, std::regex(R"(\d\d:\d\d:\d\d\.\d{6})"), "HH:MM:SS.uuuuuu");
   transcript = std::regex_replace(transcript, std::regex(R"(; times are local \([^)]*\))"), "; times are local (ZONE)");
-  transcript = std::regex_replace(transcript, std::regex(R"(process \d+ in [^;\s]+)"), "process PID in DIR");
+  transcript = std::regex_replace(transcript, std::regex(R"(process \d+: [^\n]* in [^;\s]+;)"), "process PID: PROGRAM in DIR;");
   transcript = std::regex_replace(transcript, std::regex(R"(127\.0\.0\.1:\d+)"), "127.0.0.1:PORT");
   transcript = std::regex_replace(transcript, std::regex(R"(\(\d+ ms\))"), "(N ms)");
   // Descriptor numbers depend on what the launching environment left open.
@@ -98,6 +99,7 @@ TEST(TalvexRecord, OneConversationInAllFourOutputs) {
   EXPECT_EQ(kinds, (std::vector<std::string>{"process", "connect", "send", "receive", "close"}));
   const auto json = splitLines(readFile(tmp.file("r.jsonl")));
   EXPECT_EQ(json.size(), raw.size());
+  expectValidJsonLines(tmp.file("r.jsonl"));
   EXPECT_EQ(linesContaining(readFile(tmp.file("r.jsonl")), "\"data_b64\":\"YWJjZGVmZw==\"").size(), 2u);
   const std::string transcript = readFile(tmp.file("r.txt"));
   EXPECT_NE(transcript.find("> sent 7 bytes\n      abcdefg\n"), std::string::npos) << transcript;
@@ -515,6 +517,7 @@ TEST(TalvexRecord, SigtermReachesTheCommandAndEveryOutputIsComplete) {
   EXPECT_EQ(errno, ESRCH);
   const auto raw = splitLines(readFile(tmp.file("r.raw")));
   EXPECT_EQ(splitLines(readFile(tmp.file("r.jsonl"))).size(), raw.size());
+  expectValidJsonLines(tmp.file("r.jsonl"));
   const std::string transcript = readFile(tmp.file("r.txt"));
   EXPECT_NE(transcript.find("> sent 17 bytes\n      before the signal\n"), std::string::npos) << transcript;
   EXPECT_NE(transcript.find("signal: /usr/bin/python3 was killed by signal 15 (Terminated)\nsummary: 1 socket,"),
@@ -536,6 +539,7 @@ TEST(TalvexRecord, ATimeoutLeavesTheRecordingOnDisk) {
   EXPECT_EQ(r.exitCode, 124) << r.err;
   EXPECT_EQ(linesContaining(readFile(tmp.file("r.raw")), "data_AS=\"cut short\"").size(), 2u);
   EXPECT_EQ(linesContaining(readFile(tmp.file("r.jsonl")), "\"data\":\"cut short\"").size(), 2u);
+  expectValidJsonLines(tmp.file("r.jsonl"));
 }
 
 // An output left by an earlier run is replaced by a new file, not truncated; a file with other
@@ -794,6 +798,13 @@ TEST(TalvexRecord, FlatJsonLinesAnswerJqDirectly) {
   // Nanoseconds do not fit a double: they are strings, exact.
   EXPECT_EQ(jq("select(.kind==\"process\") | .timestamp_ns | type"), "string\n");
   EXPECT_EQ(jq("select(.kind==\"connect\") | .pid | type"), "number\n");
+  // One name per fact: the connect's far end is spelt as every other message's.
+  EXPECT_EQ(jq("select(.kind==\"connect\") | \"\\(.remote_ip) \\(.remote_port) \\(.local_ip) \\(.local_port|type)\""),
+            "127.0.0.1 " + std::to_string(echo.port()) + " 127.0.0.1 number\n");
+  EXPECT_EQ(jq("select(.kind==\"process\") | .timestamp > 1700000000000"), "true\n");
+  EXPECT_EQ(jq("select(.kind==\"process\") | .command_line[1]"), "vectors\n");
+  EXPECT_EQ(jq("select(.ip or .port or .localport or .workingdir) | .kind"), "");
+  expectValidJsonLines(tmp.file("r.jsonl"));
 }
 
 TEST(TalvexRecord, TranscriptNamesErrorsWritesIpv6AsPeopleDoAndSaysItsTimeZone) {

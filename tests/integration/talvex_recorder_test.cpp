@@ -13,6 +13,7 @@
 
 #include "base/variable_names.h"
 #include "local_recorder.h"
+#include "json_lines_check.h"
 #include "process_runner.h"
 #include "recorder_message_parser.h"
 #include "system_tools.h"
@@ -74,10 +75,11 @@ TEST_F(TalvexRecorder, RecordsAPreloadedProgramAsJsonLines) {
                        "\ntalvex-recorder: 3 messages received, 0 malformed\n");
   const auto lines = splitLines(readFile(tmp.file("out.jsonl")));
   ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0].rfind("{\"kind\":\"process\",\"timestamp\":0,\"ticket\":1,\"workingdir\":", 0), 0u) << lines[0];
+  EXPECT_EQ(lines[0].rfind("{\"kind\":\"process\",\"timestamp\":0,\"ticket\":1,\"working_directory\":", 0), 0u) << lines[0];
   EXPECT_NE(lines[0].find(",\"archi\":\"LINUX\"}"), std::string::npos) << lines[0];
   EXPECT_NE(lines[1].find(",\"name\":\"select\""), std::string::npos) << lines[1];
   EXPECT_EQ(lines[2], "{\"kind\":\"exit\"}");
+  expectValidJsonLines(tmp.file("out.jsonl"), false);
 }
 
 // With --socket, agents that name it take the local socket (the TCP port they are given here

@@ -29,3 +29,4 @@ constexpr const char* kCrashProbePath = TALVEX_CRASH_PROBE_PATH;
 constexpr const char* kRecordPath = TALVEX_RECORD_PATH;
 constexpr const char* kBuildDir = TALVEX_BUILD_DIR;
 constexpr const char* kExpectedTranscriptPath = TALVEX_EXPECTED_TRANSCRIPT_PATH;
+constexpr const char* kJsonLinesValidatorPath = TALVEX_JSON_LINES_VALIDATOR_PATH;

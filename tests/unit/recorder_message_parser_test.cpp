@@ -193,7 +193,9 @@ TEST(MessageJson, WorkedExample) {
   ends.remoteIp = "::1";
   ends.remotePort = 8080;
   ends.localPort = 40000;
-  EXPECT_EQ(talvex::messageToJson(m, &ends),
+  talvex::MessageContext context;
+  context.ends = &ends;
+  EXPECT_EQ(talvex::messageToJson(m, &context),
             "{\"kind\":\"send\",\"timestamp_ns\":\"1700000000123456789\",\"timestamp\":1700000000123,\"ticket\":5,"
             "\"socket\":7,\"pid\":4242,\"data\":\"PING 1\\r\\n\",\"data_b64\":\"UElORyAxDQo=\",\"length\":8,"
             "\"family\":\"AF_INET6\",\"local_port\":40000,\"remote_ip\":\"::1\",\"remote_port\":8080}");
@@ -206,7 +208,46 @@ TEST(MessageJson, AddressesErrorsAndLargeNumbersAsJqReadsThem) {
                                    &m, nullptr));
   EXPECT_EQ(talvex::messageToJson(m),
             "{\"kind\":\"connect\",\"timestamp\":\"9007199254740993\",\"ticket\":-1,\"family\":\"AF_INET6\","
-            "\"ip\":\"::1\",\"port\":80,\"error\":111,\"error_name\":\"ECONNREFUSED\"}");
+            "\"remote_ip\":\"::1\",\"remote_port\":80,\"error\":111,\"error_name\":\"ECONNREFUSED\"}");
+}
+
+TEST(MessageJson, OneNamePerFactAndTheContextOfTheConnection) {
+  ParsedMessage m;
+  ASSERT_TRUE(parseRecorderMessage("<process timestamp_ns_I8=\"17a40c397e3c8d15\" timestamp_I4=\"0\" ticket_I4=\"1\" "
+                                   "workingdir_AS=\"/tmp\" pid_I4=\"10\" archi_AS=\"LINUX\" "
+                                   "commandline_AS=\"curl\\x00-s\\x00\"/>\n",
+                                   &m, nullptr));
+  // The process's own time, not the agent's 0.
+  EXPECT_EQ(talvex::messageToJson(m),
+            "{\"kind\":\"process\",\"timestamp_ns\":\"1703500000123456789\",\"timestamp\":1703500000123,\"ticket\":1,"
+            "\"working_directory\":\"/tmp\",\"pid\":16,\"archi\":\"LINUX\",\"command_line\":[\"curl\",\"-s\"]}");
+  ASSERT_TRUE(parseRecorderMessage("<addrinfo ticket_I4=\"2\" family_AS=\"AF_CCITT\" name_AS=\"h\" ip_AS=\"1.2.3.4\" "
+                                   "address_AS=\"0:0:0:0:0:0:0:1\"/>\n",
+                                   &m, nullptr));
+  talvex::MessageContext context;
+  context.pid = 77;
+  EXPECT_EQ(talvex::messageToJson(m, &context),
+            "{\"kind\":\"addrinfo\",\"ticket\":2,\"family\":\"AF_INET6\",\"name\":\"h\",\"address\":\"::1\",\"pid\":77}");
+  ASSERT_TRUE(parseRecorderMessage("<addrinfo ticket_I4=\"2\" name_AS=\"x.invalid\" gaierror_I4=\"fffffffe\"/>\n", &m, nullptr));
+  EXPECT_EQ(talvex::messageToJson(m),
+            "{\"kind\":\"addrinfo\",\"ticket\":2,\"name\":\"x.invalid\",\"resolver_error\":-2,"
+            "\"resolver_error_name\":\"EAI_NONAME\"}");
+  ASSERT_TRUE(parseRecorderMessage("<notrecorded socket_I8=\"5\" family_AS=\"AF_UNIX\" kind_AS=\"stream\"/>\n", &m, nullptr));
+  EXPECT_EQ(talvex::messageToJson(m),
+            "{\"kind\":\"notrecorded\",\"socket\":5,\"family\":\"AF_UNIX\",\"socket_kind\":\"stream\"}");
+  ASSERT_TRUE(parseRecorderMessage("<connectoutcome socket_I8=\"5\" error_I4=\"6f\"/>\n", &m, nullptr));
+  talvex::ConnectionEnds ends;
+  ends.family = "AF_INET";
+  ends.remoteIp = "127.0.0.1";
+  ends.remotePort = 9;
+  context.ends = &ends;
+  context.connection = 3;
+  context.state = "failed";
+  context.connectionError = 111;
+  EXPECT_EQ(talvex::messageToJson(m, &context),
+            "{\"kind\":\"connectoutcome\",\"socket\":5,\"error\":111,\"error_name\":\"ECONNREFUSED\",\"pid\":77,"
+            "\"family\":\"AF_INET\",\"remote_ip\":\"127.0.0.1\",\"remote_port\":9,\"connection\":3,"
+            "\"connection_state\":\"failed\",\"connection_error\":111,\"connection_error_name\":\"ECONNREFUSED\"}");
 }
 
 TEST(MessageJson, BinaryPayloadHasNoTextButBase64) {

@@ -11,5 +11,9 @@ namespace talvex {
 std::string errorName(int64_t number);
 // "ECONNREFUSED: Connection refused".
 std::string errorText(int64_t number);
+// A resolver's code (getaddrinfo's result) the same ways: "EAI_NONAME",
+// "EAI_NONAME: Name or service not known".
+std::string resolverErrorName(int64_t code);
+std::string resolverErrorText(int64_t code);
 
 }  // namespace talvex

@@ -122,28 +122,89 @@ class FlatObject {
 
 }  // namespace
 
-std::string messageToJson(const ParsedMessage& message, const ConnectionEnds* ends) {
+namespace {
+
+// The one name of an attribute in JSON Lines.
+std::string keyOf(const std::string& kind, const std::string& name) {
+  if (name == "ip") return kind == "addrinfo" ? "address" : "remote_ip";
+  if (name == "port") return "remote_port";
+  if (name == "localport") return "local_port";
+  if (name == "localip") return "local_ip";
+  if (name == "workingdir") return "working_directory";
+  if (name == "sockserror") return "socks_error";
+  if (name == "gaierror") return "resolver_error";
+  if (name == "kind") return "socket_kind";  // "kind" is the message's
+  return name;
+}
+
+std::string argumentArray(const std::string& zeroSeparated) {
+  std::string out = "[";
+  size_t start = 0;
+  while (start < zeroSeparated.size()) {
+    size_t end = zeroSeparated.find('\0', start);
+    if (end == std::string::npos) end = zeroSeparated.size();
+    const std::string argument = zeroSeparated.substr(start, end - start);
+    if (out.size() > 1) out += ",";
+    out += isUtf8(argument) ? jsonString(argument) : "null";
+    start = end + 1;
+  }
+  return out + "]";
+}
+
+void addContext(FlatObject& object, const MessageContext& context) {
+  if (context.pid != 0) object.add("pid", jsonInteger(context.pid));
+  if (context.ends != nullptr) {
+    const ConnectionEnds& ends = *context.ends;
+    if (!ends.family.empty()) object.add("family", jsonString(ends.family));
+    if (!ends.localIp.empty()) object.add("local_ip", jsonString(ends.localIp));
+    if (ends.localPort != 0) object.add("local_port", std::to_string(ends.localPort));
+    if (!ends.remoteIp.empty()) object.add("remote_ip", jsonString(ends.remoteIp));
+    if (ends.remotePort != 0) object.add("remote_port", std::to_string(ends.remotePort));
+  }
+  if (context.connection != 0) object.add("connection", jsonInteger(static_cast<int64_t>(context.connection)));
+  if (context.state != nullptr) object.add("connection_state", jsonString(context.state));
+  if (context.state != nullptr && std::string(context.state) == "failed") {
+    object.add("connection_error", jsonInteger(context.connectionError));
+    object.add("connection_error_name",
+               jsonString(context.connectionError == 0 ? "closed before it connected" : errorName(context.connectionError)));
+  }
+}
+
+}  // namespace
+
+std::string messageToJson(const ParsedMessage& message, const MessageContext* context) {
   FlatObject object(message.kind);
+  // An entry's own address, where the agent sent it, is the address; "ip" is then the first
+  // entry's, which the reader has in that entry.
+  const bool ownAddress = message.kind == "addrinfo" && message.find("address") != nullptr;
   for (const MessageAttribute& a : message.attributes) {
+    if (ownAddress && a.name == "ip") continue;
+    const std::string key = keyOf(message.kind, a.name);
     if (a.type != ValueType::AS && a.type != ValueType::UN) {
-      object.add(a.name, jsonInteger(a.integer));
-      if (a.name == "error") object.add("error_name", jsonString(errorName(a.integer)));
+      int64_t value = a.integer;
+      // The agent stamps its process message 0; its time is the nanosecond stamp's.
+      if (message.kind == "process" && a.name == "timestamp" && message.find("timestamp_ns") != nullptr) {
+        value = message.integer("timestamp_ns") / 1000000;
+      }
+      object.add(key, jsonInteger(value));
+      if (a.name == "error" || (a.name == "sockserror" && a.integer != 0)) {
+        object.add(key + "_name", jsonString(errorName(a.integer)));
+      }
+      if (a.name == "gaierror") object.add(key + "_name", jsonString(resolverErrorName(a.integer)));
+      continue;
+    }
+    if (a.name == "commandline") {
+      object.add("command_line", argumentArray(a.bytes));
       continue;
     }
     std::string text = a.bytes;
     if (a.name == "family") text = familyName(text);
-    if (a.name == "ip") text = normalIp(text);
+    if (a.name == "ip" || a.name == "localip" || a.name == "address") text = normalIp(text);
     const bool utf8 = isUtf8(text);
-    object.add(a.name, utf8 ? jsonString(text) : "null");
-    if (a.name == "data" || !utf8) object.add(a.name + "_b64", "\"" + base64Encode(a.bytes) + "\"");
+    object.add(key, utf8 ? jsonString(text) : "null");
+    if (a.name == "data" || !utf8) object.add(key + "_b64", "\"" + base64Encode(a.bytes) + "\"");
   }
-  if (ends != nullptr) {
-    if (!ends->family.empty()) object.add("family", jsonString(ends->family));
-    if (!ends->localIp.empty()) object.add("local_ip", jsonString(ends->localIp));
-    if (ends->localPort != 0) object.add("local_port", std::to_string(ends->localPort));
-    if (!ends->remoteIp.empty()) object.add("remote_ip", jsonString(ends->remoteIp));
-    if (ends->remotePort != 0) object.add("remote_port", std::to_string(ends->remotePort));
-  }
+  if (context != nullptr) addContext(object, *context);
   return object.done();
 }
 

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <string_view>
 
-#include "live_connections.h"
+#include "connection_tracker.h"
 #include "recorder_message_parser.h"
 
 namespace talvex {
@@ -15,7 +15,7 @@ struct ArrivedMessage {
   std::string_view raw;                 // exactly as received
   bool lasting = false;                 // it stays where it lies until the outputs are settled
   const ParsedMessage* parsed = nullptr;  // null when it could not be parsed
-  LiveConnections::Seen seen;           // its connection, where the writer follows them
+  ConnectionTracker::Seen seen;         // its connection, where the writer follows them
 };
 
 class RecordingOutput {

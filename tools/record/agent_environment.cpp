@@ -46,6 +46,13 @@ std::vector<std::string> agentEnvironment(char** inherited, const RecordOptions&
   environment[TALVEX_VAR_FOLLOW_FORKS] = "1";
   // Every byte on the wire, whichever call moved it, and accepted connections too.
   environment[TALVEX_VAR_COMPLETE_CAPTURE] = "1";
+  // What the outputs need to tell what the program did: which socket each descriptor is, how a
+  // connect in progress ended, which program each process runs, every address resolved and
+  // every name that was not, the sockets not recorded, and whose each message is.
+  for (const char* extension : {TALVEX_VAR_SOCKET_IDENTITY, TALVEX_VAR_CONNECT_OUTCOME, TALVEX_VAR_COMMAND_LINE,
+                                TALVEX_VAR_ALL_RESOLUTIONS, TALVEX_VAR_UNRECORDED_SOCKETS, TALVEX_VAR_PID_EVERYWHERE}) {
+    environment[extension] = "1";
+  }
   // One connection per process rather than one per message.
   environment[TALVEX_VAR_PERSISTENT_CHANNEL] = "1";
   environment[TALVEX_VAR_IP_ADDRESS] = setting.endpoint.host;

@@ -1,28 +1,58 @@
 #include "capture_output.h"
 
+#include <errno.h>
+
 namespace talvex {
+
+namespace {
+
+Peer remoteEnd(const ConnectionEnds& ends) {
+  Peer p;
+  p.family = ends.family == "AF_INET6" ? 10 : 2;
+  p.ip = ends.remoteIp;
+  p.port = ends.remotePort;
+  return p;
+}
+
+Peer localEnd(const ConnectionEnds& ends) {
+  Peer p = remoteEnd(ends);
+  p.ip = localIpOf(ends);
+  p.port = ends.localPort;
+  return p;
+}
+
+}  // namespace
 
 bool CaptureOutput::open(const std::string& path, std::string* error) { return capture_.open(path, error); }
 
 void CaptureOutput::write(const ArrivedMessage& message) {
-  const LiveConnection* connection = message.seen.connection;
-  if (message.parsed == nullptr || connection == nullptr || !connection->connected || connection->failed) return;
+  const TrackedConnection* c = message.seen.connection;
+  // Only streams whose two ends are known can be drawn: a connection met in its traffic has none,
+  // an accepted one needs the local port its listener had.
+  if (message.parsed == nullptr || c == nullptr || c->opening.empty() || c->ends.localPort == 0) return;
   const ParsedMessage& m = *message.parsed;
-  const LiveConnection& c = *connection;
-  if (message.seen.opening) {
-    Peer server;
-    server.family = c.ends.family == "AF_INET6" ? 10 : 2;
-    server.ip = c.ends.remoteIp;
-    server.port = c.ends.remotePort;
-    Peer client = server;
-    client.ip = localAddressFor(server);
-    client.port = c.ends.localPort;
-    capture_.opened(c.id, client, server, m.timeNs());
-  } else if (message.seen.closing) {
-    capture_.closed(c.id, m.timeNs());
-  } else if (m.find("error") == nullptr) {
-    const MessageAttribute* data = m.find("data");
-    if (data != nullptr) capture_.data(c.id, m.kind == "send", data->bytes, m.timeNs());
+  const bool accepted = c->opening == "accept";
+  // The program's end is the client of a connect and the server of an accept.
+  const Peer client = accepted ? remoteEnd(c->ends) : localEnd(c->ends);
+  const Peer server = accepted ? localEnd(c->ends) : remoteEnd(c->ends);
+  if (message.seen.opening || message.seen.settled) {
+    // A connect still under way draws nothing until its outcome is known.
+    if (c->established()) {
+      capture_.opened(c->id, client, server, m.timeNs());
+      drawn_.insert(c->id);
+    } else if (c->failed()) {
+      capture_.attempted(client, server, c->error == ECONNREFUSED, m.timeNs());
+    }
+  }
+  if (drawn_.count(c->id) != 0) {
+    if (message.seen.closing) {
+      capture_.closed(c->id, m.timeNs());
+      drawn_.erase(c->id);
+    } else if ((m.kind == "send" || m.kind == "receive") && m.find("error") == nullptr) {
+      const MessageAttribute* data = m.find("data");
+      const bool fromProgram = m.kind == "send";
+      if (data != nullptr) capture_.data(c->id, accepted ? !fromProgram : fromProgram, data->bytes, m.timeNs());
+    }
   }
   if (!capture_.flush()) failed_ = true;
 }

@@ -1,7 +1,12 @@
-// The TCP connections the command made, as a capture file for Wireshark or tshark: a handshake
-// when one opens, a segment for each payload, a close when it ends.
+// The TCP connections the command made and accepted, as a capture file for Wireshark or tshark:
+// a handshake when one opens (for a connect in progress, once it is known to have connected), a
+// segment for each payload, a close when it ends; a connect that failed is a SYN, with a reset
+// when it was refused.
 #pragma once
 
+#include <stdint.h>
+
+#include <set>
 #include <string>
 
 #include "capture_writer.h"
@@ -20,6 +25,7 @@ class CaptureOutput : public RecordingOutput {
 
  private:
   CaptureFile capture_;
+  std::set<uint64_t> drawn_;  // connections whose stream is open in the file
   bool failed_ = false;
 };
 

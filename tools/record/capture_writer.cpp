@@ -10,7 +10,7 @@ namespace talvex {
 
 namespace {
 
-const uint8_t kFin = 0x01, kSyn = 0x02, kPush = 0x08, kAck = 0x10;
+const uint8_t kFin = 0x01, kSyn = 0x02, kReset = 0x04, kPush = 0x08, kAck = 0x10;
 // The file's header: microsecond time stamps, the writer's byte order (the magic number says
 // which), packets of raw IP (link type 101) of up to 65535 bytes.
 const uint32_t kMagic = 0xa1b2c3d4;
@@ -57,6 +57,12 @@ class CaptureStream {
     packet(timeNs, false, kSyn | kAck, "");
     ++serverSeq_;
     packet(timeNs, true, kAck, "");
+  }
+
+  void attempt(int64_t timeNs, bool refused) {
+    packet(timeNs, true, kSyn, "");
+    ++clientSeq_;
+    if (refused) packet(timeNs, false, kReset | kAck, "");
   }
 
   void data(int64_t timeNs, bool fromClient, const std::string& bytes) {
@@ -180,6 +186,13 @@ void CaptureFile::opened(uint64_t id, const Peer& client, const Peer& server, in
   CaptureStream* stream = new CaptureStream(file_, clientSide, serverSide);
   streams_[id] = stream;
   stream->handshake(timeNs);
+  flush();
+}
+
+void CaptureFile::attempted(const Peer& client, const Peer& server, bool refused, int64_t timeNs) {
+  Side clientSide, serverSide;
+  if (file_ == nullptr || !sideOf(client, &clientSide) || !sideOf(server, &serverSide)) return;
+  CaptureStream(file_, clientSide, serverSide).attempt(timeNs, refused);
   flush();
 }
 

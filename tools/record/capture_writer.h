@@ -1,6 +1,7 @@
 // Recorded TCP conversations as a capture file that Wireshark and tshark open, written as the
-// messages arrive: each connection the program made becomes one TCP stream between the
-// addresses its messages name, with a made-up handshake and close around the recorded payloads,
+// messages arrive: each connection the program made or accepted becomes one TCP stream between
+// the addresses its messages name, with a made-up handshake and close around the recorded payloads,
+// a connect that failed a SYN alone (answered by a reset when it was refused),
 // sequence numbers consistent, time stamps from the messages. The file is the classic pcap
 // format of raw IP packets, written here rather than through libpcap, whose dependencies cost
 // every run of talvex-record a dozen more libraries to load at its start.
@@ -29,6 +30,8 @@ class CaptureFile {
   bool open(const std::string& path, std::string* error);
   // A connection `id` opened: its handshake.
   void opened(uint64_t id, const Peer& client, const Peer& server, int64_t timeNs);
+  // A connect that never opened: its SYN, and the reset that answered it when `refused`.
+  void attempted(const Peer& client, const Peer& server, bool refused, int64_t timeNs);
   // Bytes one side sent on it.
   void data(uint64_t id, bool fromClient, const std::string& bytes, int64_t timeNs);
   // Its close.

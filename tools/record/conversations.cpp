@@ -4,127 +4,172 @@
 #include <map>
 
 #include "address_text.h"
-#include "connect_outcome.h"
-#include "recorder_message_parser.h"
+#include "unrecorded_sockets.h"
 
 namespace talvex {
 
 namespace {
 
-int familyNumber(const std::string& name) {
-  if (name == "AF_INET") return 2;
-  if (name == "AF_CCITT" || name == "AF_INET6") return 10;  // the recorder's name for Linux's 10
-  return 0;
+Peer peerOf(const ConnectionEnds& ends, bool local) {
+  Peer p;
+  p.family = ends.family == "AF_INET6" ? 10 : ends.family == "AF_INET" ? 2 : 0;
+  p.ip = local ? localIpOf(ends) : ends.remoteIp;
+  p.port = local ? ends.localPort : ends.remotePort;
+  return p;
 }
 
-Peer peerOf(const ParsedMessage& m) {
-  Peer p;
-  p.family = familyNumber(m.text("family"));
-  p.ip = m.text("ip");
-  p.port = static_cast<int>(m.integer("port"));
-  return p;
+// The state the connection is in now, as the conversation shows it.
+void followState(Conversation& c, const TrackedConnection& connection) {
+  if (connection.state == ConnectState::kConnecting) c.wasUnderWay = true;
+  c.state = connection.state;
+  c.failed = connection.failed();
+  if (c.failed) c.failure = failureText(connection);
+}
+
+void addEvent(Recording& recording, Conversation& c, const ParsedMessage& m) {
+  Event e;
+  e.kind = m.kind;
+  e.ticket = m.integer("ticket");
+  e.timeNs = m.timeNs();
+  e.data = m.text("data");
+  e.length = m.integer("length");
+  e.failed = m.find("error") != nullptr;
+  e.error = m.integer("error");
+  // A receive's length is what it got; on an end of stream the agent still records what the
+  // buffer held, which is nothing that was received.
+  if (m.kind == "receive" && !e.failed && e.length <= 0) {
+    e.data.clear();
+    e.endOfStream = true;
+  }
+  if (e.failed) ++recording.failures;
+  if (!e.failed) {
+    (m.kind == "send" ? c.bytesSent : c.bytesReceived) += static_cast<int64_t>(e.data.size());
+    (m.kind == "send" ? recording.bytesSent : recording.bytesReceived) += static_cast<int64_t>(e.data.size());
+  }
+  c.events.push_back(std::move(e));
+}
+
+void addResolution(Recording& recording, int64_t pid, const ParsedMessage& m) {
+  // The entries of one resolution share its ticket: one line for them all.
+  const std::string address = normalIp(m.find("address") != nullptr ? m.text("address") : m.text("ip"));
+  Resolution* same = nullptr;
+  if (!recording.resolutions.empty() && recording.resolutions.back().pid == pid &&
+      recording.resolutions.back().ticket == m.integer("ticket") && recording.resolutions.back().name == m.text("name")) {
+    same = &recording.resolutions.back();
+  }
+  if (same == nullptr) {
+    Resolution r;
+    r.pid = pid;
+    r.ticket = m.integer("ticket");
+    r.name = m.text("name");
+    r.family = familyName(m.text("family"));
+    r.resolverError = m.integer("gaierror");
+    recording.resolutions.push_back(r);
+    same = &recording.resolutions.back();
+  } else if (same->family != familyName(m.text("family"))) {
+    same->family.clear();  // several families: the addresses say which
+  }
+  if (!address.empty() && std::find(same->addresses.begin(), same->addresses.end(), address) == same->addresses.end()) {
+    same->addresses.push_back(address);
+  }
 }
 
 }  // namespace
 
-std::string localAddressFor(const Peer& remote) {
-  if (remote.family == 10) return normalIp(remote.ip) == "::1" ? remote.ip : "2001:db8::1";
-  return remote.ip.rfind("127.", 0) == 0 ? "127.0.0.1" : "192.0.2.1";
+std::string shellCommandLine(const std::string& zeroSeparated) {
+  std::string line;
+  size_t start = 0;
+  while (start < zeroSeparated.size()) {
+    size_t end = zeroSeparated.find('\0', start);
+    if (end == std::string::npos) end = zeroSeparated.size();
+    const std::string argument = zeroSeparated.substr(start, end - start);
+    const bool plain = !argument.empty() && argument.find_first_not_of(
+                           "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+=./:,@%") == std::string::npos;
+    if (!line.empty()) line += ' ';
+    if (plain) {
+      line += argument;
+    } else {
+      line += '\'';
+      for (const char c : argument) line += c == '\'' ? std::string("'\\''") : std::string(1, c);
+      line += '\'';
+    }
+    start = end + 1;
+  }
+  return line;
 }
 
 Recording buildRecording(std::vector<ParsedMessage> shown, size_t malformed) {
   Recording recording;
   recording.malformed = malformed;
+  std::vector<int64_t> pids;
   std::map<int64_t, std::vector<ParsedMessage>> byPid;
-  std::map<int64_t, std::string> directories;
+  std::map<int64_t, ProcessHeader> headers;
   // Messages without a pid (resolutions, notices) belong to the process whose message came last.
   int64_t lastPid = 0;
   for (ParsedMessage& m : shown) {
     ++recording.messages;
     if (m.find("pid") != nullptr) lastPid = m.integer("pid");
-    if (std::find(recording.pids.begin(), recording.pids.end(), lastPid) == recording.pids.end()) {
-      recording.pids.push_back(lastPid);
+    if (std::find(pids.begin(), pids.end(), lastPid) == pids.end()) pids.push_back(lastPid);
+    if (m.kind == "process") {
+      headers[lastPid].workingDirectory = m.text("workingdir");
+      headers[lastPid].commandLine = shellCommandLine(m.text("commandline"));
     }
-    if (m.kind == "process") directories[lastPid] = m.text("workingdir");
     byPid[lastPid].push_back(std::move(m));
   }
-  for (int64_t pid : recording.pids) {
-    recording.workingDirectories.push_back(directories[pid]);
+  ConnectionTracker tracker;
+  std::map<uint64_t, size_t> conversationOf;  // connection id -> index
+  for (int64_t pid : pids) {
+    headers[pid].pid = pid;
+    recording.processes.push_back(headers[pid]);
     auto& messages = byPid[pid];
     std::stable_sort(messages.begin(), messages.end(), [](const ParsedMessage& a, const ParsedMessage& b) {
       return a.integer("ticket") < b.integer("ticket");
     });
-    std::map<int64_t, size_t> open;  // socket -> index of its open conversation
-    auto start = [&](const ParsedMessage& m, int64_t socket, const std::string& opening) -> Conversation& {
-      Conversation c;
-      c.pid = pid;
-      c.socket = socket;
-      c.opening = opening;
-      c.openTicket = m.integer("ticket");
-      c.openTimeNs = m.timeNs();
-      recording.conversations.push_back(c);
-      open[socket] = recording.conversations.size() - 1;
-      return recording.conversations.back();
-    };
     for (const ParsedMessage& m : messages) {
-      const int64_t socket = m.integer("socket", -1);
-      if (m.kind == "connect") {
-        Conversation& c = start(m, socket, "connect");
-        c.remote = peerOf(m);
-        c.local.family = c.remote.family;
-        c.local.ip = localAddressFor(c.remote);
-        c.local.port = static_cast<int>(m.integer("localport"));
+      if (m.kind == "addrinfo") addResolution(recording, pid, m);
+      if (m.kind == "notrecorded") {
+        if (isSocketNotice(m)) {
+          recording.unrecorded.push_back(unrecordedKind(m));
+        } else {
+          recording.notices.push_back(m.find("name") != nullptr ? m.text("name") : m.text("info"));
+        }
+      }
+      const ConnectionTracker::Seen seen = tracker.observe(m);
+      if (seen.connection == nullptr) continue;
+      const TrackedConnection& connection = *seen.connection;
+      if (seen.opening) {
+        Conversation c;
+        c.pid = pid;
+        c.socket = m.integer("socket");
+        c.opening = connection.opening;
+        c.local = peerOf(connection.ends, true);
+        c.remote = peerOf(connection.ends, false);
+        c.openTicket = m.integer("ticket");
+        c.openTimeNs = m.timeNs();
         c.durationMs = m.integer("duration");
         c.loopback = m.integer("loopback") != 0;
         c.hasSocksError = m.find("sockserror") != nullptr;
         c.socksError = m.integer("sockserror");
-        if (connectFailed(m)) {
-          c.failed = true;
-          c.error = m.integer("error");
-          ++recording.failures;
-        }
-      } else if (m.kind == "accept") {
-        Conversation& c = start(m, socket, "accept");
-        c.remote = peerOf(m);
-        c.local.family = c.remote.family;
-        c.local.ip = localAddressFor(c.remote);
-      } else if (m.kind == "send" || m.kind == "receive") {
-        auto found = open.find(socket);
-        Conversation& c = found != open.end() ? recording.conversations[found->second] : start(m, socket, "");
-        Event e;
-        e.kind = m.kind;
-        e.ticket = m.integer("ticket");
-        e.timeNs = m.timeNs();
-        e.data = m.text("data");
-        e.length = m.integer("length");
-        e.failed = m.find("error") != nullptr;
-        e.error = m.integer("error");
-        // A receive's length is what it got; on an end of stream the agent still records what the
-        // buffer held, which is nothing that was received.
-        if (m.kind == "receive" && !e.failed && e.length <= 0) {
-          e.data.clear();
-          e.endOfStream = true;
-        }
-        if (e.failed) ++recording.failures;
-        if (!e.failed) {
-          (m.kind == "send" ? c.bytesSent : c.bytesReceived) += static_cast<int64_t>(e.data.size());
-          (m.kind == "send" ? recording.bytesSent : recording.bytesReceived) += static_cast<int64_t>(e.data.size());
-        }
-        c.events.push_back(std::move(e));
-      } else if (m.kind == "close") {
-        auto found = open.find(socket);
-        if (found != open.end()) {
-          Conversation& c = recording.conversations[found->second];
-          c.closed = true;
-          c.closeTimeNs = m.timeNs();
-          open.erase(found);
-        }
-      } else if (m.kind == "addrinfo") {
-        recording.resolutions.push_back({pid, m.text("name"), m.text("family"), m.text("ip")});
-      } else if (m.kind == "notrecorded") {
-        recording.notices.push_back(m.find("name") != nullptr ? m.text("name") : m.text("info"));
+        recording.conversations.push_back(c);
+        conversationOf[connection.id] = recording.conversations.size() - 1;
+      }
+      Conversation& c = recording.conversations[conversationOf[connection.id]];
+      followState(c, connection);
+      const std::string through =
+          "socket " + std::to_string(m.integer("socket")) + (pid != c.pid ? " of process " + std::to_string(pid) : "");
+      if ((m.integer("socket") != c.socket || pid != c.pid) &&
+          std::find(c.alsoThrough.begin(), c.alsoThrough.end(), through) == c.alsoThrough.end()) {
+        c.alsoThrough.push_back(through);
+      }
+      if (m.kind == "send" || m.kind == "receive") addEvent(recording, c, m);
+      if (seen.closing) {
+        c.closed = true;
+        c.closeTimeNs = m.timeNs();
       }
     }
+  }
+  for (const Conversation& c : recording.conversations) {
+    if (c.failed) ++recording.failures;
   }
   return recording;
 }

@@ -1,5 +1,6 @@
-// Recorded messages regrouped as a reader thinks of them: per process, per socket, one
-// conversation from connect (or accept) to close, events in ticket order.
+// Recorded messages regrouped as a reader thinks of them: per process, per connection, one
+// conversation from connect (or accept) to close, events in ticket order. Connections are those
+// of the ConnectionTracker: however many descriptors carried a conversation, it is one.
 #pragma once
 
 #include <stdint.h>
@@ -7,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "connection_tracker.h"
 #include "recorder_message_parser.h"
 
 namespace talvex {
@@ -31,10 +33,13 @@ struct Peer {
 struct Conversation {
   int64_t pid = 0;
   int64_t socket = 0;
+  std::vector<std::string> alsoThrough;  // the other descriptors that carried it ("socket 7", ...)
   std::string opening;  // "connect", "accept", or "" when the socket was seen first in traffic
   Peer local, remote;
+  ConnectState state = ConnectState::kOpen;
+  bool wasUnderWay = false;  // a non-blocking connect, whose outcome came later
   bool failed = false;
-  int64_t error = 0;
+  std::string failure;       // why, as the reader reads it
   int64_t durationMs = 0;
   bool loopback = false;
   bool hasSocksError = false;
@@ -50,15 +55,24 @@ struct Conversation {
 
 struct Resolution {
   int64_t pid = 0;
-  std::string name, family, ip;
+  int64_t ticket = 0;
+  std::string name, family;
+  std::vector<std::string> addresses;  // each once, in the order given
+  int64_t resolverError = 0;           // a failed resolution's code (getaddrinfo's result)
+};
+
+struct ProcessHeader {
+  int64_t pid = 0;
+  std::string workingDirectory;
+  std::string commandLine;  // as a shell would read it; empty when the agent did not send it
 };
 
 struct Recording {
-  std::vector<int64_t> pids;                  // in order of first appearance
-  std::vector<std::string> workingDirectories;  // per pid, same order
+  std::vector<ProcessHeader> processes;       // in order of first appearance
   std::vector<Conversation> conversations;    // by pid, then by opening ticket
   std::vector<Resolution> resolutions;
   std::vector<std::string> notices;           // names of calls seen but not recorded
+  std::vector<std::string> unrecorded;        // kinds of the sockets seen but not recorded
   size_t messages = 0;
   size_t malformed = 0;
   int64_t bytesSent = 0;
@@ -70,8 +84,7 @@ struct Recording {
 // the messages shown could not be parsed.
 Recording buildRecording(std::vector<ParsedMessage> shown, size_t malformed);
 
-// The address a connect to `remote` left from, as far as it can be told: only its port is
-// recorded. Loopback for a loopback destination, a documentation address otherwise.
-std::string localAddressFor(const Peer& remote);
+// A command line as the agent sends it (each argument ended by a zero byte) as a shell reads it.
+std::string shellCommandLine(const std::string& zeroSeparated);
 
 }  // namespace talvex

@@ -2,6 +2,8 @@
 // end the summary line the transcript has, counted as the messages arrived.
 #pragma once
 
+#include <string>
+
 #include "recording_output.h"
 #include "recording_totals.h"
 
@@ -15,6 +17,7 @@ class LiveView : public RecordingOutput {
 
  private:
   RecordingTotals totals_;
+  std::string lastResolution_;  // the entry last shown, by process, ticket and address
 };
 
 }  // namespace talvex

@@ -13,7 +13,7 @@
 namespace talvex {
 
 RecordOutputs::RecordOutputs(const RecordOptions& options, bool live)
-    : options_(options), live_(live), connections_(options.filter) {}
+    : options_(options), live_(live), connections_(&options.filter) {}
 
 RecordOutputs::~RecordOutputs() = default;
 

@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "live_connections.h"
+#include "connection_tracker.h"
 #include "output_file.h"
 #include "record_options.h"
 #include "recording_output.h"
@@ -67,7 +67,7 @@ class RecordOutputs {
   std::vector<Output> outputs_;  // in the order they are written and closed
   TranscriptOutput* transcript_ = nullptr;  // one of outputs_, when the transcript is kept
   bool payloads_ = false;  // whether any output shows payloads
-  LiveConnections connections_;
+  ConnectionTracker connections_;
   size_t received_ = 0;
   std::vector<std::string> failed_;  // outputs that could not be written
 };

@@ -1,6 +1,6 @@
 #include "recording_totals.h"
 
-#include "connect_outcome.h"
+#include "unrecorded_sockets.h"
 
 namespace talvex {
 
@@ -17,29 +17,23 @@ std::string summaryLine(const Totals& t) {
   return line;
 }
 
-void RecordingTotals::add(const ParsedMessage& m) {
+void RecordingTotals::add(const ParsedMessage& m, const ConnectionTracker::Seen& seen) {
   ++totals_.messages;
-  // Messages without a pid (resolutions, notices) belong to the process whose message came last.
-  if (m.find("pid") != nullptr) lastPid_ = m.integer("pid");
-  const auto key = std::make_pair(lastPid_, m.integer("socket", -1));
-  if (m.kind == "connect" || m.kind == "accept") {
-    ++totals_.sockets;
-    open_.insert(key);
-    if (m.kind == "connect" && connectFailed(m)) ++totals_.failures;
-  } else if (m.kind == "send" || m.kind == "receive") {
-    if (open_.insert(key).second) ++totals_.sockets;
-    if (m.find("error") != nullptr) {
-      ++totals_.failures;
-      return;
-    }
-    // On an end of stream the agent still records what the buffer held, which was not received.
-    if (m.kind == "receive" && m.integer("length") <= 0) return;
-    const MessageAttribute* data = m.find("data");
-    const int64_t bytes = data != nullptr ? static_cast<int64_t>(data->bytes.size()) : 0;
-    (m.kind == "send" ? totals_.bytesSent : totals_.bytesReceived) += bytes;
-  } else if (m.kind == "close") {
-    open_.erase(key);
+  if (isSocketNotice(m)) unrecorded_.push_back(unrecordedKind(m));
+  if (seen.opening) ++totals_.sockets;
+  // A connection counts as one failure once it is known to have failed: at once, or when the
+  // outcome of its connect arrives.
+  if (seen.connection != nullptr && seen.connection->failed() && (seen.opening || seen.settled)) ++totals_.failures;
+  if (m.kind != "send" && m.kind != "receive") return;
+  if (m.find("error") != nullptr) {
+    ++totals_.failures;
+    return;
   }
+  // On an end of stream the agent still records what the buffer held, which was not received.
+  if (m.kind == "receive" && m.integer("length") <= 0) return;
+  const MessageAttribute* data = m.find("data");
+  const int64_t bytes = data != nullptr ? static_cast<int64_t>(data->bytes.size()) : 0;
+  (m.kind == "send" ? totals_.bytesSent : totals_.bytesReceived) += bytes;
 }
 
 }  // namespace talvex

@@ -7,11 +7,10 @@
 
 #include <stdint.h>
 
-#include <map>
-#include <set>
 #include <string>
-#include <utility>
+#include <vector>
 
+#include "connection_tracker.h"
 #include "recorder_message_parser.h"
 
 namespace talvex {
@@ -34,14 +33,16 @@ std::string summaryLine(const Totals& totals);
 
 class RecordingTotals {
  public:
-  void add(const ParsedMessage& message);
+  // One message, with what the connection tracker saw of it.
+  void add(const ParsedMessage& message, const ConnectionTracker::Seen& seen);
   void addMalformed() { ++totals_.malformed; }
   const Totals& totals() const { return totals_; }
+  // The kinds of the sockets seen but not recorded, one per socket.
+  const std::vector<std::string>& unrecorded() const { return unrecorded_; }
 
  private:
   Totals totals_;
-  std::set<std::pair<int64_t, int64_t>> open_;  // (pid, socket) of the conversations under way
-  int64_t lastPid_ = 0;
+  std::vector<std::string> unrecorded_;
 };
 
 }  // namespace talvex

@@ -229,7 +229,7 @@ int main(int argc, char** argv) {
   const std::string note = endNote(o, status, crashed);
   const bool written = outputs.finish(note);
   if (!note.empty() && (!o.transcript.empty() || o.quiet)) fprintf(stderr, "talvex-record: %s\n", note.c_str());
-  if (outputs.received() == 0 && !o.unplug) {
+  if (outputs.received() == 0 && !o.unplug && !o.quiet) {
     // The command ran, but no process of it made a socket call through the C library: a program
     // that makes its own system calls (Go programs do) cannot be seen by a preloaded agent.
     fprintf(stderr,

@@ -10,18 +10,16 @@
 #include <vector>
 
 #include "address_text.h"
-#include "connect_outcome.h"
 #include "error_text.h"
 #include "recorder_message_parser.h"
 #include "recording_totals.h"
+#include "unrecorded_sockets.h"
 
 namespace talvex {
 
-namespace {
-
 // Times are the reader's local time; the process header names the zone. Microseconds: calls a
 // program makes one after another are apart by less than a millisecond.
-std::string clock(int64_t timeNs) {
+std::string clockTime(int64_t timeNs) {
   const time_t seconds = static_cast<time_t>(timeNs / 1000000000);
   struct tm local;
   localtime_r(&seconds, &local);
@@ -30,6 +28,8 @@ std::string clock(int64_t timeNs) {
            static_cast<int>((timeNs / 1000) % 1000000));
   return text;
 }
+
+namespace {
 
 // "UTC+01:00, CET" for the zone in force at `timeNs`.
 std::string zone(int64_t timeNs) {
@@ -43,11 +43,15 @@ std::string zone(int64_t timeNs) {
   return text;
 }
 
-std::string endpoint(const Peer& p) {
+}  // namespace
+
+std::string endpointText(const Peer& p) {
   if (p.ip.empty()) return "?";
   if (p.family == 10) return "[" + normalIp(p.ip) + "]:" + std::to_string(p.port);
   return p.ip + ":" + std::to_string(p.port);
 }
+
+namespace {
 
 // Whether `next` continues the block `first` began: the same direction, succeeded, with bytes.
 bool joinsBlock(const Event& first, const Event& next) {
@@ -107,7 +111,7 @@ void writeEvents(const Conversation& c, const TranscriptOptions& options, FILE* 
   for (size_t i = 0; i < c.events.size(); ++i) {
     const Event& e = c.events[i];
     if (e.endOfStream) {
-      fprintf(out, "   %s < end of stream\n", clock(e.timeNs).c_str());
+      fprintf(out, "   %s < end of stream\n", clockTime(e.timeNs).c_str());
       continue;
     }
     // Sends, or receives, one after another with nothing between are one block: a program
@@ -119,7 +123,7 @@ void writeEvents(const Conversation& c, const TranscriptOptions& options, FILE* 
       ++calls;
     }
     const bool sent = e.kind == "send";
-    fprintf(out, "   %s %s %s", clock(e.timeNs).c_str(), sent ? "> sent" : "< received",
+    fprintf(out, "   %s %s %s", clockTime(e.timeNs).c_str(), sent ? "> sent" : "< received",
             counted(e.failed ? e.length : static_cast<int64_t>(data.size()), "byte", "bytes").c_str());
     if (calls > 1) fprintf(out, " in %zu calls", calls);
     if (e.failed) fprintf(out, " FAILED (%s)", errorText(e.error).c_str());
@@ -134,16 +138,21 @@ void writeEvents(const Conversation& c, const TranscriptOptions& options, FILE* 
   }
 }
 
+// How a connect ended, after its two ends.
+std::string connectOutcome(const Conversation& c) {
+  if (c.failed) return " FAILED (" + c.failure + ")";
+  if (c.state == ConnectState::kConnecting) return " (in progress; its outcome was not seen)";
+  if (c.wasUnderWay) return " (in progress, then connected)";
+  return " (" + std::to_string(c.durationMs) + " ms)";
+}
+
 // One conversation: how it opened, its events, its close.
 void writeConversation(const Conversation& c, const TranscriptOptions& options, FILE* out) {
-  fprintf(out, "\n-- socket %lld: ", static_cast<long long>(c.socket));
+  fprintf(out, "\n-- socket %lld", static_cast<long long>(c.socket));
+  for (const std::string& other : c.alsoThrough) fprintf(out, ", %s", other.c_str());
+  fputs(": ", out);
   if (c.opening == "connect") {
-    fprintf(out, "connect %s -> %s", endpoint(c.local).c_str(), endpoint(c.remote).c_str());
-    if (c.failed) {
-      fprintf(out, " FAILED (%s)", errorText(c.error).c_str());
-    } else {
-      fprintf(out, " (%lld ms)", static_cast<long long>(c.durationMs));
-    }
+    fprintf(out, "connect %s -> %s%s", endpointText(c.local).c_str(), endpointText(c.remote).c_str(), connectOutcome(c).c_str());
     if (c.loopback) {
       fputs(c.hasSocksError ? " [to this process: direct, the SOCKS server was not used]" : " [to this process]", out);
     } else if (c.hasSocksError && c.socksError != 0 && c.failed) {
@@ -155,13 +164,14 @@ void writeConversation(const Conversation& c, const TranscriptOptions& options, 
       fputs(" [via SOCKS]", out);
     }
   } else if (c.opening == "accept") {
-    fprintf(out, "accepted from %s", endpoint(c.remote).c_str());
+    fprintf(out, "accepted from %s", endpointText(c.remote).c_str());
+    if (c.local.port != 0) fprintf(out, " on %s", endpointText(c.local).c_str());
   } else {
     fputs("traffic of a socket whose opening was not seen", out);
   }
-  fprintf(out, "  at %s\n", clock(c.openTimeNs).c_str());
+  fprintf(out, "  at %s\n", clockTime(c.openTimeNs).c_str());
   writeEvents(c, options, out);
-  if (c.closed) fprintf(out, "   %s close\n", clock(c.closeTimeNs).c_str());
+  if (c.closed) fprintf(out, "   %s close\n", clockTime(c.closeTimeNs).c_str());
 }
 
 // The calls seen but not recorded: each name once, in the order first seen, with how often when
@@ -187,11 +197,21 @@ void writeNotices(const std::vector<std::string>& notices, FILE* out) {
 
 }  // namespace
 
+std::string resolutionSentence(const std::string& name, const std::string& family,
+                               const std::vector<std::string>& addresses, int64_t resolverError) {
+  if (resolverError != 0) return "could not resolve " + name + ": " + resolverErrorText(resolverError);
+  std::string line = "resolved " + name + " -> ";
+  if (addresses.empty()) line += "?";
+  for (size_t i = 0; i < addresses.size(); ++i) line += (i == 0 ? "" : ", ") + addresses[i];
+  return family.empty() ? line : line + " (" + family + ")";
+}
+
 void writeTranscript(const Recording& recording, const TranscriptOptions& options, FILE* out) {
-  for (size_t i = 0; i < recording.pids.size(); ++i) {
-    const int64_t pid = recording.pids[i];
+  for (const ProcessHeader& process : recording.processes) {
+    const int64_t pid = process.pid;
     fprintf(out, "== process %lld", static_cast<long long>(pid));
-    if (!recording.workingDirectories[i].empty()) fprintf(out, " in %s", recording.workingDirectories[i].c_str());
+    if (!process.commandLine.empty()) fprintf(out, ": %s", process.commandLine.c_str());
+    if (!process.workingDirectory.empty()) fprintf(out, " in %s", process.workingDirectory.c_str());
     int64_t firstNs = 0;
     for (const Conversation& c : recording.conversations) {
       if (c.pid == pid) {
@@ -202,8 +222,7 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
     fprintf(out, "; times are local (%s)\n", zone(firstNs).c_str());
     for (const Resolution& r : recording.resolutions) {
       if (r.pid != pid) continue;
-      fprintf(out, "   resolved %s -> %s (%s)\n", r.name.c_str(), r.ip.empty() ? "?" : normalIp(r.ip).c_str(),
-              familyName(r.family).c_str());
+      fprintf(out, "   %s\n", resolutionSentence(r.name, r.family, r.addresses, r.resolverError).c_str());
     }
     for (const Conversation& c : recording.conversations) {
       if (c.pid != pid) continue;
@@ -212,6 +231,8 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
     fputs("\n", out);
   }
   writeNotices(recording.notices, out);
+  const std::string unrecorded = unrecordedSummary(recording.unrecorded);
+  if (!unrecorded.empty()) fprintf(out, "%s\n", unrecorded.c_str());
   if (!options.note.empty()) fprintf(out, "%s\n", options.note.c_str());
   Totals totals;
   totals.sockets = static_cast<int64_t>(recording.conversations.size());
@@ -221,56 +242,6 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
   totals.failures = recording.failures;
   totals.malformed = static_cast<int64_t>(recording.malformed);
   fprintf(out, "%s\n", summaryLine(totals).c_str());
-}
-
-void writeLiveEvent(const ParsedMessage& m, const LiveConnection* connection, FILE* out) {
-  const MessageAttribute* pid = m.find("pid");
-  const MessageAttribute* socket = m.find("socket");
-  std::string line = clock(m.timeNs());
-  if (pid != nullptr) line += " [" + std::to_string(pid->integer) + "]";
-  if (socket != nullptr) line += " socket " + std::to_string(socket->integer);
-  const MessageAttribute* data = m.find("data");
-  const MessageAttribute* error = m.find("error");
-  if (m.kind == "connect" || m.kind == "accept") {
-    Peer peer;
-    peer.family = connection != nullptr && connection->ends.family == "AF_INET6" ? 10 : 2;
-    peer.ip = connection != nullptr ? connection->ends.remoteIp : "";
-    peer.port = connection != nullptr ? connection->ends.remotePort : 0;
-    if (m.kind == "accept") {
-      line += " accepted from " + endpoint(peer);
-    } else {
-      // Both ends, as the transcript names them: the agent records the local port only.
-      Peer local = peer;
-      local.ip = localAddressFor(peer);
-      local.port = connection != nullptr ? connection->ends.localPort : 0;
-      line += " connect " + (local.port != 0 ? endpoint(local) + " -> " : std::string("-> ")) + endpoint(peer);
-    }
-  } else if (m.kind == "send" || m.kind == "receive") {
-    const int64_t bytes = data != nullptr ? static_cast<int64_t>(data->bytes.size()) : 0;
-    line += (m.kind == "send" ? " > " : " < ") + counted(bytes, "byte", "bytes");
-    if (data != nullptr && !data->bytes.empty()) {
-      std::string shown;
-      for (const char ch : data->bytes.substr(0, 60)) {
-        const unsigned char c = static_cast<unsigned char>(ch);
-        shown += c == '\r' ? "\\r" : c == '\n' ? "\\n" : (c >= 0x20 && c < 0x7f) ? std::string(1, ch) : ".";
-      }
-      line += "  " + shown + (data->bytes.size() > 60 ? "..." : "");
-    }
-  } else if (m.kind == "process") {
-    const MessageAttribute* directory = m.find("workingdir");
-    line += " process started" + (directory != nullptr ? " in " + directory->bytes : std::string());
-  } else if (m.kind == "addrinfo") {
-    const std::string ip = m.text("ip");
-    line += " resolved " + m.text("name") + " -> " + (ip.empty() ? "?" : normalIp(ip)) + " (" +
-            familyName(m.text("family")) + ")";
-  } else if (m.kind == "notrecorded") {
-    line += " " + (m.find("name") != nullptr ? m.text("name") : m.text("info")) + " was called (not recorded)";
-  } else {
-    line += " " + m.kind;
-  }
-  if (error != nullptr && (m.kind != "connect" || connectFailed(m))) line += " FAILED (" + errorText(error->integer) + ")";
-  fprintf(out, "%s\n", line.c_str());
-  fflush(out);
 }
 
 }  // namespace talvex

@@ -6,7 +6,10 @@
 #include <string>
 
 #include "conversations.h"
-#include "live_connections.h"
+#include <stdint.h>
+
+#include <vector>
+
 #include "recorder_message_parser.h"
 
 namespace talvex {
@@ -19,7 +22,13 @@ struct TranscriptOptions {
 
 void writeTranscript(const Recording& recording, const TranscriptOptions& options, FILE* out);
 
-// One line for a message as it arrives, for the live view: when, which process and socket, what.
-void writeLiveEvent(const ParsedMessage& message, const LiveConnection* connection, FILE* out);
+// A time of day as the transcript and the live view show it: "14:03:07.123456", local time.
+std::string clockTime(int64_t timeNs);
+// "127.0.0.1:8080", "[::1]:8080", "?" when the address is unknown.
+std::string endpointText(const Peer& peer);
+// "resolved NAME -> A, B (FAMILY)", or "could not resolve NAME: EAI_NONAME: Name or service not
+// known" for a failed one.
+std::string resolutionSentence(const std::string& name, const std::string& family,
+                               const std::vector<std::string>& addresses, int64_t resolverError);
 
 }  // namespace talvex
