@@ -66,6 +66,14 @@ void announceAdopted(unsigned fd, const sockaddr_storage& peer) {
   sendToRecorder(message);
 }
 
+void announceInherited(unsigned fd) {
+  const int savedErrno = errno;
+  sockaddr_storage peer = {};
+  socklen_t length = sizeof peer;
+  if (True_getpeername(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&peer), &length) == 0) announceAdopted(fd, peer);
+  errno = savedErrno;
+}
+
 SOCKETINFO* adopt(unsigned fd) {
   const int savedErrno = errno;
   SOCKETINFO* record = nullptr;
@@ -109,8 +117,16 @@ SOCKETINFO* socketForCall(unsigned fd) {
   // call; it matters only for what is recorded, and while nothing can be seen (unplugged, no DATA
   // lines) it is left out.
   SOCKETINFO* record = messageObservable(0) ? getCurrentSocketInfo(fd) : getSocketInfo(fd);
+  if (record != nullptr) {
+    // A connection inherited from the parent process: said once to be the same socket.
+    if ((__atomic_load_n(&record->flags, __ATOMIC_RELAXED) & SIF_INHERITED) != 0 &&
+        takeSocketMark(record, SIF_INHERITED)) {
+      announceInherited(fd);
+    }
+    return record;
+  }
   // Descriptor 0 is never followed, whoever created it.
-  if (record != nullptr || fd == 0 || !completeCaptureOn() || marked(fd)) return record;
+  if (fd == 0 || !completeCaptureOn() || marked(fd)) return record;
   return adopt(fd);
 }
 

@@ -170,7 +170,7 @@ SOCKETINFO* createSocketInfo(unsigned socket, unsigned family, unsigned type, in
   StartCriticalSectionBase(&criticalSectionSocketInfoData);
   record->type = type;
   // A record handed out again starts with none of the extensions' marks of its former socket.
-  takeFlag(record, SIF_CONNECTING | SIF_NOTICED);
+  takeFlag(record, SIF_CONNECTING | SIF_NOTICED | SIF_INHERITED);
   if (nonBlocking & 1) {
     setFlag(record, SIF_NONBLOCKING);
   } else {
@@ -235,6 +235,17 @@ void resetRegistryAfterFork() {
       if (record == nullptr) continue;
       record->connectionLock = fresh;
       takeFlag(record, SIF_LOCKED);
+    }
+  }
+}
+
+void markInheritedConnections() {
+  for (unsigned index = 0; index < kChunkCount; ++index) {
+    SOCKETINFO** chunk = socketTable[index];
+    if (chunk == nullptr) continue;
+    for (unsigned slot = 0; slot < kSlotsPerChunk; ++slot) {
+      SOCKETINFO* record = chunk[slot];
+      if (record != nullptr && hasFlag(record, SIF_OPENED | SIF_ACCEPTED)) setFlag(record, SIF_INHERITED);
     }
   }
 }

@@ -16,6 +16,7 @@ enum SocketInfoFlag : uint8_t {
   // Kept for extensions: a connect still in progress, a socket already reported as not recorded.
   SIF_CONNECTING = 1u << 5,
   SIF_NOTICED = 1u << 6,
+  SIF_INHERITED = 1u << 7,  // a forked child's copy of its parent's connection, not yet announced
 };
 
 struct SOCKETINFO {
@@ -52,6 +53,8 @@ int freeSocketInfo(unsigned socket);
 SOCKETINFO* getCurrentSocketInfo(unsigned socket);
 // In a forked child: every registry lock usable again, whatever the parent's threads held.
 void resetRegistryAfterFork();
+// In a forked child: marks every connection it holds from its parent (SIF_INHERITED).
+void markInheritedConnections();
 int getSocket(SOCKETINFO* record);
 unsigned getProtocol(SOCKETINFO* record);
 unsigned getFamily(SOCKETINFO* record);

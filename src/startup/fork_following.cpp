@@ -5,6 +5,8 @@
 
 #include "base/process_identity.h"
 #include "base/variable_names.h"
+#include "config/extension_switches.h"
+#include "registry/socket_registry.h"
 #include "transport/agent_interface.h"
 #include "transport/recorder_channel_startup.h"
 
@@ -22,4 +24,7 @@ void followForkInChild() {
   if (channel == nullptr) return;
   currentProcessId = getpid();
   channel->replacePendingMessage(buildProcessMessage());
+  // The child's copies of its parent's connections are told, on their first use, to be the same
+  // sockets, so that a reader joins what parent and child sent on one connection.
+  if (extensionOn(EXT_SOCKET_IDENTITY)) markInheritedConnections();
 }

@@ -264,3 +264,31 @@ TEST(RecordReports, GitCloneOverGitProtocolIsOneConnection) {
   EXPECT_EQ(count(transcript, "accepted from"), 0u) << transcript;
   EXPECT_EQ(count(transcript, "traffic of a socket whose opening was not seen"), 0u) << transcript;
 }
+
+TEST(RecordReports, AConnectionInheritedByAChildIsOneConversation) {
+  EchoServer echo;
+  TempDir tmp;
+  const std::string script =
+      "import os, socket\n"
+      "s = socket.create_connection(('127.0.0.1', " + std::to_string(echo.port()) + "))\n"
+      "s.sendall(b'parent')\n"
+      "child = os.fork()\n"
+      "if child == 0:\n"
+      "    s.sendall(b'child')\n"
+      "    os._exit(0)\n"
+      "os.waitpid(child, 0)\n"
+      "got = b''\n"
+      "while len(got) < 11: got += s.recv(64)\n"
+      "s.close()\n";
+  const ProcessResult r = record({"--transcript", tmp.file("t.txt")}, {"/usr/bin/python3", "-c", script});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const std::string transcript = readFile(tmp.file("t.txt"));
+  EXPECT_EQ(count(transcript, "\n-- socket "), 1u) << transcript;
+  EXPECT_NE(transcript.find(": connect 127.0.0.1:"), std::string::npos) << transcript;
+  // The child's copy is named beside the parent's; what both sent is one block.
+  EXPECT_EQ(count(transcript, " of process "), 1u) << transcript;
+  EXPECT_NE(transcript.find("> sent 11 bytes in 2 calls\n      parentchild\n"), std::string::npos) << transcript;
+  // The child never closed its copy: the parent's close leaves the connection open.
+  EXPECT_EQ(count(transcript, " (the connection stays open through another descriptor)\n"), 1u) << transcript;
+  EXPECT_NE(transcript.find("summary: 1 socket, "), std::string::npos) << transcript;
+}

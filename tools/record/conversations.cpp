@@ -1,7 +1,12 @@
 #include "conversations.h"
 
+#include <stdio.h>
+
 #include <algorithm>
+#include <functional>
 #include <map>
+#include <queue>
+#include <utility>
 
 #include "address_text.h"
 #include "unrecorded_sockets.h"
@@ -86,8 +91,31 @@ std::string shellCommandLine(const std::string& zeroSeparated) {
     const bool plain = !argument.empty() && argument.find_first_not_of(
                            "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+=./:,@%") == std::string::npos;
     if (!line.empty()) line += ' ';
+    const bool control = std::any_of(argument.begin(), argument.end(), [](char c) {
+      return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+    });
     if (plain) {
       line += argument;
+    } else if (control) {
+      // One line whatever the arguments hold: bash's $'...' form, which a shell reads back.
+      line += "$'";
+      for (const char c : argument) {
+        const unsigned char u = static_cast<unsigned char>(c);
+        if (c == '\n') {
+          line += "\\n";
+        } else if (c == '\t') {
+          line += "\\t";
+        } else if (c == '\\' || c == '\'') {
+          line += std::string("\\") + c;
+        } else if (u < 0x20 || u == 0x7f) {
+          char escaped[8];
+          snprintf(escaped, sizeof escaped, "\\x%02x", u);
+          line += escaped;
+        } else {
+          line += c;
+        }
+      }
+      line += '\'';
     } else {
       line += '\'';
       for (const char c : argument) line += c == '\'' ? std::string("'\\''") : std::string(1, c);
@@ -116,16 +144,32 @@ Recording buildRecording(std::vector<ParsedMessage> shown, size_t malformed) {
     }
     byPid[lastPid].push_back(std::move(m));
   }
-  ConnectionTracker tracker;
-  std::map<uint64_t, size_t> conversationOf;  // connection id -> index
   for (int64_t pid : pids) {
     headers[pid].pid = pid;
     recording.processes.push_back(headers[pid]);
-    auto& messages = byPid[pid];
-    std::stable_sort(messages.begin(), messages.end(), [](const ParsedMessage& a, const ParsedMessage& b) {
+    std::stable_sort(byPid[pid].begin(), byPid[pid].end(), [](const ParsedMessage& a, const ParsedMessage& b) {
       return a.integer("ticket") < b.integer("ticket");
     });
-    for (const ParsedMessage& m : messages) {
+  }
+  // Each process's messages in ticket order, the processes' interleaved by time, so that a
+  // connection a child inherited is still open when the child's first message about it comes.
+  // (time of its next message, order of first appearance) of each process with messages left.
+  using Head = std::pair<int64_t, size_t>;
+  std::priority_queue<Head, std::vector<Head>, std::greater<Head>> heads;
+  std::vector<size_t> next(pids.size(), 0);
+  for (size_t i = 0; i < pids.size(); ++i) {
+    if (!byPid[pids[i]].empty()) heads.emplace(byPid[pids[i]][0].timeNs(), i);
+  }
+  ConnectionTracker tracker;
+  std::map<uint64_t, size_t> conversationOf;  // connection id -> index
+  while (!heads.empty()) {
+    const size_t index = heads.top().second;
+    heads.pop();
+    const int64_t pid = pids[index];
+    const auto& messages = byPid[pid];
+    const ParsedMessage& m = messages[next[index]++];
+    if (next[index] < messages.size()) heads.emplace(messages[next[index]].timeNs(), index);
+    {
       if (m.kind == "addrinfo") addResolution(recording, pid, m);
       if (m.kind == "notrecorded") {
         if (isSocketNotice(m)) {
@@ -162,6 +206,15 @@ Recording buildRecording(std::vector<ParsedMessage> shown, size_t malformed) {
         c.alsoThrough.push_back(through);
       }
       if (m.kind == "send" || m.kind == "receive") addEvent(recording, c, m);
+      if (m.kind == "close" && !seen.closing) {
+        // One descriptor of several closed: the connection goes on through the others.
+        Event e;
+        e.kind = "close";
+        e.ticket = m.integer("ticket");
+        e.timeNs = m.timeNs();
+        e.descriptor = through;
+        c.events.push_back(std::move(e));
+      }
       if (seen.closing) {
         c.closed = true;
         c.closeTimeNs = m.timeNs();

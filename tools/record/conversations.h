@@ -14,7 +14,7 @@
 namespace talvex {
 
 struct Event {
-  std::string kind;  // "send", "receive"
+  std::string kind;  // "send", "receive", or "close" of one of several descriptors
   int64_t ticket = 0;
   int64_t timeNs = 0;
   std::string data;
@@ -22,6 +22,7 @@ struct Event {
   bool failed = false;
   bool endOfStream = false;  // a receive that found the peer gone
   int64_t error = 0;
+  std::string descriptor;  // for a close: "socket 4", "socket 4 of process 812"
 };
 
 struct Peer {

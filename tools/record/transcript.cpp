@@ -110,6 +110,11 @@ namespace {
 void writeEvents(const Conversation& c, const TranscriptOptions& options, FILE* out) {
   for (size_t i = 0; i < c.events.size(); ++i) {
     const Event& e = c.events[i];
+    if (e.kind == "close") {
+      fprintf(out, "   %s close of %s (the connection stays open through another descriptor)\n",
+              clockTime(e.timeNs).c_str(), e.descriptor.c_str());
+      continue;
+    }
     if (e.endOfStream) {
       fprintf(out, "   %s < end of stream\n", clockTime(e.timeNs).c_str());
       continue;
@@ -152,7 +157,9 @@ void writeConversation(const Conversation& c, const TranscriptOptions& options, 
   for (const std::string& other : c.alsoThrough) fprintf(out, ", %s", other.c_str());
   fputs(": ", out);
   if (c.opening == "connect") {
-    fprintf(out, "connect %s -> %s%s", endpointText(c.local).c_str(), endpointText(c.remote).c_str(), connectOutcome(c).c_str());
+    // A connect refused at once left from no port: only its destination is shown.
+    const std::string local = c.local.port != 0 ? endpointText(c.local) + " " : "";
+    fprintf(out, "connect %s-> %s%s", local.c_str(), endpointText(c.remote).c_str(), connectOutcome(c).c_str());
     if (c.loopback) {
       fputs(c.hasSocksError ? " [to this process: direct, the SOCKS server was not used]" : " [to this process]", out);
     } else if (c.hasSocksError && c.socksError != 0 && c.failed) {
