@@ -2,6 +2,7 @@
 // exists solely in the preloaded object, since linking it anywhere else would hook that program.
 #include <dlfcn.h>
 #include <errno.h>
+#include <link.h>
 
 #include "base/export_visibility.h"
 #include "config/complete_capture.h"
@@ -97,12 +98,30 @@ TALVEX_BEFORE_SANITIZERS void* ownExport(const char* name) {
   return nullptr;
 }
 
-}  // namespace
+// Whether `caller` lies in an object that the loader placed behind the agent: a library preloaded
+// after it, or one the program needs (a sanitizer runtime linked into it). For such a caller
+// RTLD_NEXT means what it says, the next definition after the caller's own object: answering it
+// with the agent's hook would send the caller's wrapper to the agent and the agent, whose own
+// lookups start after itself, to the wrapper again, for ever.
+TALVEX_BEFORE_SANITIZERS bool loadedAfterAgent(const void* caller) {
+  Dl_info info;
+  link_map* callerObject = nullptr;
+  link_map* ownObject = nullptr;
+  if (dladdr1(caller, &info, reinterpret_cast<void**>(&callerObject), RTLD_DL_LINKMAP) == 0 ||
+      dladdr1(reinterpret_cast<const void*>(&loadedAfterAgent), &info, reinterpret_cast<void**>(&ownObject),
+              RTLD_DL_LINKMAP) == 0 ||
+      callerObject == nullptr || ownObject == nullptr) {
+    return false;
+  }
+  for (const link_map* object = ownObject->l_next; object != nullptr; object = object->l_next) {
+    if (object == callerObject) return true;
+  }
+  return false;
+}
 
 // Run-time lookups are answered from the agent first, so a host that fetches a hooked function
 // through dlsym still reaches the hook.
-extern "C" TALVEX_EXPORT TALVEX_BEFORE_SANITIZERS void* dlsym(void* __restrict handle,
-                                                              const char* __restrict name) __THROW {
+TALVEX_BEFORE_SANITIZERS void* agentLookup(void* handle, const char* name) {
   void* ownObject = handleHookLIB;
   findRealDlsym();
   if (dlsymptr == nullptr) return nullptr;
@@ -116,3 +135,89 @@ extern "C" TALVEX_EXPORT TALVEX_BEFORE_SANITIZERS void* dlsym(void* __restrict h
   if (address != nullptr) return address;
   return dlsymptr(handle, name);
 }
+
+}  // namespace
+
+// What the exported dlsym does, given the address its caller returns to. It either answers
+// (`*forward` left 0) or hands back the loader's own dlsym, to which the export then jumps with
+// the caller's frame untouched: the loader reads RTLD_NEXT's "next after whom" from the return
+// address, which a call from the agent would make the agent's.
+extern "C" __attribute__((visibility("hidden"))) TALVEX_BEFORE_SANITIZERS void* talvexDlsymDecision(
+    void* handle, const char* name, const void* caller, int* forward) {
+  if (handle == RTLD_NEXT && loadedAfterAgent(caller)) {
+    findRealDlsym();
+    if (dlsymptr != nullptr) {
+      *forward = 1;
+      return reinterpret_cast<void*>(dlsymptr);
+    }
+  }
+  return agentLookup(handle, name);
+}
+
+// The exported dlsym, in assembly: only a jump, not a call, leaves the loader's dlsym the caller's
+// return address.
+#if defined(__x86_64__)
+asm(R"(
+  .text
+  .globl dlsym
+  .type dlsym, @function
+dlsym:
+  .cfi_startproc
+  pushq %rdi
+  .cfi_adjust_cfa_offset 8
+  pushq %rsi
+  .cfi_adjust_cfa_offset 8
+  subq $24, %rsp
+  .cfi_adjust_cfa_offset 24
+  movl $0, (%rsp)
+  movq 40(%rsp), %rdx
+  movq %rsp, %rcx
+  call talvexDlsymDecision
+  movl (%rsp), %ecx
+  addq $24, %rsp
+  .cfi_adjust_cfa_offset -24
+  popq %rsi
+  .cfi_adjust_cfa_offset -8
+  popq %rdi
+  .cfi_adjust_cfa_offset -8
+  testl %ecx, %ecx
+  jnz 1f
+  ret
+1:
+  jmp *%rax
+  .cfi_endproc
+  .size dlsym, .-dlsym
+)");
+#elif defined(__i386__)
+asm(R"(
+  .text
+  .globl dlsym
+  .type dlsym, @function
+dlsym:
+  .cfi_startproc
+  subl $28, %esp
+  .cfi_adjust_cfa_offset 28
+  movl $0, 16(%esp)
+  leal 16(%esp), %eax
+  movl %eax, 12(%esp)
+  movl 28(%esp), %eax
+  movl %eax, 8(%esp)
+  movl 36(%esp), %eax
+  movl %eax, 4(%esp)
+  movl 32(%esp), %eax
+  movl %eax, (%esp)
+  call talvexDlsymDecision
+  movl 16(%esp), %ecx
+  addl $28, %esp
+  .cfi_adjust_cfa_offset -28
+  testl %ecx, %ecx
+  jnz 1f
+  ret
+1:
+  jmp *%eax
+  .cfi_endproc
+  .size dlsym, .-dlsym
+)");
+#else
+#error "the exported dlsym is written for x86 only"
+#endif

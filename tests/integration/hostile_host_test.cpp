@@ -216,15 +216,46 @@ TEST_P(HugePayload, MessageTooLargeToEncodeIsDroppedAndLogged) {
 INSTANTIATE_TEST_SUITE_P(Sizes, HugePayload,
                          ::testing::Values(std::make_pair("0x22", "715827883"), std::make_pair("0xff", "1073741824")));
 
+const char* const kSanitizedHostOutput =
+    "getaddrinfo result=0 errno=0\nconnect result=0 errno=0\nsend result=4 errno=0\nrecv result=4 errno=0\n"
+    "close result=0 errno=0\n";
+
 TEST(HostileHost, ProgramBuiltWithAddressSanitizerRunsUnderTheAgent) {
   EchoServer echo;
   const std::vector<std::string> argv = {kSanitizedHostProbePath, std::to_string(echo.port())};
   const ProcessResult plain = plainRun(argv);
-  ASSERT_EQ(plain.out, "connect result=0 errno=0\nsend result=4 errno=0\nrecv result=4 errno=0\nclose result=0 errno=0\n")
-      << plain.err;
+  ASSERT_EQ(plain.out, kSanitizedHostOutput) << plain.err;
   const Recording r = recordRun(argv, {}, "", kBound);
   expectSameOutcome(plain, r.run);
+  EXPECT_EQ(r.kinds(), (std::vector<std::string>{"addrinfo", "connect", "send", "receive", "close"})) << r.log;
+}
+
+TEST(HostileHost, ProgramWithTheAddressSanitizerRuntimeAsALibraryRunsUnderTheAgent) {
+  // gcc links the runtime as a library of its own, which the loader places behind the agent; it
+  // then insists on coming first unless told not to, the documented way.
+  EchoServer echo;
+  const std::vector<std::string> argv = {kDynamicAsanHostProbePath, std::to_string(echo.port())};
+  const Environment told = {{"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+  const ProcessResult plain = runProcess(argv, cleanEnvironment(told), kBound);
+  ASSERT_EQ(plain.out, kSanitizedHostOutput) << plain.err;
+  // Its interceptors find the next definition with dlsym(RTLD_NEXT): the C library's, not the
+  // agent's hook again, which would call the interceptor again until the stack ran out.
+  const Recording r = recordRun(argv, told, "", kBound);
+  expectSameOutcome(plain, r.run);
+  EXPECT_EQ(r.kinds(), (std::vector<std::string>{"addrinfo", "connect", "send", "receive", "close"})) << r.log;
+}
+
+TEST(HostileHost, AWrapperPreloadedBehindTheAgentReachesTheCLibrary) {
+  EchoServer echo;
+  const std::vector<std::string> argv = {kRecordingProbePath, "vectors", std::to_string(echo.port())};
+  const Recording r = recordRun(argv, {}, kConnectShimPath, kBound);
+  EXPECT_EQ(r.run.exitCode, 0) << r.run.err;
+  EXPECT_NE(r.run.out.find("received abc|defg\n"), std::string::npos) << r.run.out;
   EXPECT_EQ(r.kinds(), (std::vector<std::string>{"connect", "send", "receive", "close"})) << r.log;
+  const Recording resolved = recordRun({kRecordingProbePath, "resolve", "127.0.0.1", "80"}, {}, kConnectShimPath, kBound);
+  EXPECT_EQ(resolved.run.exitCode, 0) << resolved.run.err;
+  EXPECT_EQ(resolved.run.out, "getaddrinfo status=0 entries=1\n");
+  EXPECT_EQ(resolved.kinds(), (std::vector<std::string>{"addrinfo"}));
 }
 
 TEST(HostileHost, ProgramVariableNamedLikeTheClockIsNeverCalled) {

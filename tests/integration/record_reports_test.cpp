@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <iostream>
 #include <string>
 
 #include "capture_check.h"
@@ -291,4 +292,40 @@ TEST(RecordReports, AConnectionInheritedByAChildIsOneConversation) {
   // The child never closed its copy: the parent's close leaves the connection open.
   EXPECT_EQ(count(transcript, " (the connection stays open through another descriptor)\n"), 1u) << transcript;
   EXPECT_NE(transcript.find("summary: 1 socket, "), std::string::npos) << transcript;
+}
+
+TEST(RecordReports, ProgramsBuiltWithSanitizersAreRecorded) {
+  // AddressSanitizer's runtime as a library of its own (gcc's default), 32- or 64-bit as the suite.
+  EchoServer echo;
+  TempDir tmp;
+  const std::vector<std::string> argv = {kDynamicAsanHostProbePath, std::to_string(echo.port())};
+  const ProcessResult r = record({"--raw", tmp.file("r.raw"), "-q"}, argv);
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "getaddrinfo result=0 errno=0\nconnect result=0 errno=0\nsend result=4 errno=0\nrecv result=4 errno=0\n"
+            "close result=0 errno=0\n");
+  EXPECT_EQ(r.err, "");
+  const std::string raw = readFile(tmp.file("r.raw"));
+  EXPECT_EQ(count(raw, "<connect "), 1u) << raw;
+  EXPECT_EQ(count(raw, "data_AS=\"asan\""), 2u) << raw;
+  // Without -q it says what it did.
+  const ProcessResult told = record({"--raw", tmp.file("r2.raw")}, argv);
+  EXPECT_NE(told.err.find(" uses AddressSanitizer, whose runtime insists on coming first in LD_PRELOAD: it was told "
+                          "not to (ASAN_OPTIONS=verify_asan_link_order=0), and the agent runs in front of it\n"),
+            std::string::npos)
+      << told.err;
+  // UndefinedBehaviorSanitizer, and ThreadSanitizer where the ABI has it, need nothing said.
+  std::vector<std::string> others = {kUbsanHostProbePath};
+  if (std::string(kTsanHostProbePath).empty()) {
+    std::cout << "ThreadSanitizer has no 32-bit x86 runtime: its host is tried in the 64-bit suite only\n";
+  } else {
+    others.push_back(kTsanHostProbePath);
+  }
+  for (const std::string& program : others) {
+    const ProcessResult other = record({"--raw", tmp.file("other.raw"), "-q"}, {program, std::to_string(echo.port())});
+    ASSERT_EQ(other.exitCode, 0) << program << other.err;
+    EXPECT_EQ(other.out, r.out) << program;
+    EXPECT_EQ(other.err, "") << program;
+    EXPECT_EQ(count(readFile(tmp.file("other.raw")), "data_AS=\"asan\""), 2u) << program;
+  }
 }

@@ -19,6 +19,10 @@ constexpr const char* kRecordingProbePath = TALVEX_RECORDING_PROBE_PATH;
 constexpr const char* kHostileProbePath = TALVEX_HOSTILE_PROBE_PATH;
 constexpr const char* kCaptureProbePath = TALVEX_CAPTURE_PROBE_PATH;
 constexpr const char* kSanitizedHostProbePath = TALVEX_SANITIZED_HOST_PROBE_PATH;
+constexpr const char* kDynamicAsanHostProbePath = TALVEX_DYNAMIC_ASAN_HOST_PROBE_PATH;
+constexpr const char* kUbsanHostProbePath = TALVEX_UBSAN_HOST_PROBE_PATH;
+// Empty where the ABI has no ThreadSanitizer (i386).
+constexpr const char* kTsanHostProbePath = TALVEX_TSAN_HOST_PROBE_PATH;
 constexpr const char* kClockNameProbePath = TALVEX_CLOCK_NAME_PROBE_PATH;
 constexpr const char* kFreshProcessChecksPath = TALVEX_FRESH_PROCESS_CHECKS_PATH;
 constexpr const char* kResolverStandinPath = TALVEX_RESOLVER_STANDIN_PATH;

@@ -53,6 +53,11 @@ std::vector<std::string> agentEnvironment(char** inherited, const RecordOptions&
                                 TALVEX_VAR_ALL_RESOLUTIONS, TALVEX_VAR_UNRECORDED_SOCKETS, TALVEX_VAR_PID_EVERYWHERE}) {
     environment[extension] = "1";
   }
+  // A program built with AddressSanitizer's runtime as a library of its own refuses to start
+  // unless that runtime comes first in LD_PRELOAD; told not to insist, the documented way, it
+  // runs with the agent in front of it. Other programs ignore the option.
+  const std::string asan = environment["ASAN_OPTIONS"];
+  environment["ASAN_OPTIONS"] = (asan.empty() ? "" : asan + ":") + "verify_asan_link_order=0";
   // One connection per process rather than one per message.
   environment[TALVEX_VAR_PERSISTENT_CHANNEL] = "1";
   environment[TALVEX_VAR_IP_ADDRESS] = setting.endpoint.host;

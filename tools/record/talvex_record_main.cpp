@@ -190,6 +190,12 @@ int main(int argc, char** argv) {
     return 1;
   }
   setting.agent = setting.top + "/$LIB/libtalvex_socket_agent.so";
+  if (!o.quiet && talvex::linksAddressSanitizerRuntime(program)) {
+    fprintf(stderr,
+            "talvex-record: %s uses AddressSanitizer, whose runtime insists on coming first in LD_PRELOAD: it was "
+            "told not to (ASAN_OPTIONS=verify_asan_link_order=0), and the agent runs in front of it\n",
+            o.command[0].c_str());
+  }
 
   talvex::RecordOutputs outputs(o, liveViewWanted(o));
   if (!outputs.open(&error)) {
@@ -230,12 +236,17 @@ int main(int argc, char** argv) {
   const bool written = outputs.finish(note);
   if (!note.empty() && (!o.transcript.empty() || o.quiet)) fprintf(stderr, "talvex-record: %s\n", note.c_str());
   if (outputs.received() == 0 && !o.unplug && !o.quiet) {
-    // The command ran, but no process of it made a socket call through the C library: a program
-    // that makes its own system calls (Go programs do) cannot be seen by a preloaded agent.
-    fprintf(stderr,
-            "talvex-record: nothing was recorded: %s made no socket call through the C library (a program that "
-            "makes its own system calls, as Go programs do, cannot be recorded)\n",
-            o.command[0].c_str());
+    // What was seen, not a guess: an agent reports on a process's first socket call through the C
+    // library, and no agent reporting means no such call.
+    if (endpoint.connectionCount() == 0) {
+      fprintf(stderr,
+              "talvex-record: nothing was recorded: no process of %s made a socket call through the C library, so "
+              "no agent reported (programs that make their own system calls, as Go programs do, make none)\n",
+              o.command[0].c_str());
+    } else {
+      fprintf(stderr, "talvex-record: nothing was recorded: %zu agent connections of %s sent no message\n",
+              endpoint.connectionCount(), o.command[0].c_str());
+    }
   }
   return exitStatusOf(status, crashed, written);
 }

@@ -3,6 +3,7 @@
 #include <elf.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -96,6 +97,16 @@ TargetKind checkTarget(const std::string& command, std::string* path, std::strin
     return TargetKind::NotFound;
   }
   return inspect(*path, why, 0);
+}
+
+bool linksAddressSanitizerRuntime(const std::string& path) {
+  // The runtime's name stands in the program's dynamic string table, near its start.
+  FILE* file = fopen(path.c_str(), "rb");
+  if (file == nullptr) return false;
+  std::string head(1u << 20, '\0');
+  head.resize(fread(&head[0], 1, head.size(), file));
+  fclose(file);
+  return head.find("libasan.so.") != std::string::npos;
 }
 
 }  // namespace talvex

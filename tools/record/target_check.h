@@ -12,4 +12,8 @@ enum class TargetKind { Preloadable, Wrong, NotFound };
 // plainly what is wrong when it cannot be recorded.
 TargetKind checkTarget(const std::string& command, std::string* path, std::string* why);
 
+// Whether the program at `path` needs AddressSanitizer's runtime as a library of its own (gcc's
+// default), which insists on coming first in the preload list unless told not to.
+bool linksAddressSanitizerRuntime(const std::string& path);
+
 }  // namespace talvex
