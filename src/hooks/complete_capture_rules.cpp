@@ -74,6 +74,52 @@ void announceInherited(unsigned fd) {
   errno = savedErrno;
 }
 
+// Descriptor 0 has no place in the registry, where 0 means "no socket". A connected TCP socket on
+// it (inetd, systemd's Accept=yes, sshd -i, socat's EXEC with nofork) is the program's whole
+// conversation, so complete capture follows it through a record of its own.
+SOCKETINFO standardInput;
+// 0: not looked at since its last close, 1: followed, 2: found not to be a connected TCP socket.
+int standardInputState;
+
+SOCKETINFO* followStandardInput() {
+  int state = __atomic_load_n(&standardInputState, __ATOMIC_ACQUIRE);
+  if (state == 1 && messageObservable(0)) {
+    // Replaced behind the agent's back (dup2 onto 0): looked at afresh.
+    int error = 0;
+    if (socketCookie(0, &error) != standardInput.cookie) state = 0;
+  }
+  if (state == 1) return &standardInput;
+  if (state == 2) return nullptr;
+  const int savedErrno = errno;
+  int type = 0;
+  int protocol = 0;
+  sockaddr_storage peer = {};
+  socklen_t length = sizeof peer;
+  const unsigned family = ipFamily(0);
+  SOCKETINFO* record = nullptr;
+  if (family != 0 && socketOption(0, SO_TYPE, &type) && type == SOCK_STREAM && socketOption(0, SO_PROTOCOL, &protocol) &&
+      protocol == IPPROTO_TCP && True_getpeername(0, reinterpret_cast<sockaddr*>(&peer), &length) == 0) {
+    // Claimed by one thread; another racing here finds it followed already.
+    if (__atomic_compare_exchange_n(&standardInputState, &state, 1, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+      int error = 0;
+      standardInput.family = family;
+      standardInput.type = SOCK_STREAM;
+      standardInput.protocol = IPPROTO_TCP;
+      standardInput.cookie = socketCookie(0, &error);
+      __atomic_store_n(&standardInput.flags, static_cast<uint8_t>(SIF_ACCEPTED), __ATOMIC_RELEASE);
+      announceAdopted(0, peer);
+    }
+    record = &standardInput;
+  } else if (family == 0 || type != 0) {
+    // Not a socket, or one of another kind: a file or a pipe, as usual. One not connected yet is
+    // looked at again on its next use.
+    noticeIfSocket(0);
+    __atomic_compare_exchange_n(&standardInputState, &state, 2, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+  }
+  errno = savedErrno;
+  return record;
+}
+
 SOCKETINFO* adopt(unsigned fd) {
   const int savedErrno = errno;
   SOCKETINFO* record = nullptr;
@@ -125,9 +171,20 @@ SOCKETINFO* socketForCall(unsigned fd) {
     }
     return record;
   }
-  // Descriptor 0 is never followed, whoever created it.
-  if (fd == 0 || !completeCaptureOn() || marked(fd)) return record;
+  if (!completeCaptureOn() || marked(fd)) return record;
+  if (fd == 0) return followStandardInput();
   return adopt(fd);
+}
+
+SOCKETINFO* socketForClose(unsigned fd) {
+  if (fd != 0 || !completeCaptureOn()) return getCurrentSocketInfo(fd);
+  int followed = 1;
+  // Its close is recorded once, by the thread that takes it from being followed.
+  if (__atomic_compare_exchange_n(&standardInputState, &followed, 0, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+    return &standardInput;
+  }
+  __atomic_store_n(&standardInputState, 0, __ATOMIC_RELEASE);
+  return nullptr;
 }
 
 void forgetDescriptor(unsigned fd) {

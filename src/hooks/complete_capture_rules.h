@@ -30,6 +30,10 @@ bool peekIsLeftOut(int flags);
 // hears of it as an accept with the info "ADOPTED".
 SOCKETINFO* socketForCall(unsigned fd);
 
+// The record a close of `fd` releases: the registry's, or with complete capture the one that
+// follows descriptor 0 (see socketForCall), which the close stops following.
+SOCKETINFO* socketForClose(unsigned fd);
+
 // The descriptor was closed: whatever the agent learnt about what it named no longer holds.
 void forgetDescriptor(unsigned fd);
 

@@ -259,7 +259,7 @@ int Myconnect(int socket, const sockaddr* address, socklen_t length) {
 int Myclose(int socket) {
   const CallStart start = beginCall();
   const unsigned fd = static_cast<unsigned>(socket);
-  SOCKETINFO* record = getCurrentSocketInfo(fd);
+  SOCKETINFO* record = socketForClose(fd);
   si_disp(record, DMK_CALL, "[%d]closesocket \tsocket : %lx", start.cpt, static_cast<unsigned long>(fd));
   // The record is released before the descriptor is: once the real close returns, another
   // thread's socket() may be handed the same number, and its fresh record must not be released

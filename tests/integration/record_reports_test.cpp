@@ -13,6 +13,7 @@
 #include "capture_check.h"
 #include "json_lines_check.h"
 #include "process_runner.h"
+#include "recorder_message_parser.h"
 #include "system_tools.h"
 #include "test_paths.h"
 
@@ -328,4 +329,58 @@ TEST(RecordReports, ProgramsBuiltWithSanitizersAreRecorded) {
     EXPECT_EQ(other.err, "") << program;
     EXPECT_EQ(count(readFile(tmp.file("other.raw")), "data_AS=\"asan\""), 2u) << program;
   }
+}
+
+TEST(RecordReports, ASocketOnStandardInputAndOutputIsFollowed) {
+  // As inetd starts a service: the connection on descriptors 0 and 1, then the program.
+  TempDir tmp;
+  const std::string script =
+      "import os, socket\n"
+      "l = socket.socket()\n"
+      "l.bind(('127.0.0.1', 0))\n"
+      "l.listen(1)\n"
+      "open('" + tmp.file("port") + ".part', 'w').write(str(l.getsockname()[1]))\n"
+      "os.rename('" + tmp.file("port") + ".part', '" + tmp.file("port") + "')\n"
+      "c, _ = l.accept()\n"
+      "os.dup2(c.fileno(), 0)\n"
+      "os.dup2(c.fileno(), 1)\n"
+      "os.execv('/bin/cat', ['cat'])\n";
+  BackgroundProcess service({kRecordPath, "--raw", tmp.file("r.raw"), "--transcript", tmp.file("t.txt"), "--",
+                             "/usr/bin/python3", "-c", script},
+                            cleanEnvironment());
+  ASSERT_TRUE(waitUntil([&] { return !readFile(tmp.file("port")).empty(); }, std::chrono::seconds(20)));
+  const int s = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a = {};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(static_cast<uint16_t>(std::stoi(readFile(tmp.file("port")))));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+  std::string sent(65536, '\0');
+  for (size_t i = 0; i < sent.size(); ++i) sent[i] = static_cast<char>(i * 7);
+  ASSERT_EQ(send(s, sent.data(), sent.size(), 0), static_cast<ssize_t>(sent.size()));
+  shutdown(s, SHUT_WR);
+  std::string back;
+  char buffer[8192];
+  for (ssize_t n; (n = recv(s, buffer, sizeof buffer, 0)) > 0;) back.append(buffer, static_cast<size_t>(n));
+  close(s);
+  EXPECT_TRUE(back == sent) << back.size();
+  const ProcessResult r = service.wait(std::chrono::seconds(30));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  // Every byte cat read from descriptor 0 and wrote to descriptor 1, in one conversation with the
+  // accept that made it.
+  std::string received, written;
+  for (const std::string& line : splitLines(readFile(tmp.file("r.raw")))) {
+    talvex::ParsedMessage m;
+    ASSERT_TRUE(talvex::parseRecorderMessage(line, &m, nullptr)) << line;
+    if (m.kind == "receive" && m.integer("socket") == 0) received += m.text("data");
+    if (m.kind == "send" && m.integer("socket") == 1) written += m.text("data");
+  }
+  EXPECT_TRUE(received == sent) << received.size();
+  EXPECT_TRUE(written == sent) << written.size();
+  const std::string transcript = readFile(tmp.file("t.txt"));
+  EXPECT_EQ(count(transcript, "\n-- socket "), 1u) << transcript.substr(0, 2000);
+  // Python accepted it; cat, the same process after the exec, carried it on descriptors 0 and 1.
+  EXPECT_NE(transcript.find(", socket 0, socket 1: accepted from 127.0.0.1:"), std::string::npos) << transcript.substr(0, 2000);
+  EXPECT_EQ(count(transcript, "== process "), 2u) << transcript.substr(0, 2000);
+  EXPECT_NE(transcript.find(": cat in "), std::string::npos) << transcript.substr(0, 2000);
 }

@@ -54,17 +54,17 @@ void addEvent(Recording& recording, Conversation& c, const ParsedMessage& m) {
   c.events.push_back(std::move(e));
 }
 
-void addResolution(Recording& recording, int64_t pid, const ParsedMessage& m) {
+void addResolution(Recording& recording, size_t process, const ParsedMessage& m) {
   // The entries of one resolution share its ticket: one line for them all.
   const std::string address = normalIp(m.find("address") != nullptr ? m.text("address") : m.text("ip"));
   Resolution* same = nullptr;
-  if (!recording.resolutions.empty() && recording.resolutions.back().pid == pid &&
+  if (!recording.resolutions.empty() && recording.resolutions.back().process == process &&
       recording.resolutions.back().ticket == m.integer("ticket") && recording.resolutions.back().name == m.text("name")) {
     same = &recording.resolutions.back();
   }
   if (same == nullptr) {
     Resolution r;
-    r.pid = pid;
+    r.process = process;
     r.ticket = m.integer("ticket");
     r.name = m.text("name");
     r.family = familyName(m.text("family"));
@@ -129,48 +129,58 @@ std::string shellCommandLine(const std::string& zeroSeparated) {
 Recording buildRecording(std::vector<ParsedMessage> shown, size_t malformed) {
   Recording recording;
   recording.malformed = malformed;
-  std::vector<int64_t> pids;
-  std::map<int64_t, std::vector<ParsedMessage>> byPid;
-  std::map<int64_t, ProcessHeader> headers;
+  // One stream of messages per agent that ran: a process, and again after each exec, when the
+  // program's new agent starts its tickets afresh under the same pid.
+  std::vector<std::vector<ParsedMessage>> streams;
+  std::map<int64_t, size_t> currentStream;  // pid -> its latest stream
+  std::vector<bool> headed;                 // whether the stream's process message was seen
   // Messages without a pid (resolutions, notices) belong to the process whose message came last.
   int64_t lastPid = 0;
   for (ParsedMessage& m : shown) {
     ++recording.messages;
     if (m.find("pid") != nullptr) lastPid = m.integer("pid");
-    if (std::find(pids.begin(), pids.end(), lastPid) == pids.end()) pids.push_back(lastPid);
-    if (m.kind == "process") {
-      headers[lastPid].workingDirectory = m.text("workingdir");
-      headers[lastPid].commandLine = shellCommandLine(m.text("commandline"));
+    auto found = currentStream.find(lastPid);
+    if (found == currentStream.end() || (m.kind == "process" && headed[found->second])) {
+      streams.emplace_back();
+      headed.push_back(false);
+      ProcessHeader header;
+      header.pid = lastPid;
+      recording.processes.push_back(header);
+      found = currentStream.insert_or_assign(lastPid, streams.size() - 1).first;
     }
-    byPid[lastPid].push_back(std::move(m));
+    const size_t stream = found->second;
+    if (m.kind == "process") {
+      headed[stream] = true;
+      recording.processes[stream].workingDirectory = m.text("workingdir");
+      recording.processes[stream].commandLine = shellCommandLine(m.text("commandline"));
+    }
+    streams[stream].push_back(std::move(m));
   }
-  for (int64_t pid : pids) {
-    headers[pid].pid = pid;
-    recording.processes.push_back(headers[pid]);
-    std::stable_sort(byPid[pid].begin(), byPid[pid].end(), [](const ParsedMessage& a, const ParsedMessage& b) {
+  for (auto& messages : streams) {
+    std::stable_sort(messages.begin(), messages.end(), [](const ParsedMessage& a, const ParsedMessage& b) {
       return a.integer("ticket") < b.integer("ticket");
     });
   }
-  // Each process's messages in ticket order, the processes' interleaved by time, so that a
+  // Each stream's messages in ticket order, the streams interleaved by time, so that a
   // connection a child inherited is still open when the child's first message about it comes.
-  // (time of its next message, order of first appearance) of each process with messages left.
+  // (time of its next message, stream) of each stream with messages left.
   using Head = std::pair<int64_t, size_t>;
   std::priority_queue<Head, std::vector<Head>, std::greater<Head>> heads;
-  std::vector<size_t> next(pids.size(), 0);
-  for (size_t i = 0; i < pids.size(); ++i) {
-    if (!byPid[pids[i]].empty()) heads.emplace(byPid[pids[i]][0].timeNs(), i);
+  std::vector<size_t> next(streams.size(), 0);
+  for (size_t i = 0; i < streams.size(); ++i) {
+    if (!streams[i].empty()) heads.emplace(streams[i][0].timeNs(), i);
   }
   ConnectionTracker tracker;
   std::map<uint64_t, size_t> conversationOf;  // connection id -> index
   while (!heads.empty()) {
     const size_t index = heads.top().second;
     heads.pop();
-    const int64_t pid = pids[index];
-    const auto& messages = byPid[pid];
+    const int64_t pid = recording.processes[index].pid;
+    const auto& messages = streams[index];
     const ParsedMessage& m = messages[next[index]++];
     if (next[index] < messages.size()) heads.emplace(messages[next[index]].timeNs(), index);
     {
-      if (m.kind == "addrinfo") addResolution(recording, pid, m);
+      if (m.kind == "addrinfo") addResolution(recording, index, m);
       if (m.kind == "notrecorded") {
         if (isSocketNotice(m)) {
           recording.unrecorded.push_back(unrecordedKind(m));
@@ -184,6 +194,7 @@ Recording buildRecording(std::vector<ParsedMessage> shown, size_t malformed) {
       if (seen.opening) {
         Conversation c;
         c.pid = pid;
+        c.process = index;
         c.socket = m.integer("socket");
         c.opening = connection.opening;
         c.local = peerOf(connection.ends, true);

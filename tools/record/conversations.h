@@ -32,6 +32,7 @@ struct Peer {
 };
 
 struct Conversation {
+  size_t process = 0;  // the entry of Recording::processes that opened it
   int64_t pid = 0;
   int64_t socket = 0;
   std::vector<std::string> alsoThrough;  // the other descriptors that carried it ("socket 7", ...)
@@ -55,7 +56,7 @@ struct Conversation {
 };
 
 struct Resolution {
-  int64_t pid = 0;
+  size_t process = 0;  // the entry of Recording::processes that asked
   int64_t ticket = 0;
   std::string name, family;
   std::vector<std::string> addresses;  // each once, in the order given
@@ -69,7 +70,7 @@ struct ProcessHeader {
 };
 
 struct Recording {
-  std::vector<ProcessHeader> processes;       // in order of first appearance
+  std::vector<ProcessHeader> processes;       // in order of first appearance, a process again after an exec
   std::vector<Conversation> conversations;    // by pid, then by opening ticket
   std::vector<Resolution> resolutions;
   std::vector<std::string> notices;           // names of calls seen but not recorded

@@ -214,25 +214,25 @@ std::string resolutionSentence(const std::string& name, const std::string& famil
 }
 
 void writeTranscript(const Recording& recording, const TranscriptOptions& options, FILE* out) {
-  for (const ProcessHeader& process : recording.processes) {
-    const int64_t pid = process.pid;
-    fprintf(out, "== process %lld", static_cast<long long>(pid));
+  for (size_t index = 0; index < recording.processes.size(); ++index) {
+    const ProcessHeader& process = recording.processes[index];
+    fprintf(out, "== process %lld", static_cast<long long>(process.pid));
     if (!process.commandLine.empty()) fprintf(out, ": %s", process.commandLine.c_str());
     if (!process.workingDirectory.empty()) fprintf(out, " in %s", process.workingDirectory.c_str());
     int64_t firstNs = 0;
     for (const Conversation& c : recording.conversations) {
-      if (c.pid == pid) {
+      if (c.process == index) {
         firstNs = c.openTimeNs;
         break;
       }
     }
     fprintf(out, "; times are local (%s)\n", zone(firstNs).c_str());
     for (const Resolution& r : recording.resolutions) {
-      if (r.pid != pid) continue;
+      if (r.process != index) continue;
       fprintf(out, "   %s\n", resolutionSentence(r.name, r.family, r.addresses, r.resolverError).c_str());
     }
     for (const Conversation& c : recording.conversations) {
-      if (c.pid != pid) continue;
+      if (c.process != index) continue;
       writeConversation(c, options, out);
     }
     fputs("\n", out);
