@@ -384,3 +384,38 @@ TEST(RecordReports, ASocketOnStandardInputAndOutputIsFollowed) {
   EXPECT_EQ(count(transcript, "== process "), 2u) << transcript.substr(0, 2000);
   EXPECT_NE(transcript.find(": cat in "), std::string::npos) << transcript.substr(0, 2000);
 }
+
+TEST(RecordReports, AProcessInANetworkNamespaceOfItsOwnIsRecorded) {
+  TALVEX_REQUIRE_NETWORK_NAMESPACES();
+  TempDir tmp;
+  // A server and its client inside the namespace, on its own loopback.
+  const std::string script =
+      "import socket, threading\n"
+      "l = socket.socket()\n"
+      "l.bind(('127.0.0.1', 0))\n"
+      "l.listen(1)\n"
+      "def serve():\n"
+      "    c, _ = l.accept()\n"
+      "    c.sendall(c.recv(64))\n"
+      "    c.close()\n"
+      "t = threading.Thread(target=serve)\n"
+      "t.start()\n"
+      "s = socket.create_connection(l.getsockname())\n"
+      "s.sendall(b'inside')\n"
+      "s.recv(64)\n"
+      "s.close()\n"
+      "t.join()\n";
+  TempDir temporary;  // talvex-record's $TMPDIR, where its socket's directory goes
+  const ProcessResult r =
+      runProcess({kRecordPath, "--raw", tmp.file("r.raw"), "-q", "--", "/usr/bin/unshare", "--net", "/bin/sh", "-c",
+                  "/sbin/ip link set lo up && exec /usr/bin/python3 -c \"$0\"", script},
+                 cleanEnvironment({{"TMPDIR", temporary.path()}}), std::chrono::seconds(60));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const std::string raw = readFile(tmp.file("r.raw"));
+  // Each end sent and received the six bytes.
+  EXPECT_EQ(count(raw, "data_AS=\"inside\""), 4u) << raw;
+  EXPECT_EQ(count(raw, "<connect "), 1u) << raw;
+  EXPECT_EQ(count(raw, "<accept "), 1u) << raw;
+  // Nothing is left behind.
+  EXPECT_TRUE(listDirectory(temporary.path()).empty());
+}

@@ -22,6 +22,7 @@
 #include "record_outputs.h"
 #include "recorder_endpoint.h"
 #include "signal_forwarding.h"
+#include "socket_directory.h"
 #include "target_check.h"
 
 extern char** environ;
@@ -211,10 +212,15 @@ int main(int argc, char** argv) {
                              [&outputs] { outputs.onSettle(); });
   endpoint.setIdleHandler([&outputs] { return outputs.onIdle(); });
   // The command's processes write to a local socket, which costs the kernel half what TCP over
-  // loopback does; the TCP port stays for any process that cannot reach the socket. Abstract: it
-  // leaves no file behind however this process ends.
-  const std::string localSocket = "@talvex-record-" + std::to_string(getpid());
-  if (endpoint.listenLocally(localSocket, nullptr)) setting.localSocket = localSocket;
+  // loopback does; the TCP port stays for any process that cannot reach the socket. A socket file,
+  // not an abstract name: abstract names, like the loopback port, belong to one network
+  // namespace, and a process the command puts in a namespace of its own (unshare -n, ip netns
+  // exec, a test harness that isolates a service) still sees the file.
+  talvex::SocketDirectory socketDirectory;
+  if (socketDirectory.create() && endpoint.listenLocally(socketDirectory.socketPath(), nullptr)) {
+    socketDirectory.openToEveryUser();
+    setting.localSocket = socketDirectory.socketPath();
+  }
   if (!endpoint.start(setting.endpoint.host, setting.endpoint.port, &error)) {
     fprintf(stderr, "talvex-record: cannot listen on %s: %s\n", o.listen.c_str(), error.c_str());
     return 1;
