@@ -4,9 +4,9 @@
 #include <netinet/in.h>
 #include <stdint.h>
 
-#include "base/process_identity.h"
 #include "config/complete_capture.h"
 #include "hooks/handler_support.h"
+#include "hooks/socket_event_head.h"
 #include "hooks/socket_identity.h"
 #include "hooks/unrecorded_sockets.h"
 #include "message/address_attributes.h"
@@ -55,11 +55,7 @@ void noticeIfSocket(unsigned fd) {
 void announceAdopted(unsigned fd, const sockaddr_storage& peer) {
   const CallStart start = beginCall();
   RecorderMessage message(RMT_ACCEPT, start.cpt);
-  if (start.stampNs != -1) message.set(RMA_TIMESTAMP_NS, start.stampNs);
-  message.set(RMA_PID, currentProcessId);
-  message.set(RMA_TIMESTAMP, start.stamp);
-  message.setInt(RMA_TICKET, start.ticket);
-  message.setInt64(RMA_SOCKET, static_cast<int64_t>(fd));
+  setSocketEventHead(message, start, static_cast<int64_t>(fd));
   message.set(RMA_INFO, "ADOPTED", 0);
   addSocketIdentity(message, static_cast<int>(fd), true);
   fillMsgWithName(&message, reinterpret_cast<const sockaddr*>(&peer));

@@ -2,9 +2,9 @@
 
 #include <errno.h>
 
-#include "base/process_identity.h"
 #include "config/extension_switches.h"
 #include "hooks/handler_support.h"
+#include "hooks/socket_event_head.h"
 #include "message/recorder_message.h"
 #include "real/real_functions.h"
 #include "registry/socket_registry.h"
@@ -39,11 +39,7 @@ void reportConnectOutcome(int socket, int level, int name, const void* value, co
     if (settled && takeSocketMark(record, SIF_CONNECTING)) {
       const CallStart start = beginCall();
       RecorderMessage message(RMT_CONNECTOUTCOME, start.cpt);
-      if (start.stampNs != -1) message.set(RMA_TIMESTAMP_NS, start.stampNs);
-      message.set(RMA_PID, currentProcessId);
-      message.set(RMA_TIMESTAMP, start.stamp);
-      message.setInt(RMA_TICKET, start.ticket);
-      message.setInt64(RMA_SOCKET, socket);
+      setSocketEventHead(message, start, socket);
       message.set(RMA_RETURN, pending != 0 ? -1 : 0);
       message.set(RMA_ERROR, pending);
       sendToRecorder(message);

@@ -3,9 +3,9 @@
 #include <sys/socket.h>
 
 #include "base/name_tables.h"
-#include "base/process_identity.h"
 #include "config/extension_switches.h"
 #include "hooks/handler_support.h"
+#include "hooks/socket_event_head.h"
 #include "message/recorder_message.h"
 #include "registry/recording_decision.h"
 #include "registry/socket_registry.h"
@@ -26,11 +26,7 @@ const char* kindName(int type) {
 void sendNotice(unsigned fd, int domain, int type) {
   const CallStart start = beginCall();
   RecorderMessage message(RMT_NOTRECORDED, start.cpt);
-  if (start.stampNs != -1) message.set(RMA_TIMESTAMP_NS, start.stampNs);
-  message.set(RMA_PID, currentProcessId);
-  message.set(RMA_TIMESTAMP, start.stamp);
-  message.setInt(RMA_TICKET, start.ticket);
-  message.setInt64(RMA_SOCKET, static_cast<int64_t>(fd));
+  setSocketEventHead(message, start, static_cast<int64_t>(fd));
   message.set(RMA_FAMILY, afToString(static_cast<unsigned>(domain)), 0);
   message.set(RMA_KIND, kindName(type), 0);
   sendToRecorder(message);

@@ -43,6 +43,34 @@ std::vector<std::string> captureFields(const std::string& capture, const std::st
   return splitLines(r.out);
 }
 
+// The start of a python server under the recording: listens on a loopback port the system
+// chooses and writes its number to `portFile` (whole, by a rename), then carries on with `rest`.
+std::string pythonServer(const std::string& portFile, const std::string& rest) {
+  return "import os, socket\n"
+         "l = socket.socket()\n"
+         "l.bind(('127.0.0.1', 0))\n"
+         "l.listen(1)\n"
+         "open('" + portFile + ".part', 'w').write(str(l.getsockname()[1]))\n"
+         "os.rename('" + portFile + ".part', '" + portFile + "')\n"
+         "c, _ = l.accept()\n" + rest;
+}
+
+// A connection from the test to that server, once it has said its port (-1 when it never did).
+int connectToServer(const std::string& portFile, int* port) {
+  if (!waitUntil([&] { return !readFile(portFile).empty(); }, std::chrono::seconds(20))) return -1;
+  *port = std::stoi(readFile(portFile));
+  const int s = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a = {};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(static_cast<uint16_t>(*port));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+    close(s);
+    return -1;
+  }
+  return s;
+}
+
 }  // namespace
 
 TEST(RecordReports, CurlToARefusedPortIsAFailureEverywhere) {
@@ -130,28 +158,16 @@ TEST(RecordReports, ASocketConnectedAgainToLearnTheOutcomeIsOneSocket) {
 TEST(RecordReports, AnAcceptedConnectionIsAStreamInTheCapture) {
   TALVEX_REQUIRE_PROGRAM("/usr/bin/tshark");
   TempDir tmp;
-  const std::string script =
-      "import socket\n"
-      "l = socket.socket()\n"
-      "l.bind(('127.0.0.1', 0))\n"
-      "l.listen(1)\n"
-      "open('" + tmp.file("port") + ".part', 'w').write(str(l.getsockname()[1]))\n"
-      "import os; os.rename('" + tmp.file("port") + ".part', '" + tmp.file("port") + "')\n"
-      "c, _ = l.accept()\n"
-      "c.recv(4)\n"
-      "c.sendall(b'pong')\n"
-      "c.close()\n"
-      "l.close()\n";
+  const std::string script = pythonServer(tmp.file("port"),
+                                          "c.recv(4)\n"
+                                          "c.sendall(b'pong')\n"
+                                          "c.close()\n"
+                                          "l.close()\n");
   BackgroundProcess server({kRecordPath, "--pcap", tmp.file("r.pcap"), "-q", "--", "/usr/bin/python3", "-c", script},
                            cleanEnvironment());
-  ASSERT_TRUE(waitUntil([&] { return !readFile(tmp.file("port")).empty(); }, std::chrono::seconds(20)));
-  const int port = std::stoi(readFile(tmp.file("port")));
-  const int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+  int port = 0;
+  const int s = connectToServer(tmp.file("port"), &port);
+  ASSERT_GE(s, 0);
   ASSERT_EQ(send(s, "ping", 4, 0), 4);
   char back[4];
   EXPECT_EQ(recv(s, back, sizeof back, MSG_WAITALL), 4);
@@ -334,27 +350,16 @@ TEST(RecordReports, ProgramsBuiltWithSanitizersAreRecorded) {
 TEST(RecordReports, ASocketOnStandardInputAndOutputIsFollowed) {
   // As inetd starts a service: the connection on descriptors 0 and 1, then the program.
   TempDir tmp;
-  const std::string script =
-      "import os, socket\n"
-      "l = socket.socket()\n"
-      "l.bind(('127.0.0.1', 0))\n"
-      "l.listen(1)\n"
-      "open('" + tmp.file("port") + ".part', 'w').write(str(l.getsockname()[1]))\n"
-      "os.rename('" + tmp.file("port") + ".part', '" + tmp.file("port") + "')\n"
-      "c, _ = l.accept()\n"
-      "os.dup2(c.fileno(), 0)\n"
-      "os.dup2(c.fileno(), 1)\n"
-      "os.execv('/bin/cat', ['cat'])\n";
+  const std::string script = pythonServer(tmp.file("port"),
+                                          "os.dup2(c.fileno(), 0)\n"
+                                          "os.dup2(c.fileno(), 1)\n"
+                                          "os.execv('/bin/cat', ['cat'])\n");
   BackgroundProcess service({kRecordPath, "--raw", tmp.file("r.raw"), "--transcript", tmp.file("t.txt"), "--",
                              "/usr/bin/python3", "-c", script},
                             cleanEnvironment());
-  ASSERT_TRUE(waitUntil([&] { return !readFile(tmp.file("port")).empty(); }, std::chrono::seconds(20)));
-  const int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(std::stoi(readFile(tmp.file("port")))));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+  int port = 0;
+  const int s = connectToServer(tmp.file("port"), &port);
+  ASSERT_GE(s, 0);
   std::string sent(65536, '\0');
   for (size_t i = 0; i < sent.size(); ++i) sent[i] = static_cast<char>(i * 7);
   ASSERT_EQ(send(s, sent.data(), sent.size(), 0), static_cast<ssize_t>(sent.size()));

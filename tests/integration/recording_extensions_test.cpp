@@ -1,9 +1,6 @@
 // The extensions that let a reader tell what the program did beyond its bytes: each adds its
 // attributes or messages only while its own variable is set.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <string>
 
@@ -17,28 +14,6 @@ using Names = std::vector<std::string>;
 
 namespace {
 
-// A loopback port bound by the test and never listened on: a connect there is refused.
-class RefusingPort {
- public:
-  RefusingPort() {
-    socket_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a = {};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof a;
-    if (bind(socket_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-        getsockname(socket_, reinterpret_cast<sockaddr*>(&a), &length) == 0) {
-      port_ = ntohs(a.sin_port);
-    }
-  }
-  ~RefusingPort() { close(socket_); }
-  int port() const { return port_; }
-
- private:
-  int socket_ = -1;
-  int port_ = 0;
-};
-
 std::string processMessage(const Recording& r) {
   for (const std::string& raw : r.raw) {
     if (raw.rfind("<process ", 0) == 0) return raw;
@@ -49,9 +24,8 @@ std::string processMessage(const Recording& r) {
 }  // namespace
 
 TEST(RecordingExtensions, ConnectOutcomeTellsARefusedNonBlockingConnect) {
-  RefusingPort refusing;
-  ASSERT_NE(refusing.port(), 0);
-  const Recording r = recordRun({kRecordingProbePath, "connect-outcome", std::to_string(refusing.port())},
+  const int refusing = closedLoopbackPort();
+  const Recording r = recordRun({kRecordingProbePath, "connect-outcome", std::to_string(refusing)},
                                 {{TALVEX_VAR_CONNECT_OUTCOME, ""}});
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
   EXPECT_NE(r.run.out.find("so_error 111"), std::string::npos) << r.run.out;
@@ -76,8 +50,8 @@ TEST(RecordingExtensions, ConnectOutcomeTellsAConnectionMade) {
 }
 
 TEST(RecordingExtensions, WithoutTheVariableNoOutcomeIsSent) {
-  RefusingPort refusing;
-  const Recording r = recordRun({kRecordingProbePath, "connect-outcome", std::to_string(refusing.port())});
+  const int refusing = closedLoopbackPort();
+  const Recording r = recordRun({kRecordingProbePath, "connect-outcome", std::to_string(refusing)});
   ASSERT_EQ(r.run.exitCode, 0) << r.run.err;
   EXPECT_EQ(r.kinds(), (Names{"connect", "close"}));
 }

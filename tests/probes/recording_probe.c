@@ -55,14 +55,19 @@ static int readFully(int s, char* buffer, size_t n) {
   return 0;
 }
 
-static int scenarioNonBlockingConnect(int port) {
+/* A non-blocking connect to `port`, waited for (a bounded time) until the socket is writable. */
+static int connectAndPoll(int port) {
   int s = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
   printf("socket %d\n", s);
   struct sockaddr_in a = loopback(port);
   report("connect", connect(s, (struct sockaddr*)&a, sizeof a));
   struct pollfd p = {s, POLLOUT, 0};
   poll(&p, 1, 5000);
-  report("close", close(s));
+  return s;
+}
+
+static int scenarioNonBlockingConnect(int port) {
+  report("close", close(connectAndPoll(port)));
   return 0;
 }
 
@@ -718,12 +723,7 @@ static int scenarioNoVectors(int port) {
 
 /* A non-blocking connect whose outcome the program learns from SO_ERROR after a poll. */
 static int scenarioConnectOutcome(int port) {
-  int s = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-  printf("socket %d\n", s);
-  struct sockaddr_in a = loopback(port);
-  report("connect", connect(s, (struct sockaddr*)&a, sizeof a));
-  struct pollfd p = {s, POLLOUT, 0};
-  poll(&p, 1, 5000);
+  int s = connectAndPoll(port);
   int pending = -1;
   socklen_t length = sizeof pending;
   report("getsockopt", getsockopt(s, SOL_SOCKET, SO_ERROR, &pending, &length));
