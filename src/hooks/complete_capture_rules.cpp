@@ -82,20 +82,29 @@ SOCKETINFO* followStandardInput() {
   if (state == 1 && messageObservable(0)) {
     // Replaced behind the agent's back (dup2 onto 0): looked at afresh.
     int error = 0;
-    if (socketCookie(0, &error) != standardInput.cookie) state = 0;
+    if (socketCookie(0, &error) != standardInput.cookie &&
+        __atomic_compare_exchange_n(&standardInputState, &state, 0, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+      state = 0;
+    }
   }
   if (state == 1) return &standardInput;
   if (state == 2) return nullptr;
   const int savedErrno = errno;
   int type = 0;
   int protocol = 0;
+  const unsigned family = ipFamily(0);
+  const bool tcpStream = family != 0 && socketOption(0, SO_TYPE, &type) && type == SOCK_STREAM &&
+                         socketOption(0, SO_PROTOCOL, &protocol) && protocol == IPPROTO_TCP;
   sockaddr_storage peer = {};
   socklen_t length = sizeof peer;
-  const unsigned family = ipFamily(0);
   SOCKETINFO* record = nullptr;
-  if (family != 0 && socketOption(0, SO_TYPE, &type) && type == SOCK_STREAM && socketOption(0, SO_PROTOCOL, &protocol) &&
-      protocol == IPPROTO_TCP && True_getpeername(0, reinterpret_cast<sockaddr*>(&peer), &length) == 0) {
-    // Claimed by one thread; another racing here finds it followed already.
+  if (!tcpStream) {
+    // A file, a pipe, or a socket of another kind, as usual.
+    noticeIfSocket(0);
+    __atomic_compare_exchange_n(&standardInputState, &state, 2, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+  } else if (True_getpeername(0, reinterpret_cast<sockaddr*>(&peer), &length) == 0) {
+    // Claimed by one thread; another racing here finds it followed already. One not connected yet
+    // (a listener) is looked at again on its next use.
     if (__atomic_compare_exchange_n(&standardInputState, &state, 1, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
       int error = 0;
       standardInput.family = family;
@@ -106,11 +115,6 @@ SOCKETINFO* followStandardInput() {
       announceAdopted(0, peer);
     }
     record = &standardInput;
-  } else if (family == 0 || type != 0) {
-    // Not a socket, or one of another kind: a file or a pipe, as usual. One not connected yet is
-    // looked at again on its next use.
-    noticeIfSocket(0);
-    __atomic_compare_exchange_n(&standardInputState, &state, 2, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
   }
   errno = savedErrno;
   return record;

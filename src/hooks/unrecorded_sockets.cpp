@@ -13,7 +13,7 @@
 
 namespace {
 
-const char* kindName(int type) {
+const char* socketKindName(int type) {
   switch (type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) {
     case SOCK_STREAM: return "stream";
     case SOCK_DGRAM: return "datagram";
@@ -28,7 +28,7 @@ void sendNotice(unsigned fd, int domain, int type) {
   RecorderMessage message(RMT_NOTRECORDED, start.cpt);
   setSocketEventHead(message, start, static_cast<int64_t>(fd));
   message.set(RMA_FAMILY, afToString(static_cast<unsigned>(domain)), 0);
-  message.set(RMA_KIND, kindName(type), 0);
+  message.set(RMA_KIND, socketKindName(type), 0);
   sendToRecorder(message);
 }
 

@@ -43,6 +43,13 @@ std::vector<std::string> captureFields(const std::string& capture, const std::st
   return splitLines(r.out);
 }
 
+// What jq prints of a JSON Lines file for `filter`, one result a line.
+std::string jq(const std::string& filter, const std::string& file) {
+  const ProcessResult r = runProcess({"/usr/bin/jq", "-r", filter, file}, cleanEnvironment());
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  return r.out;
+}
+
 // The start of a python server under the recording: listens on a loopback port the system
 // chooses and writes its number to `portFile` (whole, by a rename), then carries on with `rest`.
 std::string pythonServer(const std::string& portFile, const std::string& rest) {
@@ -92,10 +99,8 @@ TEST(RecordReports, CurlToARefusedPortIsAFailureEverywhere) {
   EXPECT_NE(r.err.find(" received, 1 failure\n"), std::string::npos) << r.err;
   // A SYN answered by a reset: no handshake, no close.
   EXPECT_EQ(captureFields(tmp.file("r.pcap"), "tcp.flags"), (std::vector<std::string>{"0x0002", "0x0014"}));
-  const ProcessResult jq = runProcess({"/usr/bin/jq", "-r", "select(.kind==\"connectoutcome\") | \"\\(.connection_state) \\(.connection_error_name)\"",
-                                       tmp.file("r.jsonl")},
-                                      cleanEnvironment());
-  EXPECT_EQ(jq.out, "failed ECONNREFUSED\n") << jq.err;
+  EXPECT_EQ(jq("select(.kind==\"connectoutcome\") | \"\\(.connection_state) \\(.connection_error_name)\"", tmp.file("r.jsonl")),
+            "failed ECONNREFUSED\n");
   expectValidJsonLines(tmp.file("r.jsonl"));
 }
 
@@ -201,10 +206,9 @@ TEST(RecordReports, ResolutionsShowEveryAddressAndNamesThatFailed) {
   EXPECT_NE(transcript.find("\n   could not resolve not-a-number: EAI_NONAME: Name or service not known\n"),
             std::string::npos)
       << transcript;
-  const ProcessResult jq = runProcess({"/usr/bin/jq", "-r", "select(.kind==\"addrinfo\") | \"\\(.name) \\(.address) \\(.resolver_error_name) \\(.pid|type)\"",
-                                       tmp.file("r.jsonl")},
-                                      cleanEnvironment());
-  EXPECT_EQ(jq.out, "::1 ::1 null number\nnot-a-number null EAI_NONAME number\n") << jq.err;
+  EXPECT_EQ(jq("select(.kind==\"addrinfo\") | \"\\(.name) \\(.address) \\(.resolver_error_name) \\(.pid|type)\"",
+               tmp.file("r.jsonl")),
+            "::1 ::1 null number\nnot-a-number null EAI_NONAME number\n");
   expectValidJsonLines(tmp.file("r.jsonl"));
 }
 
