@@ -13,20 +13,5 @@ const char* const MARKER_RMA[24] = {"commandline", "workingdir", "data",        
 
 const char HexaTable[17] = "0123456789abcdef";
 
-namespace {
-
-// Kept apart from the tables above, whose sizes every consumer of the vocabulary knows.
-const char* const kExtensionKinds[] = {"connectoutcome"};
-const char* const kExtensionAttributes[] = {"cookie", "localip", "address", "gaierror", "kind"};
-
-}  // namespace
-
-const char* kindName(RecorderMessageKind kind) {
-  if (kind < RMT_CONNECTOUTCOME) return MARKER_RMT[kind];
-  return kExtensionKinds[kind - RMT_CONNECTOUTCOME];
-}
-
-const char* attributeName(RecorderMessageAttribute attribute) {
-  if (attribute < RMA_COOKIE) return MARKER_RMA[attribute];
-  return kExtensionAttributes[attribute - RMA_COOKIE];
-}
+const char* const kExtensionKindNames[1] = {"connectoutcome"};
+const char* const kExtensionAttributeNames[5] = {"cookie", "localip", "address", "gaierror", "kind"};

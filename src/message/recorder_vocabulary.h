@@ -63,6 +63,16 @@ extern const char* const MARKER_RMAT[5];
 extern const char* const MARKER_RMA[24];
 extern const char HexaTable[17];
 
-// The name of a kind or an attribute, the extensions' own included.
-const char* kindName(RecorderMessageKind kind);
-const char* attributeName(RecorderMessageAttribute attribute);
+// The names of the kinds and attributes only extensions send, kept apart from the tables above,
+// whose sizes every consumer of the vocabulary knows.
+extern const char* const kExtensionKindNames[1];
+extern const char* const kExtensionAttributeNames[5];
+
+// The name of a kind or an attribute, the extensions' own included. Inline: every attribute of
+// every message is written through it.
+inline const char* kindName(RecorderMessageKind kind) {
+  return kind < RMT_CONNECTOUTCOME ? MARKER_RMT[kind] : kExtensionKindNames[kind - RMT_CONNECTOUTCOME];
+}
+inline const char* attributeName(RecorderMessageAttribute attribute) {
+  return attribute < RMA_COOKIE ? MARKER_RMA[attribute] : kExtensionAttributeNames[attribute - RMA_COOKIE];
+}
