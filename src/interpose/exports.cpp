@@ -98,6 +98,9 @@ TALVEX_BEFORE_SANITIZERS void* ownExport(const char* name) {
   return nullptr;
 }
 
+// The oldest version, so that the agent loads on C libraries from before dladdr1 moved into libc.
+__asm__(".symver dladdr1,dladdr1@GLIBC_2.3.3");
+
 // Whether `caller` lies in an object that the loader placed behind the agent: a library preloaded
 // after it, or one the program needs (a sanitizer runtime linked into it). For such a caller
 // RTLD_NEXT means what it says, the next definition after the caller's own object: answering it
