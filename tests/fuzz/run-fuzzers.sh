@@ -25,7 +25,35 @@ build() {
 }
 build encoder_fuzz "$source_dir/src/message/print_buffer.cpp" "$source_dir/src/message/held_payload.cpp" "$source_dir/src/message/payload_escaping.cpp" "$source_dir/src/message/recorder_vocabulary.cpp"
 build socks_reply_fuzz "${core[@]}"
-for target in encoder_fuzz socks_reply_fuzz; do
+# talvex-record's reading of messages: the tools' shared code and the outputs, built as the tools
+# are (64-bit), with the agent's headers they share.
+tools=("$source_dir"/tools/common/*.cpp "$source_dir"/tools/record/conversations.cpp "$source_dir"/tools/record/transcript.cpp
+       "$source_dir"/tools/record/recording_totals.cpp "$source_dir"/tools/record/unrecorded_sockets.cpp
+       "$source_dir"/tools/record/capture_writer.cpp "$source_dir"/tools/record/capture_output.cpp)
+flags=("${flags[@]/-m32/-m64}" -I"$source_dir/tools/common" -I"$source_dir/tools/record")
+build recording_outputs_fuzz "${tools[@]}"
+# Its seeds: a conversation in every kind of message the outputs read, so that the fuzzer starts
+# from lines that parse.
+seeds="$work_dir/recording_outputs_fuzz.corpus"
+if [ ! -d "$seeds" ]; then
+  mkdir -p "$seeds"
+  cat > "$seeds/conversation" <<'MESSAGES'
+<process timestamp_ns_I8="17a40c397e3c8d15" timestamp_I4="0" ticket_I4="1" workingdir_AS="/tmp" pid_I4="64" archi_AS="LINUX" commandline_AS="curl\x00-s\x00"/>
+<addrinfo timestamp_I8="1" ticket_I4="2" pid_I4="64" family_AS="AF_CCITT" name_AS="h" address_AS="0:0:0:0:0:0:0:1"/>
+<addrinfo ticket_I4="3" pid_I4="64" name_AS="x.invalid" gaierror_I4="fffffffe"/>
+<connect localport_I4="9c40" pid_I4="64" timestamp_I8="1" ticket_I4="4" socket_I8="5" cookie_I8="77" localip_AS="127.0.0.1" duration_I4="0" family_AS="AF_INET" ip_AS="127.0.0.1" port_I4="50" error_I4="73"/>
+<connectoutcome pid_I4="64" timestamp_I8="2" ticket_I4="5" socket_I8="5"/>
+<send timestamp_I8="3" ticket_I4="6" socket_I8="5" pid_I4="64" data_AS="GET / HTTP/1.0\r\n\r\n" length_U4="12"/>
+<accept pid_I4="65" ticket_I4="1" socket_I8="0" info_AS="ADOPTED" cookie_I8="77" localport_I4="9c40" family_AS="AF_INET" ip_AS="127.0.0.1" port_I4="50"/>
+<receive pid_I4="65" timestamp_I8="4" ticket_I4="2" socket_I8="0" data_AS="\x00\xff" length_I4="2"/>
+<notrecorded pid_I4="64" ticket_I4="7" socket_I8="9" family_AS="AF_UNIX" kind_AS="stream"/>
+<notrecorded ticket_I4="8" name_AS="select"/>
+<close pid_I4="64" timestamp_I8="5" ticket_I4="9" socket_I8="5"/>
+<close pid_I4="65" timestamp_I8="5" ticket_I4="3" socket_I8="0"/>
+<exit/>
+MESSAGES
+fi
+for target in encoder_fuzz socks_reply_fuzz recording_outputs_fuzz; do
   mkdir -p "$work_dir/$target.corpus"
   echo "== $target: $runs inputs"
   "$work_dir/$target" -runs="$runs" -max_len=4096 -seed=1 -print_final_stats=1 "$work_dir/$target.corpus" 2>&1 | tail -4

@@ -1,0 +1,68 @@
+// Plays arbitrary lines, as a misbehaving peer of the recorder could send them, through what
+// talvex-record makes of its messages: the parser, the connection tracker, the JSON Lines, capture,
+// live-view totals and transcript outputs. Every input must end in outputs written, never in a
+// crash or a memory error.
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "capture_output.h"
+#include "connection_tracker.h"
+#include "conversations.h"
+#include "message_json.h"
+#include "recorder_message_parser.h"
+#include "recording_totals.h"
+#include "transcript.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string_view input(reinterpret_cast<const char*>(data), size);
+  talvex::ConnectionTracker tracker;
+  talvex::RecordingTotals totals;
+  talvex::CaptureOutput capture;
+  std::string error;
+  capture.open("/dev/null", &error);
+  std::vector<talvex::ParsedMessage> shown;
+  size_t malformed = 0;
+  for (size_t start = 0; start < input.size();) {
+    size_t end = input.find('\n', start);
+    if (end == std::string_view::npos) end = input.size();
+    const std::string_view line = input.substr(start, end - start + (end < input.size() ? 1 : 0));
+    start = end + 1;
+    talvex::ParsedMessage m;
+    talvex::ArrivedMessage arrived;
+    arrived.raw = line;
+    if (!talvex::parseRecorderMessage(line, &m, nullptr)) {
+      ++malformed;
+      totals.addMalformed();
+      capture.write(arrived);
+      continue;
+    }
+    arrived.parsed = &m;
+    arrived.seen = tracker.observe(m);
+    totals.add(m, arrived.seen);
+    talvex::MessageContext context;
+    context.pid = arrived.seen.pid;
+    if (arrived.seen.connection != nullptr) {
+      context.ends = &arrived.seen.connection->ends;
+      context.connection = arrived.seen.connection->id;
+      context.state = "open";
+      context.connectionError = arrived.seen.connection->error;
+    }
+    talvex::messageToJson(m, &context);
+    capture.write(arrived);
+    shown.push_back(m);
+  }
+  capture.finish();
+  talvex::summaryLine(totals.totals());
+  FILE* sink = fopen("/dev/null", "w");
+  if (sink != nullptr) {
+    talvex::TranscriptOptions options;
+    talvex::writeTranscript(talvex::buildRecording(std::move(shown), malformed), options, sink);
+    fclose(sink);
+  }
+  return 0;
+}
