@@ -3,6 +3,7 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdint.h>
 #include <sys/socket.h>
 #include <sys/types.h>
 
@@ -18,6 +19,10 @@ SentBytes sentBytes(size_t asked, ssize_t result);
 
 // Whether a receive that got no bytes (end of stream, failure) still carries a data attribute.
 bool emptyReceiveCarriesData();
+
+// Whether a receive that asked for no bytes and got none is left out: with complete capture it
+// is not an event (an end of stream is a receive that asked for bytes and got none).
+bool emptyAskIsLeftOut(uint64_t asked, ssize_t result);
 
 // Whether a receive with these flags is left out of the recording: a peek consumes nothing, so
 // with complete capture its bytes are recorded once, when they are read.

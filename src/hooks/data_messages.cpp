@@ -118,6 +118,7 @@ void recordVectorSend(const CallStart& start, int socket, const HostVectors& vec
 
 void recordReceive(int cpt, int ticket, int socket, const void* buffer, size_t length, ssize_t result, int error,
                    const ReceiveSource* source) {
+  if (emptyAskIsLeftOut(length, result)) return;
   if (!messageWorthBuilding(result > 0 ? static_cast<uint64_t>(result) : length)) return;
   RecorderMessage message(RMT_RECEIVE, cpt);
   receiveHead(message, ticket, socket);
@@ -133,6 +134,7 @@ void recordReceive(int cpt, int ticket, int socket, const void* buffer, size_t l
 }
 
 void recordVectorReceive(const CallStart& start, int socket, const HostVectors& vectors, ssize_t result, int error) {
+  if (emptyAskIsLeftOut(vectors.requested(), result)) return;
   if (!messageWorthBuilding(result > 0 ? static_cast<uint64_t>(result) : 0)) return;
   RecorderMessage message(RMT_RECEIVE, start.cpt);
   receiveHead(message, start.ticket, socket);

@@ -262,9 +262,10 @@ TEST(RecordReports, SendmsgWithTooManyVectorsAndWithNone) {
       << readFile(tmp.file("many.txt"));
   r = record({"--transcript", tmp.file("none.txt")}, {kRecordingProbePath, "no-vectors", std::to_string(echo.port())});
   ASSERT_EQ(r.exitCode, 0) << r.err;
-  // The empty send and the next one are one block.
-  EXPECT_NE(readFile(tmp.file("none.txt")).find("> sent 1 byte in 2 calls\n      x\n"), std::string::npos)
+  // The empty send and the next one are one block; a receive into no vectors is no end of stream.
+  EXPECT_NE(readFile(tmp.file("none.txt")).find("> sent 1 byte in 2 calls\n      x\n   "), std::string::npos)
       << readFile(tmp.file("none.txt"));
+  EXPECT_EQ(count(readFile(tmp.file("none.txt")), "end of stream"), 0u) << readFile(tmp.file("none.txt"));
 }
 
 TEST(RecordReports, GitCloneOverGitProtocolIsOneConnection) {
