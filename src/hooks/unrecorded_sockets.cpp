@@ -37,6 +37,8 @@ void sendNotice(unsigned fd, int domain, int type) {
 void noticeUnrecordedSocket(SOCKETINFO* record, unsigned fd, int reason) {
   // What goes through the SOCKS server is recorded by the recorder's proxy: not a loss.
   if (!extensionOn(EXT_UNRECORDED_SOCKETS) || reason == SBL_SOCKSRECORDED || record == nullptr) return;
+  // Told already: a plain load, not a locked write, on every later call of a UDP-heavy program.
+  if ((__atomic_load_n(&record->flags, __ATOMIC_RELAXED) & SIF_NOTICED) != 0) return;
   if (markSocket(record, SIF_NOTICED)) sendNotice(fd, static_cast<int>(getFamily(record)), static_cast<int>(record->type));
 }
 

@@ -13,6 +13,7 @@
 #include "capture_output.h"
 #include "connection_tracker.h"
 #include "conversations.h"
+#include "json_lines_output.h"
 #include "message_json.h"
 #include "recorder_message_parser.h"
 #include "recording_totals.h"
@@ -44,14 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     arrived.parsed = &m;
     arrived.seen = tracker.observe(m);
     totals.add(m, arrived.seen);
-    talvex::MessageContext context;
-    context.pid = arrived.seen.pid;
-    if (arrived.seen.connection != nullptr) {
-      context.ends = &arrived.seen.connection->ends;
-      context.connection = arrived.seen.connection->id;
-      context.state = "open";
-      context.connectionError = arrived.seen.connection->error;
-    }
+    const talvex::MessageContext context = talvex::contextOf(arrived.seen);
     talvex::messageToJson(m, &context);
     capture.write(arrived);
     shown.push_back(m);

@@ -16,7 +16,8 @@ const char* stateName(ConnectState state) {
   return "open";
 }
 
-// Valid as long as the tracker's answer it points into.
+}  // namespace
+
 MessageContext contextOf(const ConnectionTracker::Seen& seen) {
   MessageContext context;
   context.pid = seen.pid;
@@ -28,8 +29,6 @@ MessageContext contextOf(const ConnectionTracker::Seen& seen) {
   }
   return context;
 }
-
-}  // namespace
 
 void JsonLinesOutput::write(const ArrivedMessage& message) {
   std::string line;

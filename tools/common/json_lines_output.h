@@ -3,9 +3,14 @@
 #pragma once
 
 #include "byte_sink.h"
+#include "message_json.h"
 #include "recording_output.h"
 
 namespace talvex {
+
+// What the tracker knows of a message, for its JSON object: valid as long as the answer it points
+// into.
+MessageContext contextOf(const ConnectionTracker::Seen& seen);
 
 class JsonLinesOutput : public RecordingOutput {
  public:

@@ -137,16 +137,11 @@ std::string keyOf(const std::string& kind, const std::string& name) {
   return name;
 }
 
-std::string argumentArray(const std::string& zeroSeparated) {
+std::string argumentArray(const std::string& commandLine) {
   std::string out = "[";
-  size_t start = 0;
-  while (start < zeroSeparated.size()) {
-    size_t end = zeroSeparated.find('\0', start);
-    if (end == std::string::npos) end = zeroSeparated.size();
-    const std::string argument = zeroSeparated.substr(start, end - start);
+  for (const std::string& argument : commandLineArguments(commandLine)) {
     if (out.size() > 1) out += ",";
     out += isUtf8(argument) ? jsonString(argument) : "null";
-    start = end + 1;
   }
   return out + "]";
 }

@@ -365,4 +365,15 @@ bool parseRecorderMessage(std::string_view text, ParsedMessage* message, std::st
   return parser.parse(message);
 }
 
+std::vector<std::string> commandLineArguments(const std::string& value) {
+  std::vector<std::string> arguments;
+  for (size_t start = 0; start < value.size();) {
+    size_t end = value.find('\0', start);
+    if (end == std::string::npos) end = value.size();
+    arguments.push_back(value.substr(start, end - start));
+    start = end + 1;
+  }
+  return arguments;
+}
+
 }  // namespace talvex

@@ -42,6 +42,9 @@ struct ParsedMessage {
 // absent): for readers that need only who talked to whom.
 bool parseRecorderMessage(std::string_view text, ParsedMessage* message, std::string* error, bool payloads = true);
 
+// The arguments of a process message's "commandline", in which each one ends with a zero byte.
+std::vector<std::string> commandLineArguments(const std::string& value);
+
 // How many attribute heads of a message a form check remembers.
 const size_t kKnownHeads = 32;
 

@@ -4,25 +4,6 @@
 
 namespace talvex {
 
-namespace {
-
-Peer remoteEnd(const ConnectionEnds& ends) {
-  Peer p;
-  p.family = ends.family == "AF_INET6" ? 10 : 2;
-  p.ip = ends.remoteIp;
-  p.port = ends.remotePort;
-  return p;
-}
-
-Peer localEnd(const ConnectionEnds& ends) {
-  Peer p = remoteEnd(ends);
-  p.ip = localIpOf(ends);
-  p.port = ends.localPort;
-  return p;
-}
-
-}  // namespace
-
 bool CaptureOutput::open(const std::string& path, std::string* error) { return capture_.open(path, error); }
 
 void CaptureOutput::write(const ArrivedMessage& message) {
@@ -33,8 +14,8 @@ void CaptureOutput::write(const ArrivedMessage& message) {
   const ParsedMessage& m = *message.parsed;
   const bool accepted = c->opening == "accept";
   // The program's end is the client of a connect and the server of an accept.
-  const Peer client = accepted ? remoteEnd(c->ends) : localEnd(c->ends);
-  const Peer server = accepted ? localEnd(c->ends) : remoteEnd(c->ends);
+  const Peer client = endOf(c->ends, !accepted);
+  const Peer server = endOf(c->ends, accepted);
   if (message.seen.opening || message.seen.settled) {
     // A connect still under way draws nothing until its outcome is known.
     if (c->established()) {

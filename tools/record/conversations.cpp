@@ -13,15 +13,15 @@
 
 namespace talvex {
 
-namespace {
-
-Peer peerOf(const ConnectionEnds& ends, bool local) {
+Peer endOf(const ConnectionEnds& ends, bool local) {
   Peer p;
   p.family = ends.family == "AF_INET6" ? 10 : ends.family == "AF_INET" ? 2 : 0;
   p.ip = local ? localIpOf(ends) : ends.remoteIp;
   p.port = local ? ends.localPort : ends.remotePort;
   return p;
 }
+
+namespace {
 
 // The state the connection is in now, as the conversation shows it.
 void followState(Conversation& c, const TrackedConnection& connection) {
@@ -83,11 +83,7 @@ void addResolution(Recording& recording, size_t process, const ParsedMessage& m)
 
 std::string shellCommandLine(const std::string& zeroSeparated) {
   std::string line;
-  size_t start = 0;
-  while (start < zeroSeparated.size()) {
-    size_t end = zeroSeparated.find('\0', start);
-    if (end == std::string::npos) end = zeroSeparated.size();
-    const std::string argument = zeroSeparated.substr(start, end - start);
+  for (const std::string& argument : commandLineArguments(zeroSeparated)) {
     const bool plain = !argument.empty() && argument.find_first_not_of(
                            "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+=./:,@%") == std::string::npos;
     if (!line.empty()) line += ' ';
@@ -121,7 +117,6 @@ std::string shellCommandLine(const std::string& zeroSeparated) {
       for (const char c : argument) line += c == '\'' ? std::string("'\\''") : std::string(1, c);
       line += '\'';
     }
-    start = end + 1;
   }
   return line;
 }
@@ -197,8 +192,8 @@ Recording buildRecording(std::vector<ParsedMessage> shown, size_t malformed) {
         c.process = index;
         c.socket = m.integer("socket");
         c.opening = connection.opening;
-        c.local = peerOf(connection.ends, true);
-        c.remote = peerOf(connection.ends, false);
+        c.local = endOf(connection.ends, true);
+        c.remote = endOf(connection.ends, false);
         c.openTicket = m.integer("ticket");
         c.openTimeNs = m.timeNs();
         c.durationMs = m.integer("duration");

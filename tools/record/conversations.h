@@ -31,6 +31,10 @@ struct Peer {
   int port = 0;
 };
 
+// One end of a connection as the outputs draw it: the program's own end (`local`), its local
+// address a stand-in where the agent named none, or the far end.
+Peer endOf(const ConnectionEnds& ends, bool local);
+
 struct Conversation {
   size_t process = 0;  // the entry of Recording::processes that opened it
   int64_t pid = 0;

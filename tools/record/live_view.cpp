@@ -11,14 +11,8 @@ namespace talvex {
 
 namespace {
 
-Peer endOf(const TrackedConnection* c, bool local) {
-  Peer p;
-  if (c == nullptr) return p;
-  p.family = c->ends.family == "AF_INET6" ? 10 : 2;
-  p.ip = local ? localIpOf(c->ends) : c->ends.remoteIp;
-  p.port = local ? c->ends.localPort : c->ends.remotePort;
-  return p;
-}
+// An end of the message's connection; unknown (no address) when the message has none.
+Peer endOf(const TrackedConnection* c, bool local) { return c != nullptr ? endOf(c->ends, local) : Peer(); }
 
 // "connect 127.0.0.1:52042 -> 127.0.0.1:8080", the local end left out while its port is unknown.
 std::string connectEnds(const TrackedConnection* c) {
