@@ -156,8 +156,6 @@ SentBytes sentBytes(size_t asked, ssize_t result) {
 
 bool emptyReceiveCarriesData() { return !completeCaptureOn(); }
 
-bool emptyAskIsLeftOut(uint64_t asked, ssize_t result) { return asked == 0 && result == 0 && completeCaptureOn(); }
-
 bool peekIsLeftOut(int flags) { return (flags & MSG_PEEK) != 0 && completeCaptureOn(); }
 
 SOCKETINFO* socketForCall(unsigned fd) {

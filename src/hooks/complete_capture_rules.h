@@ -7,6 +7,8 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
+#include "config/complete_capture.h"
+
 struct SOCKETINFO;
 
 // The bytes of a send that its message carries. Usually every byte asked for, whatever the
@@ -22,7 +24,10 @@ bool emptyReceiveCarriesData();
 
 // Whether a receive that asked for no bytes and got none is left out: with complete capture it
 // is not an event (an end of stream is a receive that asked for bytes and got none).
-bool emptyAskIsLeftOut(uint64_t asked, ssize_t result);
+// Inline: every receive asks, and almost none asked for nothing.
+inline bool emptyAskIsLeftOut(uint64_t asked, ssize_t result) {
+  return asked == 0 && result == 0 && completeCaptureOn();
+}
 
 // Whether a receive with these flags is left out of the recording: a peek consumes nothing, so
 // with complete capture its bytes are recorded once, when they are read.
