@@ -6,6 +6,8 @@
 #include "diag/debug_log.h"
 #include "hooks/complete_capture_rules.h"
 #include "hooks/host_vectors.h"
+#include "hooks/message_parts.h"
+#include "hooks/tls_plaintext.h"
 #include "message/address_attributes.h"
 #include "message/recorder_message.h"
 #include "registry/recording_decision.h"
@@ -15,37 +17,6 @@
 
 namespace {
 
-// The data attribute over `count` bytes of `bytes`. The string setter counts in an int and reads
-// a count of 0 as "up to the first zero byte": an empty one is given an empty text, and one too
-// long to count makes the message incomplete, so that it is dropped rather than sent without it.
-void setData(RecorderMessage& message, const void* bytes, size_t count) {
-  if (count > static_cast<size_t>(INT_MAX)) {
-    message.abandon();
-    return;
-  }
-  message.set(RMA_DATA, count > 0 ? static_cast<const char*>(bytes) : "", static_cast<int>(count));
-}
-
-// The head of every send message: when, which call, which socket, which process.
-void sendHead(RecorderMessage& message, const CallStart& start, int socket) {
-  if (start.stampNs != -1) message.set(RMA_TIMESTAMP_NS, start.stampNs);
-  message.set(RMA_TIMESTAMP, start.stamp);
-  message.setInt(RMA_TICKET, start.ticket);
-  message.setInt64(RMA_SOCKET, socket);
-  message.set(RMA_PID, currentProcessId);
-}
-
-// The head of every receive message, stamped when the data arrived.
-void receiveHead(RecorderMessage& message, int ticket, int socket) {
-  const int64_t stamp = getTimeStamp();
-  const int64_t stampNs = getTimeStampNs();
-  if (stampNs != -1) message.set(RMA_TIMESTAMP_NS, stampNs);
-  message.set(RMA_PID, currentProcessId);
-  message.set(RMA_TIMESTAMP, stamp);
-  message.setInt(RMA_TICKET, ticket);
-  message.setInt64(RMA_SOCKET, socket);
-}
-
 // The bytes a receive got: those the system wrote into the caller's buffer, never more than the
 // buffer holds (a datagram receive with MSG_TRUNC reports its full size). A result of 0 takes
 // the buffer up to its first zero byte, as the string setter reads a count of 0, but never past
@@ -54,11 +25,11 @@ void setReceivedData(RecorderMessage& message, const void* buffer, size_t length
   const char* bytes = static_cast<const char*>(buffer);
   if (result == 0) {
     if (emptyReceiveCarriesData()) {
-      setData(message, bytes, static_cast<size_t>(printableLength(buffer, readableBytes(buffer, length, 0))));
+      setMessageData(message, bytes, static_cast<size_t>(printableLength(buffer, readableBytes(buffer, length, 0))));
     }
   } else if (result > 0) {
     const size_t written = static_cast<size_t>(result) < length ? static_cast<size_t>(result) : length;
-    setData(message, bytes, written);
+    setMessageData(message, bytes, written);
   }
   // A failed receive got nothing, and its message has no data.
 }
@@ -76,13 +47,14 @@ void recordSend(const CallStart& start, int socket, const void* buffer, size_t l
                 const SendDestination* destination) {
   // A send never takes more than was asked: its data is at most `length` bytes.
   if (!messageWorthBuilding(length)) return;
+  if (result > 0 && tlsHandshakeStartsOn(socket, buffer, static_cast<size_t>(result))) return;
   RecorderMessage message(RMT_SEND, start.cpt);
-  sendHead(message, start, socket);
+  setSendHead(message, start, socket);
   const SentBytes sent = sentBytes(length, result);
   if (sent.present && length != 0) {
     // As far as they can be read: a failed send may not have looked at the buffer at all.
     const size_t readable = readableBytes(buffer, sent.count, result > 0 ? static_cast<size_t>(result) : 0);
-    setData(message, buffer, readable);
+    setMessageData(message, buffer, readable);
   }
   message.set(RMA_LENGTH, static_cast<unsigned>(length));
   message.set(RMA_RETURN, static_cast<int>(result));
@@ -101,8 +73,9 @@ void recordSend(const CallStart& start, int socket, const void* buffer, size_t l
 
 void recordVectorSend(const CallStart& start, int socket, const HostVectors& vectors, ssize_t result, int error) {
   if (!messageWorthBuilding(vectors.readable())) return;
+  if (result > 0 && vectors.valid() && tlsHandshakeStartsOn(socket, vectors.list(), vectors.count(), result)) return;
   RecorderMessage message(RMT_SEND, start.cpt);
-  sendHead(message, start, socket);
+  setSendHead(message, start, socket);
   const SentBytes sent = sentBytes(static_cast<size_t>(vectors.readable()), result);
   if (!vectors.valid()) {
     if (sent.present) message.set(RMA_DATA, "", 0);
@@ -121,7 +94,7 @@ void recordReceive(int cpt, int ticket, int socket, const void* buffer, size_t l
   if (emptyAskIsLeftOut(length, result)) return;
   if (!messageWorthBuilding(result > 0 ? static_cast<uint64_t>(result) : length)) return;
   RecorderMessage message(RMT_RECEIVE, cpt);
-  receiveHead(message, ticket, socket);
+  setReceiveHead(message, ticket, socket);
   setReceivedData(message, buffer, length, result);
   message.set(RMA_LENGTH, static_cast<int>(result));
   message.set(RMA_RETURN, static_cast<int>(result));
@@ -137,7 +110,7 @@ void recordVectorReceive(const CallStart& start, int socket, const HostVectors& 
   if (emptyAskIsLeftOut(vectors.requested(), result)) return;
   if (!messageWorthBuilding(result > 0 ? static_cast<uint64_t>(result) : 0)) return;
   RecorderMessage message(RMT_RECEIVE, start.cpt);
-  receiveHead(message, start.ticket, socket);
+  setReceiveHead(message, start.ticket, socket);
   // The bytes received, spread over the vectors in order; a failed call received none.
   if (vectors.valid() && (result > 0 || emptyReceiveCarriesData())) {
     message.setiovect(RMA_DATA, vectors.list(), vectors.count(), result > 0 ? static_cast<uint64_t>(result) : 0);

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include "hooks/handler_support.h"
+#include "hooks/tls_plaintext.h"
 #include "hooks/unrecorded_sockets.h"
 #include "real/real_functions.h"
 #include "registry/recording_decision.h"
@@ -32,7 +33,9 @@ template <class Record>
 void recordOrSayWhyNot(SOCKETINFO* record, const char* name, int cpt, unsigned fd, int error, Record recordIt) {
   const int reason = shouldBeLogged(record);
   if (reason == SBL_SHOULDBELOGGED) {
-    recordIt();
+    // A socket's share of a TLS conversation is its plaintext, recorded where the program hands it
+    // to the library (see tls_plaintext.h), not the records the library makes of it.
+    if (!tlsRecordsLeftOut(record, name, cpt, fd)) recordIt();
   } else {
     logNotRecorded(record, name, cpt, fd, reason);
     noticeUnrecordedSocket(record, fd, reason);

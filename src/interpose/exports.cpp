@@ -14,6 +14,7 @@
 #include "real/capture_real_functions.h"
 #include "real/dlsym_bootstrap.h"
 #include "real/real_functions.h"
+#include "real/tls_functions.h"
 #include "startup/agent_startup.h"
 
 // Start the agent once, make sure the real function is known, and let the handler decide.
@@ -122,6 +123,14 @@ TALVEX_BEFORE_SANITIZERS bool loadedAfterAgent(const void* caller) {
   return false;
 }
 
+// A TLS function is there only where its library is: a program that asks the default scope for
+// one to learn whether the library is loaded gets the answer it would get without the agent, and
+// the agent's stand-in when it is. A lookup in one library's own handle is that library's.
+TALVEX_BEFORE_SANITIZERS void* tlsLookup(void* handle, const char* name, void* standIn) {
+  if (handle != RTLD_DEFAULT && handle != RTLD_NEXT) return dlsymptr(handle, name);
+  return lookupNextDefinition(name) != nullptr ? standIn : nullptr;
+}
+
 // Run-time lookups are answered from the agent first, so a host that fetches a hooked function
 // through dlsym still reaches the hook.
 TALVEX_BEFORE_SANITIZERS void* agentLookup(void* handle, const char* name) {
@@ -135,6 +144,7 @@ TALVEX_BEFORE_SANITIZERS void* agentLookup(void* handle, const char* name) {
     return hook != nullptr ? hook : dlsymptr(handle, name);
   }
   void* address = dlsymptr(ownObject, name);
+  if (address != nullptr && isTlsExport(name)) return tlsLookup(handle, name, address);
   if (address != nullptr) return address;
   return dlsymptr(handle, name);
 }

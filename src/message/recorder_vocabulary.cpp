@@ -14,4 +14,4 @@ const char* const MARKER_RMA[24] = {"commandline", "workingdir", "data",        
 const char HexaTable[17] = "0123456789abcdef";
 
 const char* const kExtensionKindNames[1] = {"connectoutcome"};
-const char* const kExtensionAttributeNames[5] = {"cookie", "localip", "address", "gaierror", "kind"};
+const char* const kExtensionAttributeNames[6] = {"cookie", "localip", "address", "gaierror", "kind", "tls"};

@@ -13,7 +13,7 @@ enum RecorderMessageKind {
   RMT_EXIT = 8,
   RMT_DEBUG = 9,
   RMT_NOTRECORDED = 10,
-  // Kinds that only extensions send (extension_vocabulary.h names them).
+  // Kinds that only extensions send (the kExtension tables below name them).
   RMT_CONNECTOUTCOME = 11,
 };
 
@@ -50,12 +50,13 @@ enum RecorderMessageAttribute {
   RMA_SOCKSERROR = 21,
   RMA_LOOPBACK = 22,
   RMA_ARCHI = 23,
-  // Attributes that only extensions set (extension_vocabulary.h names them).
+  // Attributes that only extensions set (the kExtension tables below name them).
   RMA_COOKIE = 24,
   RMA_LOCALIP = 25,
   RMA_ADDRESS = 26,
   RMA_GAIERROR = 27,
   RMA_KIND = 28,
+  RMA_TLS = 29,
 };
 
 extern const char* const MARKER_RMT[11];
@@ -66,7 +67,7 @@ extern const char HexaTable[17];
 // The names of the kinds and attributes only extensions send, kept apart from the tables above,
 // whose sizes every consumer of the vocabulary knows.
 extern const char* const kExtensionKindNames[1];
-extern const char* const kExtensionAttributeNames[5];
+extern const char* const kExtensionAttributeNames[6];
 
 // The name of a kind or an attribute, the extensions' own included. Inline: every attribute of
 // every message is written through it.

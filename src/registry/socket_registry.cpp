@@ -171,6 +171,7 @@ SOCKETINFO* createSocketInfo(unsigned socket, unsigned family, unsigned type, in
   record->type = type;
   // A record handed out again starts with none of the extensions' marks of its former socket.
   takeFlag(record, SIF_CONNECTING | SIF_NOTICED | SIF_INHERITED);
+  __atomic_store_n(&record->tlsObject, nullptr, __ATOMIC_RELAXED);
   if (nonBlocking & 1) {
     setFlag(record, SIF_NONBLOCKING);
   } else {

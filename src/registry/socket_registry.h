@@ -31,6 +31,8 @@ struct SOCKETINFO {
   unsigned char addr[128];
   // The kernel's cookie of the socket when it was registered (0: unknown, never checked).
   uint64_t cookie;
+  // The TLS session whose records the socket carries (null: none known); see tls_ties.h.
+  const void* tlsObject;
 };
 
 extern SOCKETINFO* allSocketInfo;

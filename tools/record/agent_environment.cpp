@@ -48,9 +48,11 @@ std::vector<std::string> agentEnvironment(char** inherited, const RecordOptions&
   environment[TALVEX_VAR_COMPLETE_CAPTURE] = "1";
   // What the outputs need to tell what the program did: which socket each descriptor is, how a
   // connect in progress ended, which program each process runs, every address resolved and
-  // every name that was not, the sockets not recorded, and whose each message is.
+  // every name that was not, the sockets not recorded, whose each message is, and what a TLS
+  // connection said before it was encrypted.
   for (const char* extension : {TALVEX_VAR_SOCKET_IDENTITY, TALVEX_VAR_CONNECT_OUTCOME, TALVEX_VAR_COMMAND_LINE,
-                                TALVEX_VAR_ALL_RESOLUTIONS, TALVEX_VAR_UNRECORDED_SOCKETS, TALVEX_VAR_PID_EVERYWHERE}) {
+                                TALVEX_VAR_ALL_RESOLUTIONS, TALVEX_VAR_UNRECORDED_SOCKETS, TALVEX_VAR_PID_EVERYWHERE,
+                                TALVEX_VAR_TLS_PLAINTEXT}) {
     environment[extension] = "1";
   }
   // A program built with AddressSanitizer's runtime as a library of its own refuses to start

@@ -1,0 +1,170 @@
+#include "hooks/tls_plaintext.h"
+
+#include <errno.h>
+
+#include "config/extension_switches.h"
+#include "diag/debug_log.h"
+#include "hooks/message_parts.h"
+#include "message/recorder_message.h"
+#include "real/tls_functions.h"
+#include "registry/recording_decision.h"
+#include "registry/socket_registry.h"
+#include "transport/agent_interface.h"
+#include "transport/message_demand.h"
+
+__thread TlsCallState tlsCallState __attribute__((tls_model("initial-exec")));
+__thread const void* untiedTlsSession __attribute__((tls_model("initial-exec")));
+
+namespace {
+
+const char* const kLibraryNames[] = {"OpenSSL", "GnuTLS"};
+
+// OpenSSL's SSL_ERROR_SYSCALL and SSL_ERROR_ZERO_RETURN.
+const int kSslErrorSyscall = 5;
+const int kSslErrorZeroReturn = 6;
+
+// A TLS record header: content type (change cipher spec, alert, handshake, application data),
+// then major version 3. A handshake record begins every conversation.
+const unsigned char kHandshakeRecord = 0x16;
+
+// The descriptor the library itself was given, when it is a socket the agent knows.
+int libraryDescriptor(const void* session, TlsLibrary library, const void* caller) {
+  int descriptor = -1;
+  if (library == TLS_OPENSSL) {
+    SSL_get_fd_type getFd = realTls<TLS_FN_SSL_get_fd, SSL_get_fd_type>(caller);
+    if (getFd != nullptr) descriptor = getFd(session);
+  } else {
+    // A session given pointers rather than a descriptor answers with the pointer's low bits: only
+    // a socket the registry knows is believed.
+    gnutls_transport_get_int_type getInt = realTls<TLS_FN_gnutls_transport_get_int, gnutls_transport_get_int_type>(caller);
+    if (getInt != nullptr) descriptor = getInt(const_cast<void*>(session));
+  }
+  if (descriptor <= 0 || getSocketInfo(static_cast<unsigned>(descriptor)) == nullptr) return -1;
+  return descriptor;
+}
+
+// Whether the socket's plaintext is recorded, as its records would have been. A session tied to
+// no socket is recorded as a connection of its own.
+bool plaintextRecorded(int socket) {
+  if (socket < 0) return true;
+  return shouldBeLogged(getSocketInfo(static_cast<unsigned>(socket))) == SBL_SHOULDBELOGGED;
+}
+
+}  // namespace
+
+bool tlsPlaintextWanted() { return extensionOn(EXT_TLS_PLAINTEXT); }
+
+bool leaveOutTlsRecords(SOCKETINFO* record, const char* name, int cpt, unsigned fd) {
+  TlsCallState& call = tlsCallState;
+  if (call.depth != 0) {
+    if (tlsSessionOf(record) != call.session) tieTlsSession(record, call.session);
+    call.carrier = static_cast<int>(fd);
+    if (untiedTlsSession == call.session) untiedTlsSession = nullptr;
+  }
+  si_disp(record, DMK_INFO, "[%d]%s on %lx not logged (TLS records)", cpt, name, static_cast<unsigned long>(fd));
+  return true;
+}
+
+bool tieToUntiedSession(int socket, const void* bytes, size_t count) {
+  if (count < 3 || socket <= 0) return false;
+  unsigned char head[3];
+  if (copyHostBytes(head, bytes, sizeof head, sizeof head) < sizeof head) return false;
+  if (head[0] != kHandshakeRecord || head[1] != 3 || head[2] > 4) return false;
+  SOCKETINFO* record = getSocketInfo(static_cast<unsigned>(socket));
+  if (record == nullptr || tlsSessionOf(record) != nullptr) return false;
+  tieTlsSession(record, untiedTlsSession);
+  untiedTlsSession = nullptr;
+  return true;
+}
+
+TlsCall::TlsCall(const void* session, TlsLibrary library, const void* caller)
+    : session_(session), library_(library), caller_(caller), outermost_(tlsCallState.depth == 0), start_() {
+  if (outermost_) {
+    tlsCallState.session = session;
+    tlsCallState.carrier = -1;
+    start_ = beginCall();
+  }
+  ++tlsCallState.depth;
+}
+
+TlsCall::~TlsCall() {
+  --tlsCallState.depth;
+  if (!outermost_) return;
+  tlsCallState.session = nullptr;
+  // A session that used no socket in this call and has none known may be over memory buffers:
+  // its records leave through the socket this thread sends them on next.
+  if (tlsCallState.carrier < 0 && socketOfTlsSession(session_) < 0) {
+    const int error = errno;
+      if (libraryDescriptor(session_, library_, caller_) < 0) untiedTlsSession = session_;
+    errno = error;
+  }
+}
+
+int TlsCall::carrier() {
+  if (tlsCallState.carrier > 0) return tlsCallState.carrier;
+  int socket = socketOfTlsSession(session_);
+  if (socket > 0) return socket;
+  socket = libraryDescriptor(session_, library_, caller_);
+  if (socket > 0) tieTlsSession(getSocketInfo(static_cast<unsigned>(socket)), session_);
+  return socket;
+}
+
+void TlsCall::sent(const void* buffer, size_t asked, size_t sent) {
+  if (!outermost_ || sent == 0) return;
+  const int error = errno;
+  const int socket = carrier();
+  if (messageWorthBuilding(sent) && plaintextRecorded(socket)) {
+    RecorderMessage message(RMT_SEND, start_.cpt);
+    setSendHead(message, start_, socket);
+    setMessageData(message, buffer, sent);
+    message.set(RMA_LENGTH, static_cast<unsigned>(asked));
+    message.set(RMA_RETURN, static_cast<int>(sent));
+    message.set(RMA_ERROR, 0);
+    message.set(RMA_TLS, kLibraryNames[library_], 0);
+    sendToRecorder(message);
+  }
+  errno = error;
+}
+
+void TlsCall::received(const void* buffer, size_t got) {
+  if (!outermost_ || got == 0) return;
+  const int error = errno;
+  const int socket = carrier();
+  if (messageWorthBuilding(got) && plaintextRecorded(socket)) {
+    RecorderMessage message(RMT_RECEIVE, start_.cpt);
+    setReceiveHead(message, start_.ticket, socket);
+    setMessageData(message, buffer, got);
+    message.set(RMA_LENGTH, static_cast<int>(got));
+    message.set(RMA_RETURN, static_cast<int>(got));
+    message.set(RMA_ERROR, 0);
+    message.set(RMA_TLS, kLibraryNames[library_], 0);
+    sendToRecorder(message);
+  }
+  errno = error;
+}
+
+void TlsCall::ended() {
+  if (!outermost_) return;
+  const int error = errno;
+  const int socket = carrier();
+  if (messageWorthBuilding(0) && plaintextRecorded(socket)) {
+    RecorderMessage message(RMT_RECEIVE, start_.cpt);
+    setReceiveHead(message, start_.ticket, socket);
+    message.set(RMA_LENGTH, 0);
+    message.set(RMA_RETURN, 0);
+    message.set(RMA_ERROR, 0);
+    message.set(RMA_TLS, kLibraryNames[library_], 0);
+    sendToRecorder(message);
+  }
+  errno = error;
+}
+
+bool openSslReadEnded(const void* ssl, int result, const void* caller) {
+  if (result > 0) return false;
+  const int error = errno;
+  SSL_get_error_type getError = realTls<TLS_FN_SSL_get_error, SSL_get_error_type>(caller);
+  const int kind = getError != nullptr ? getError(ssl, result) : 0;
+  errno = error;
+  // A closing alert; or, from OpenSSL 1.1, the stream's end without one.
+  return kind == kSslErrorZeroReturn || (kind == kSslErrorSyscall && error == 0);
+}

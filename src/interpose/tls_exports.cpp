@@ -1,0 +1,239 @@
+// The TLS libraries' functions the host binds to instead of the libraries' own (see
+// hooks/tls_plaintext.h). With the extension off each one only passes the call on; a program that
+// loads no TLS library never reaches them.
+#include <errno.h>
+#include <stddef.h>
+#include <sys/types.h>
+
+#include "base/export_visibility.h"
+#include "base/process_identity.h"
+#include "hooks/tls_plaintext.h"
+#include "interpose/reentry_guard.h"
+#include "real/tls_functions.h"
+#include "startup/agent_startup.h"
+
+namespace {
+
+// Whether a call into a TLS library is one the agent records: not one made while the agent is at
+// work on this thread, and the extension on. The process's first call the agent sees starts it.
+bool tlsCallRecorded() {
+  if (insideAgent()) return false;
+  if (globalInit == 0) {
+    AgentScope scope;
+    const int callerErrno = errno;
+    GlobalInit();
+    waitForStartupElsewhere();
+    errno = callerErrno;
+  }
+  return tlsPlaintextWanted();
+}
+
+// Every stand-in: the library's own function, called straight when the call is not recorded, and
+// otherwise inside a TlsCall, after which `record` looks at the result. A library the agent cannot
+// find (no program calls a function its scope lacks) gives -1, an error in both libraries.
+template <class Result, TlsFunction function, class Record, class... Arguments>
+Result throughLibrary(const void* caller, const void* session, TlsLibrary library, Record record,
+                      Arguments... arguments) {
+  typedef Result (*Real)(Arguments...);
+  Real real = reinterpret_cast<Real>(tlsFunction(function, caller));
+  if (real == nullptr) return static_cast<Result>(-1);
+  if (!tlsCallRecorded()) return real(arguments...);
+  TlsCall call(session, library, caller);
+  const Result result = real(arguments...);
+  if (call.recording()) {
+    AgentScope scope;
+    record(call, result);
+  }
+  return result;
+}
+
+// A call that moves only records (a handshake, a peek, an alert): its socket calls are left out.
+template <class Result>
+void nothingToRecord(TlsCall&, Result) {}
+
+// The byte count an OpenSSL _ex call left in the caller's variable, read only once it succeeded.
+size_t countOf(int result, const size_t* count) { return result == 1 && count != nullptr ? *count : 0; }
+
+#define TALVEX_CALLER __builtin_return_address(0)
+
+}  // namespace
+
+extern "C" {
+
+TALVEX_EXPORT int SSL_write(void* ssl, const void* buffer, int count) {
+  return throughLibrary<int, TLS_FN_SSL_write>(
+      TALVEX_CALLER, ssl, TLS_OPENSSL,
+      [&](TlsCall& call, int result) {
+        if (result > 0) call.sent(buffer, static_cast<size_t>(count), static_cast<size_t>(result));
+      },
+      ssl, buffer, count);
+}
+
+TALVEX_EXPORT int SSL_write_ex(void* ssl, const void* buffer, size_t count, size_t* written) {
+  return throughLibrary<int, TLS_FN_SSL_write_ex>(
+      TALVEX_CALLER, ssl, TLS_OPENSSL,
+      [&](TlsCall& call, int result) { call.sent(buffer, count, countOf(result, written)); }, ssl, buffer, count,
+      written);
+}
+
+TALVEX_EXPORT int SSL_write_early_data(void* ssl, const void* buffer, size_t count, size_t* written) {
+  return throughLibrary<int, TLS_FN_SSL_write_early_data>(
+      TALVEX_CALLER, ssl, TLS_OPENSSL,
+      [&](TlsCall& call, int result) { call.sent(buffer, count, countOf(result, written)); }, ssl, buffer, count,
+      written);
+}
+
+TALVEX_EXPORT int SSL_read(void* ssl, void* buffer, int count) {
+  const void* caller = TALVEX_CALLER;
+  return throughLibrary<int, TLS_FN_SSL_read>(
+      caller, ssl, TLS_OPENSSL,
+      [&](TlsCall& call, int result) {
+        if (result > 0) {
+          call.received(buffer, static_cast<size_t>(result));
+        } else if (openSslReadEnded(ssl, result, caller)) {
+          call.ended();
+        }
+      },
+      ssl, buffer, count);
+}
+
+TALVEX_EXPORT int SSL_read_ex(void* ssl, void* buffer, size_t count, size_t* got) {
+  const void* caller = TALVEX_CALLER;
+  return throughLibrary<int, TLS_FN_SSL_read_ex>(
+      caller, ssl, TLS_OPENSSL,
+      [&](TlsCall& call, int result) {
+        if (result == 1) {
+          call.received(buffer, countOf(result, got));
+        } else if (openSslReadEnded(ssl, result, caller)) {
+          call.ended();
+        }
+      },
+      ssl, buffer, count, got);
+}
+
+// 1 is SSL_READ_EARLY_DATA_SUCCESS: bytes were read. The other outcomes read none.
+TALVEX_EXPORT int SSL_read_early_data(void* ssl, void* buffer, size_t count, size_t* got) {
+  return throughLibrary<int, TLS_FN_SSL_read_early_data>(
+      TALVEX_CALLER, ssl, TLS_OPENSSL,
+      [&](TlsCall& call, int result) { call.received(buffer, countOf(result, got)); }, ssl, buffer, count, got);
+}
+
+// A peek leaves the bytes for the read that consumes them: only that read records them.
+TALVEX_EXPORT int SSL_peek(void* ssl, void* buffer, int count) {
+  return throughLibrary<int, TLS_FN_SSL_peek>(TALVEX_CALLER, ssl, TLS_OPENSSL, nothingToRecord<int>, ssl, buffer,
+                                             count);
+}
+
+TALVEX_EXPORT int SSL_peek_ex(void* ssl, void* buffer, size_t count, size_t* got) {
+  return throughLibrary<int, TLS_FN_SSL_peek_ex>(TALVEX_CALLER, ssl, TLS_OPENSSL, nothingToRecord<int>, ssl, buffer,
+                                                count, got);
+}
+
+TALVEX_EXPORT int SSL_do_handshake(void* ssl) {
+  return throughLibrary<int, TLS_FN_SSL_do_handshake>(TALVEX_CALLER, ssl, TLS_OPENSSL, nothingToRecord<int>, ssl);
+}
+
+TALVEX_EXPORT int SSL_connect(void* ssl) {
+  return throughLibrary<int, TLS_FN_SSL_connect>(TALVEX_CALLER, ssl, TLS_OPENSSL, nothingToRecord<int>, ssl);
+}
+
+TALVEX_EXPORT int SSL_accept(void* ssl) {
+  return throughLibrary<int, TLS_FN_SSL_accept>(TALVEX_CALLER, ssl, TLS_OPENSSL, nothingToRecord<int>, ssl);
+}
+
+TALVEX_EXPORT int SSL_shutdown(void* ssl) {
+  return throughLibrary<int, TLS_FN_SSL_shutdown>(TALVEX_CALLER, ssl, TLS_OPENSSL, nothingToRecord<int>, ssl);
+}
+
+TALVEX_EXPORT ssize_t gnutls_record_send(void* session, const void* data, size_t size) {
+  return throughLibrary<ssize_t, TLS_FN_gnutls_record_send>(
+      TALVEX_CALLER, session, TLS_GNUTLS,
+      [&](TlsCall& call, ssize_t result) {
+        if (result > 0) call.sent(data, size, static_cast<size_t>(result));
+      },
+      session, data, size);
+}
+
+TALVEX_EXPORT ssize_t gnutls_record_send2(void* session, const void* data, size_t size, size_t pad, unsigned flags) {
+  return throughLibrary<ssize_t, TLS_FN_gnutls_record_send2>(
+      TALVEX_CALLER, session, TLS_GNUTLS,
+      [&](TlsCall& call, ssize_t result) {
+        if (result > 0) call.sent(data, size, static_cast<size_t>(result));
+      },
+      session, data, size, pad, flags);
+}
+
+TALVEX_EXPORT ssize_t gnutls_record_send_range(void* session, const void* data, size_t size, const void* range) {
+  return throughLibrary<ssize_t, TLS_FN_gnutls_record_send_range>(
+      TALVEX_CALLER, session, TLS_GNUTLS,
+      [&](TlsCall& call, ssize_t result) {
+        if (result > 0) call.sent(data, size, static_cast<size_t>(result));
+      },
+      session, data, size, range);
+}
+
+// 0 is the end of the peer's side: its closing alert, or the stream's end where the session
+// allows one without.
+TALVEX_EXPORT ssize_t gnutls_record_recv(void* session, void* data, size_t size) {
+  return throughLibrary<ssize_t, TLS_FN_gnutls_record_recv>(
+      TALVEX_CALLER, session, TLS_GNUTLS,
+      [&](TlsCall& call, ssize_t result) {
+        if (result > 0) {
+          call.received(data, static_cast<size_t>(result));
+        } else if (result == 0) {
+          call.ended();
+        }
+      },
+      session, data, size);
+}
+
+TALVEX_EXPORT ssize_t gnutls_record_recv_seq(void* session, void* data, size_t size, unsigned char* sequence) {
+  return throughLibrary<ssize_t, TLS_FN_gnutls_record_recv_seq>(
+      TALVEX_CALLER, session, TLS_GNUTLS,
+      [&](TlsCall& call, ssize_t result) {
+        if (result > 0) {
+          call.received(data, static_cast<size_t>(result));
+        } else if (result == 0) {
+          call.ended();
+        }
+      },
+      session, data, size, sequence);
+}
+
+TALVEX_EXPORT int gnutls_handshake(void* session) {
+  return throughLibrary<int, TLS_FN_gnutls_handshake>(TALVEX_CALLER, session, TLS_GNUTLS, nothingToRecord<int>,
+                                                      session);
+}
+
+TALVEX_EXPORT int gnutls_bye(void* session, int how) {
+  return throughLibrary<int, TLS_FN_gnutls_bye>(TALVEX_CALLER, session, TLS_GNUTLS, nothingToRecord<int>, session,
+                                                how);
+}
+
+// Corked sends were recorded when the program made them; uncorking only moves their records.
+TALVEX_EXPORT int gnutls_record_uncork(void* session, unsigned flags) {
+  return throughLibrary<int, TLS_FN_gnutls_record_uncork>(TALVEX_CALLER, session, TLS_GNUTLS,
+                                                          nothingToRecord<int>, session, flags);
+}
+
+TALVEX_EXPORT int gnutls_rehandshake(void* session) {
+  return throughLibrary<int, TLS_FN_gnutls_rehandshake>(TALVEX_CALLER, session, TLS_GNUTLS, nothingToRecord<int>,
+                                                        session);
+}
+
+TALVEX_EXPORT int gnutls_reauth(void* session, unsigned flags) {
+  return throughLibrary<int, TLS_FN_gnutls_reauth>(TALVEX_CALLER, session, TLS_GNUTLS, nothingToRecord<int>,
+                                                   session, flags);
+}
+
+TALVEX_EXPORT int gnutls_session_key_update(void* session, unsigned flags) {
+  return throughLibrary<int, TLS_FN_gnutls_session_key_update>(TALVEX_CALLER, session, TLS_GNUTLS,
+                                                               nothingToRecord<int>, session, flags);
+}
+
+TALVEX_EXPORT int gnutls_alert_send(void* session, int level, int description) {
+  return throughLibrary<int, TLS_FN_gnutls_alert_send>(TALVEX_CALLER, session, TLS_GNUTLS, nothingToRecord<int>,
+                                                       session, level, description);
+}
+
+}  // extern "C"
