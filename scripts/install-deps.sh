@@ -4,7 +4,7 @@
 # 32-bit GoogleTest and C library development files.
 set -euo pipefail
 
-packages=(cmake make g++ g++-multilib lib32asan8 lib32ubsan1 libc6-dev-i386 libgtest-dev:i386 libgtest-dev:amd64 microsocks tshark binutils clang libclang-rt-14-dev iproute2 util-linux python3 curl valgrind tzdata jq man-db groff-base python3-jsonschema git)
+packages=(cmake make g++ g++-multilib lib32asan8 lib32ubsan1 libc6-dev-i386 libgtest-dev:i386 libgtest-dev:amd64 microsocks tshark binutils clang libclang-rt-14-dev iproute2 util-linux python3 curl valgrind tzdata jq man-db groff-base python3-jsonschema git wget openssl ca-certificates libgnutls30:i386)
 
 missing=()
 for p in "${packages[@]}"; do
@@ -12,10 +12,33 @@ for p in "${packages[@]}"; do
     missing+=("$p")
   fi
 done
-[ ${#missing[@]} -eq 0 ] && exit 0
+# The TLS tests' own 32-bit client opens Debian's i386 OpenSSL by path. The i386 and amd64
+# libssl3 packages can only be installed side by side at the same version, which the mirror does
+# not always offer at once; so the i386 one is unpacked into a folder of its own, not installed.
+i386_openssl=/var/lib/talvex-test/libssl3-i386
+i386_openssl_ready() { [ -e "$i386_openssl/usr/lib/i386-linux-gnu/libssl.so.3" ]; }
+
+[ ${#missing[@]} -eq 0 ] && i386_openssl_ready && exit 0
 
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+
+unpack_i386_openssl() {
+  local work
+  work=$(mktemp -d)
+  chmod 755 "$work"  # apt downloads as its own user
+  (cd "$work" && apt-get download -qq libssl3:i386 && $SUDO mkdir -p "$i386_openssl" &&
+     $SUDO dpkg-deb -x libssl3_*_i386.deb "$i386_openssl")
+  local status=$?
+  rm -rf "$work"
+  return $status
+}
+
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "unpacking libssl3:i386 into $i386_openssl"
+  unpack_i386_openssl || { $SUDO apt-get update -qq && unpack_i386_openssl; }
+  exit $?
+fi
 
 if ! dpkg --print-foreign-architectures | grep -qx i386; then
   $SUDO dpkg --add-architecture i386
@@ -29,3 +52,4 @@ for attempt in 1 2 3; do
   sleep $((attempt * 5))
 done
 DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+i386_openssl_ready || { echo "unpacking libssl3:i386 into $i386_openssl"; unpack_i386_openssl; }

@@ -19,9 +19,13 @@ namespace {
 
 const char* const kLibraryNames[] = {"OpenSSL", "GnuTLS"};
 
-// OpenSSL's SSL_ERROR_SYSCALL and SSL_ERROR_ZERO_RETURN.
+// OpenSSL's SSL_ERROR_SSL, SSL_ERROR_SYSCALL and SSL_ERROR_ZERO_RETURN, and the reason code of
+// SSL_R_UNEXPECTED_EOF_WHILE_READING in an OpenSSL 3 error code.
+const int kSslErrorSsl = 1;
 const int kSslErrorSyscall = 5;
 const int kSslErrorZeroReturn = 6;
+const unsigned long kOpenSslReasonMask = 0x7fffff;
+const unsigned long kUnexpectedEofWhileReading = 294;
 
 // A TLS record header: content type (change cipher spec, alert, handshake, application data),
 // then major version 3. A handshake record begins every conversation.
@@ -164,7 +168,13 @@ bool openSslReadEnded(const void* ssl, int result, const void* caller) {
   const int error = errno;
   SSL_get_error_type getError = realTls<TLS_FN_SSL_get_error, SSL_get_error_type>(caller);
   const int kind = getError != nullptr ? getError(ssl, result) : 0;
+  bool ended = kind == kSslErrorZeroReturn || (kind == kSslErrorSyscall && error == 0);
+  if (kind == kSslErrorSsl) {
+    // OpenSSL 3 reports the stream's end without a closing alert as an error of its own, which it
+    // leaves on its queue: looked at, not taken.
+    ERR_peek_error_type peek = realTls<TLS_FN_ERR_peek_error, ERR_peek_error_type>(caller);
+    ended = peek != nullptr && (peek() & kOpenSslReasonMask) == kUnexpectedEofWhileReading;
+  }
   errno = error;
-  // A closing alert; or, from OpenSSL 1.1, the stream's end without one.
-  return kind == kSslErrorZeroReturn || (kind == kSslErrorSyscall && error == 0);
+  return ended;
 }

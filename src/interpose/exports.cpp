@@ -11,6 +11,7 @@
 #include "interpose/companions.h"
 #include "interpose/reentry_guard.h"
 #include "interpose/socket_export_list.h"
+#include "interpose/tls_stand_ins.h"
 #include "real/capture_real_functions.h"
 #include "real/dlsym_bootstrap.h"
 #include "real/real_functions.h"
@@ -125,10 +126,16 @@ TALVEX_BEFORE_SANITIZERS bool loadedAfterAgent(const void* caller) {
 
 // A TLS function is there only where its library is: a program that asks the default scope for
 // one to learn whether the library is loaded gets the answer it would get without the agent, and
-// the agent's stand-in when it is. A lookup in one library's own handle is that library's.
+// the agent's stand-in when it is. A program that opened the library itself and asks its handle
+// gets the stand-in too, as long as that library is the one the stand-in calls; otherwise (two
+// libraries of the same names in one process) the library's own function, unrecorded.
 TALVEX_BEFORE_SANITIZERS void* tlsLookup(void* handle, const char* name, void* standIn) {
-  if (handle != RTLD_DEFAULT && handle != RTLD_NEXT) return dlsymptr(handle, name);
-  return lookupNextDefinition(name) != nullptr ? standIn : nullptr;
+  void* own = handle == RTLD_DEFAULT || handle == RTLD_NEXT ? standIn : dlsymptr(handle, name);
+  if (own == nullptr) return nullptr;
+  // The default scope, or a handle whose scope is the global one (the program's own, from
+  // dlopen(NULL)): the agent comes first there.
+  if (own == standIn) return lookupNextDefinition(name) != nullptr ? standIn : nullptr;
+  return adoptTlsFunction(name, own) ? standIn : own;
 }
 
 // Run-time lookups are answered from the agent first, so a host that fetches a hooked function
@@ -137,6 +144,8 @@ TALVEX_BEFORE_SANITIZERS void* agentLookup(void* handle, const char* name) {
   void* ownObject = handleHookLIB;
   findRealDlsym();
   if (dlsymptr == nullptr) return nullptr;
+  void* standIn = tlsStandIn(name);
+  if (standIn != nullptr) return tlsLookup(handle, name, standIn);
   if (ownObject == nullptr) {
     // The agent's own object is not open yet (see findRealDlsym): its hooks are answered by name,
     // everything else by the loader.
@@ -144,7 +153,6 @@ TALVEX_BEFORE_SANITIZERS void* agentLookup(void* handle, const char* name) {
     return hook != nullptr ? hook : dlsymptr(handle, name);
   }
   void* address = dlsymptr(ownObject, name);
-  if (address != nullptr && isTlsExport(name)) return tlsLookup(handle, name, address);
   if (address != nullptr) return address;
   return dlsymptr(handle, name);
 }

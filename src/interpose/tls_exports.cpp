@@ -9,6 +9,8 @@
 #include "base/process_identity.h"
 #include "hooks/tls_plaintext.h"
 #include "interpose/reentry_guard.h"
+#include "interpose/tls_stand_ins.h"
+#include "real/dlsym_bootstrap.h"
 #include "real/tls_functions.h"
 #include "startup/agent_startup.h"
 
@@ -54,13 +56,20 @@ void nothingToRecord(TlsCall&, Result) {}
 // The byte count an OpenSSL _ex call left in the caller's variable, read only once it succeeded.
 size_t countOf(int result, const size_t* count) { return result == 1 && count != nullptr ? *count : 0; }
 
+// GnuTLS's GNUTLS_E_PREMATURE_TERMINATION.
+const ssize_t kPrematureTermination = -110;
+
 #define TALVEX_CALLER __builtin_return_address(0)
+
+// Each stand-in is a hidden function with the exported name as its alias, as the socket exports
+// are: the twin's address is the agent's own, which the exported dlsym hands out.
+#define TALVEX_TLS_TWIN __attribute__((visibility("hidden")))
 
 }  // namespace
 
 extern "C" {
 
-TALVEX_EXPORT int SSL_write(void* ssl, const void* buffer, int count) {
+TALVEX_TLS_TWIN int talvexTls_SSL_write(void* ssl, const void* buffer, int count) {
   return throughLibrary<int, TLS_FN_SSL_write>(
       TALVEX_CALLER, ssl, TLS_OPENSSL,
       [&](TlsCall& call, int result) {
@@ -69,21 +78,21 @@ TALVEX_EXPORT int SSL_write(void* ssl, const void* buffer, int count) {
       ssl, buffer, count);
 }
 
-TALVEX_EXPORT int SSL_write_ex(void* ssl, const void* buffer, size_t count, size_t* written) {
+TALVEX_TLS_TWIN int talvexTls_SSL_write_ex(void* ssl, const void* buffer, size_t count, size_t* written) {
   return throughLibrary<int, TLS_FN_SSL_write_ex>(
       TALVEX_CALLER, ssl, TLS_OPENSSL,
       [&](TlsCall& call, int result) { call.sent(buffer, count, countOf(result, written)); }, ssl, buffer, count,
       written);
 }
 
-TALVEX_EXPORT int SSL_write_early_data(void* ssl, const void* buffer, size_t count, size_t* written) {
+TALVEX_TLS_TWIN int talvexTls_SSL_write_early_data(void* ssl, const void* buffer, size_t count, size_t* written) {
   return throughLibrary<int, TLS_FN_SSL_write_early_data>(
       TALVEX_CALLER, ssl, TLS_OPENSSL,
       [&](TlsCall& call, int result) { call.sent(buffer, count, countOf(result, written)); }, ssl, buffer, count,
       written);
 }
 
-TALVEX_EXPORT int SSL_read(void* ssl, void* buffer, int count) {
+TALVEX_TLS_TWIN int talvexTls_SSL_read(void* ssl, void* buffer, int count) {
   const void* caller = TALVEX_CALLER;
   return throughLibrary<int, TLS_FN_SSL_read>(
       caller, ssl, TLS_OPENSSL,
@@ -97,7 +106,7 @@ TALVEX_EXPORT int SSL_read(void* ssl, void* buffer, int count) {
       ssl, buffer, count);
 }
 
-TALVEX_EXPORT int SSL_read_ex(void* ssl, void* buffer, size_t count, size_t* got) {
+TALVEX_TLS_TWIN int talvexTls_SSL_read_ex(void* ssl, void* buffer, size_t count, size_t* got) {
   const void* caller = TALVEX_CALLER;
   return throughLibrary<int, TLS_FN_SSL_read_ex>(
       caller, ssl, TLS_OPENSSL,
@@ -112,40 +121,40 @@ TALVEX_EXPORT int SSL_read_ex(void* ssl, void* buffer, size_t count, size_t* got
 }
 
 // 1 is SSL_READ_EARLY_DATA_SUCCESS: bytes were read. The other outcomes read none.
-TALVEX_EXPORT int SSL_read_early_data(void* ssl, void* buffer, size_t count, size_t* got) {
+TALVEX_TLS_TWIN int talvexTls_SSL_read_early_data(void* ssl, void* buffer, size_t count, size_t* got) {
   return throughLibrary<int, TLS_FN_SSL_read_early_data>(
       TALVEX_CALLER, ssl, TLS_OPENSSL,
       [&](TlsCall& call, int result) { call.received(buffer, countOf(result, got)); }, ssl, buffer, count, got);
 }
 
 // A peek leaves the bytes for the read that consumes them: only that read records them.
-TALVEX_EXPORT int SSL_peek(void* ssl, void* buffer, int count) {
+TALVEX_TLS_TWIN int talvexTls_SSL_peek(void* ssl, void* buffer, int count) {
   return throughLibrary<int, TLS_FN_SSL_peek>(TALVEX_CALLER, ssl, TLS_OPENSSL, nothingToRecord<int>, ssl, buffer,
                                              count);
 }
 
-TALVEX_EXPORT int SSL_peek_ex(void* ssl, void* buffer, size_t count, size_t* got) {
+TALVEX_TLS_TWIN int talvexTls_SSL_peek_ex(void* ssl, void* buffer, size_t count, size_t* got) {
   return throughLibrary<int, TLS_FN_SSL_peek_ex>(TALVEX_CALLER, ssl, TLS_OPENSSL, nothingToRecord<int>, ssl, buffer,
                                                 count, got);
 }
 
-TALVEX_EXPORT int SSL_do_handshake(void* ssl) {
+TALVEX_TLS_TWIN int talvexTls_SSL_do_handshake(void* ssl) {
   return throughLibrary<int, TLS_FN_SSL_do_handshake>(TALVEX_CALLER, ssl, TLS_OPENSSL, nothingToRecord<int>, ssl);
 }
 
-TALVEX_EXPORT int SSL_connect(void* ssl) {
+TALVEX_TLS_TWIN int talvexTls_SSL_connect(void* ssl) {
   return throughLibrary<int, TLS_FN_SSL_connect>(TALVEX_CALLER, ssl, TLS_OPENSSL, nothingToRecord<int>, ssl);
 }
 
-TALVEX_EXPORT int SSL_accept(void* ssl) {
+TALVEX_TLS_TWIN int talvexTls_SSL_accept(void* ssl) {
   return throughLibrary<int, TLS_FN_SSL_accept>(TALVEX_CALLER, ssl, TLS_OPENSSL, nothingToRecord<int>, ssl);
 }
 
-TALVEX_EXPORT int SSL_shutdown(void* ssl) {
+TALVEX_TLS_TWIN int talvexTls_SSL_shutdown(void* ssl) {
   return throughLibrary<int, TLS_FN_SSL_shutdown>(TALVEX_CALLER, ssl, TLS_OPENSSL, nothingToRecord<int>, ssl);
 }
 
-TALVEX_EXPORT ssize_t gnutls_record_send(void* session, const void* data, size_t size) {
+TALVEX_TLS_TWIN ssize_t talvexTls_gnutls_record_send(void* session, const void* data, size_t size) {
   return throughLibrary<ssize_t, TLS_FN_gnutls_record_send>(
       TALVEX_CALLER, session, TLS_GNUTLS,
       [&](TlsCall& call, ssize_t result) {
@@ -154,7 +163,7 @@ TALVEX_EXPORT ssize_t gnutls_record_send(void* session, const void* data, size_t
       session, data, size);
 }
 
-TALVEX_EXPORT ssize_t gnutls_record_send2(void* session, const void* data, size_t size, size_t pad, unsigned flags) {
+TALVEX_TLS_TWIN ssize_t talvexTls_gnutls_record_send2(void* session, const void* data, size_t size, size_t pad, unsigned flags) {
   return throughLibrary<ssize_t, TLS_FN_gnutls_record_send2>(
       TALVEX_CALLER, session, TLS_GNUTLS,
       [&](TlsCall& call, ssize_t result) {
@@ -163,7 +172,7 @@ TALVEX_EXPORT ssize_t gnutls_record_send2(void* session, const void* data, size_
       session, data, size, pad, flags);
 }
 
-TALVEX_EXPORT ssize_t gnutls_record_send_range(void* session, const void* data, size_t size, const void* range) {
+TALVEX_TLS_TWIN ssize_t talvexTls_gnutls_record_send_range(void* session, const void* data, size_t size, const void* range) {
   return throughLibrary<ssize_t, TLS_FN_gnutls_record_send_range>(
       TALVEX_CALLER, session, TLS_GNUTLS,
       [&](TlsCall& call, ssize_t result) {
@@ -173,67 +182,100 @@ TALVEX_EXPORT ssize_t gnutls_record_send_range(void* session, const void* data, 
 }
 
 // 0 is the end of the peer's side: its closing alert, or the stream's end where the session
-// allows one without.
-TALVEX_EXPORT ssize_t gnutls_record_recv(void* session, void* data, size_t size) {
+// allows one without; GNUTLS_E_PREMATURE_TERMINATION the stream's end where it does not.
+TALVEX_TLS_TWIN ssize_t talvexTls_gnutls_record_recv(void* session, void* data, size_t size) {
   return throughLibrary<ssize_t, TLS_FN_gnutls_record_recv>(
       TALVEX_CALLER, session, TLS_GNUTLS,
       [&](TlsCall& call, ssize_t result) {
         if (result > 0) {
           call.received(data, static_cast<size_t>(result));
-        } else if (result == 0) {
+        } else if (result == 0 || result == kPrematureTermination) {
           call.ended();
         }
       },
       session, data, size);
 }
 
-TALVEX_EXPORT ssize_t gnutls_record_recv_seq(void* session, void* data, size_t size, unsigned char* sequence) {
+TALVEX_TLS_TWIN ssize_t talvexTls_gnutls_record_recv_seq(void* session, void* data, size_t size, unsigned char* sequence) {
   return throughLibrary<ssize_t, TLS_FN_gnutls_record_recv_seq>(
       TALVEX_CALLER, session, TLS_GNUTLS,
       [&](TlsCall& call, ssize_t result) {
         if (result > 0) {
           call.received(data, static_cast<size_t>(result));
-        } else if (result == 0) {
+        } else if (result == 0 || result == kPrematureTermination) {
           call.ended();
         }
       },
       session, data, size, sequence);
 }
 
-TALVEX_EXPORT int gnutls_handshake(void* session) {
+TALVEX_TLS_TWIN int talvexTls_gnutls_handshake(void* session) {
   return throughLibrary<int, TLS_FN_gnutls_handshake>(TALVEX_CALLER, session, TLS_GNUTLS, nothingToRecord<int>,
                                                       session);
 }
 
-TALVEX_EXPORT int gnutls_bye(void* session, int how) {
+TALVEX_TLS_TWIN int talvexTls_gnutls_bye(void* session, int how) {
   return throughLibrary<int, TLS_FN_gnutls_bye>(TALVEX_CALLER, session, TLS_GNUTLS, nothingToRecord<int>, session,
                                                 how);
 }
 
 // Corked sends were recorded when the program made them; uncorking only moves their records.
-TALVEX_EXPORT int gnutls_record_uncork(void* session, unsigned flags) {
+TALVEX_TLS_TWIN int talvexTls_gnutls_record_uncork(void* session, unsigned flags) {
   return throughLibrary<int, TLS_FN_gnutls_record_uncork>(TALVEX_CALLER, session, TLS_GNUTLS,
                                                           nothingToRecord<int>, session, flags);
 }
 
-TALVEX_EXPORT int gnutls_rehandshake(void* session) {
+TALVEX_TLS_TWIN int talvexTls_gnutls_rehandshake(void* session) {
   return throughLibrary<int, TLS_FN_gnutls_rehandshake>(TALVEX_CALLER, session, TLS_GNUTLS, nothingToRecord<int>,
                                                         session);
 }
 
-TALVEX_EXPORT int gnutls_reauth(void* session, unsigned flags) {
+TALVEX_TLS_TWIN int talvexTls_gnutls_reauth(void* session, unsigned flags) {
   return throughLibrary<int, TLS_FN_gnutls_reauth>(TALVEX_CALLER, session, TLS_GNUTLS, nothingToRecord<int>,
                                                    session, flags);
 }
 
-TALVEX_EXPORT int gnutls_session_key_update(void* session, unsigned flags) {
+TALVEX_TLS_TWIN int talvexTls_gnutls_session_key_update(void* session, unsigned flags) {
   return throughLibrary<int, TLS_FN_gnutls_session_key_update>(TALVEX_CALLER, session, TLS_GNUTLS,
                                                                nothingToRecord<int>, session, flags);
 }
 
-TALVEX_EXPORT int gnutls_alert_send(void* session, int level, int description) {
+TALVEX_TLS_TWIN int talvexTls_gnutls_alert_send(void* session, int level, int description) {
   return throughLibrary<int, TLS_FN_gnutls_alert_send>(TALVEX_CALLER, session, TLS_GNUTLS, nothingToRecord<int>,
                                                        session, level, description);
 }
 
+#define TALVEX_TLS_ALIAS(result, name, parameters, arguments) \
+  TALVEX_EXPORT result name parameters __attribute__((alias("talvexTls_" #name)));
+TALVEX_OPENSSL_EXPORTS(TALVEX_TLS_ALIAS)
+TALVEX_GNUTLS_EXPORTS(TALVEX_TLS_ALIAS)
+#undef TALVEX_TLS_ALIAS
+
 }  // extern "C"
+
+namespace {
+
+struct StandIn {
+  const char* name;
+  void* address;
+};
+
+#define TALVEX_TLS_STAND_IN(result, name, parameters, arguments) {#name, reinterpret_cast<void*>(&talvexTls_##name)},
+const StandIn standIns[] = {TALVEX_OPENSSL_EXPORTS(TALVEX_TLS_STAND_IN) TALVEX_GNUTLS_EXPORTS(TALVEX_TLS_STAND_IN)};
+#undef TALVEX_TLS_STAND_IN
+
+}  // namespace
+
+// Compared by hand: the exported dlsym asks, and may run while a sanitizer runtime starts.
+TALVEX_BEFORE_SANITIZERS void* tlsStandIn(const char* name) {
+  for (const StandIn& standIn : standIns) {
+    const char* a = standIn.name;
+    const char* b = name;
+    while (*a != '\0' && *a == *b) {
+      ++a;
+      ++b;
+    }
+    if (*a == *b) return standIn.address;
+  }
+  return nullptr;
+}

@@ -48,6 +48,7 @@
 #define TALVEX_TLS_QUERIES(X)                                                                            \
   X(int, SSL_get_fd, (const void* ssl), (ssl))                                                          \
   X(int, SSL_get_error, (const void* ssl, int result), (ssl, result))                                   \
+  X(unsigned long, ERR_peek_error, (void), ())                                                          \
   X(int, gnutls_transport_get_int, (void* session), (session))
 
 #define TALVEX_TLS_FUNCTIONS(X) TALVEX_OPENSSL_EXPORTS(X) TALVEX_GNUTLS_EXPORTS(X) TALVEX_TLS_QUERIES(X)

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <link.h>
+#include <string.h>
 
 #include "real/dlsym_bootstrap.h"
 
@@ -16,21 +17,25 @@ const char* const kTlsFunctionNames[TLS_FN_COUNT] = {
 
 namespace {
 
-const char* const kExportNames[] = {
-#define TALVEX_TLS_NAME(result, name, parameters, arguments) #name,
-    TALVEX_OPENSSL_EXPORTS(TALVEX_TLS_NAME) TALVEX_GNUTLS_EXPORTS(TALVEX_TLS_NAME)
-#undef TALVEX_TLS_NAME
-};
-
 void* found[TLS_FN_COUNT];
 
-// The definition the object that `caller` lies in sees in its own scope: itself and what it
-// needs. Only for objects the loader can name; the program's own scope is the global one.
-void* inCallerScope(const char* name, const void* caller) {
+// The object `address` lies in, or null.
+link_map* objectOf(const void* address) {
   Dl_info info;
   link_map* object = nullptr;
-  if (caller == nullptr || dladdr1(caller, &info, reinterpret_cast<void**>(&object), RTLD_DL_LINKMAP) == 0 ||
-      object == nullptr || object->l_name == nullptr || object->l_name[0] == '\0') {
+  if (address == nullptr || dladdr1(address, &info, reinterpret_cast<void**>(&object), RTLD_DL_LINKMAP) == 0) {
+    return nullptr;
+  }
+  return object;
+}
+
+// The definition the object that `address` lies in sees in its own scope: itself and what it
+// needs. Only for objects the loader can name, other than the agent; the program's own scope is
+// the global one, and the agent's would give the stand-in back.
+void* inScopeOf(const char* name, const void* address) {
+  link_map* object = objectOf(address);
+  if (object == nullptr || object == objectOf(reinterpret_cast<const void*>(&tlsFunction)) ||
+      object->l_name == nullptr || object->l_name[0] == '\0') {
     return nullptr;
   }
   // Opened without loading anything and never closed: the handle keeps the library, and with it
@@ -41,6 +46,22 @@ void* inCallerScope(const char* name, const void* caller) {
   return dlsymptr(handle, name);
 }
 
+// GnuTLS's names begin with its own; all others are OpenSSL's (libssl and its libcrypto).
+bool isGnuTls(const char* name) { return name[0] == 'g'; }
+
+// A function of the same library found before, whose object's scope has this one too. The caller
+// is no guide when the library reached the stand-in by a jump from another stand-in's call (its
+// own SSL_connect jumping to SSL_do_handshake): the return address is then the agent's.
+void* besideKnownFunction(TlsFunction function) {
+  for (int other = 0; other < TLS_FN_COUNT; ++other) {
+    void* known = __atomic_load_n(&found[other], __ATOMIC_ACQUIRE);
+    if (known == nullptr || isGnuTls(kTlsFunctionNames[other]) != isGnuTls(kTlsFunctionNames[function])) continue;
+    void* address = inScopeOf(kTlsFunctionNames[function], known);
+    if (address != nullptr) return address;
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 void* tlsFunction(TlsFunction function, const void* caller) {
@@ -48,23 +69,18 @@ void* tlsFunction(TlsFunction function, const void* caller) {
   if (address != nullptr) return address;
   const char* name = kTlsFunctionNames[function];
   address = lookupNextDefinition(name);
-  if (address == nullptr) address = inCallerScope(name, caller);
+  if (address == nullptr) address = inScopeOf(name, caller);
+  if (address == nullptr) address = besideKnownFunction(function);
   if (address != nullptr) __atomic_store_n(&found[function], address, __ATOMIC_RELEASE);
   return address;
 }
 
-// Compared by hand, like every name the exported dlsym looks at: it may run while a sanitizer
-// runtime starts, before its strcmp can be called.
-TALVEX_BEFORE_SANITIZERS bool isTlsExport(const char* name) {
-  if (name == nullptr || (name[0] != 'S' && name[0] != 'g')) return false;
-  for (const char* candidate : kExportNames) {
-    const char* a = candidate;
-    const char* b = name;
-    while (*a != '\0' && *a == *b) {
-      ++a;
-      ++b;
-    }
-    if (*a == *b) return true;
+bool adoptTlsFunction(const char* name, void* address) {
+  for (int function = 0; function < TLS_FN_COUNT; ++function) {
+    if (strcmp(kTlsFunctionNames[function], name) != 0) continue;
+    void* expected = nullptr;
+    __atomic_compare_exchange_n(&found[function], &expected, address, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+    return expected == nullptr || expected == address;
   }
   return false;
 }

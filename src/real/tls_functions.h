@@ -15,12 +15,14 @@ extern const char* const kTlsFunctionNames[TLS_FN_COUNT];
 
 // The library's function `function`, for a call that returns to `caller`. The next definition
 // after the agent where the library is in the program's global scope; otherwise the one in the
-// caller's own scope: a library opened with dlopen in a local scope (a Python module's libssl) is
-// out of reach of RTLD_NEXT, but not of the object that needs it. Null when neither has it.
+// caller's own scope (a library opened with dlopen in a local scope, as a Python module's libssl,
+// is out of reach of RTLD_NEXT, but not of the object that needs it), or in the scope of a
+// function of the same library found before. Null when none has it.
 void* tlsFunction(TlsFunction function, const void* caller);
 
-// Whether `name` is one of the functions the agent stands in for.
-bool isTlsExport(const char* name);
+// For a program's own lookup of `name` in a library it opened: whether the stand-in calls
+// `address` (which it then does from now on, if it had found none yet).
+bool adoptTlsFunction(const char* name, void* address);
 
 #define TALVEX_TLS_TYPE(result, name, parameters, arguments) typedef result(*name##_type) parameters;
 TALVEX_TLS_FUNCTIONS(TALVEX_TLS_TYPE)
