@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "json_lines_check.h"
 #include "process_runner.h"
 #include "recorder_message_parser.h"
 #include "recording_support.h"
@@ -259,4 +260,72 @@ TEST(TlsPlaintext, GitOverHttpsInAChildProcess) {
   EXPECT_EQ(joined(r, "send"), server.received(0));
   EXPECT_EQ(joined(r, "receive"), server.sent(0));
   expectOnlyPlaintextOf(r, "GnuTLS");
+}
+
+namespace {
+
+ProcessResult recordCommand(const std::vector<std::string>& options, const std::vector<std::string>& command) {
+  std::vector<std::string> argv = {kRecordPath};
+  argv.insert(argv.end(), options.begin(), options.end());
+  argv.push_back("--");
+  argv.insert(argv.end(), command.begin(), command.end());
+  return runProcess(argv, cleanEnvironment({{"HOME", "/tmp"}}), std::chrono::seconds(90));
+}
+
+}  // namespace
+
+// talvex-record turns the extension on: the transcript reads an HTTPS conversation as it reads an
+// HTTP one and says it was TLS; the JSON Lines name the library.
+TEST(TlsPlaintext, TalvexRecordShowsHttpsAsPlaintext) {
+  TALVEX_REQUIRE_PROGRAM("/usr/bin/curl");
+  TALVEX_REQUIRE_PROGRAM("/usr/bin/jq");
+  TlsServer server(1, 15);
+  TempDir tmp;
+  const ProcessResult r =
+      recordCommand({"--transcript", tmp.file("t.txt"), "--jsonl", tmp.file("r.jsonl")},
+                    {"/usr/bin/curl", "-s", "--cacert", server.certificate(), "https://127.0.0.1:" + server.port() + "/x"});
+  server.finish();
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out, "0123456789abcde");
+  const std::string transcript = readFile(tmp.file("t.txt"));
+  EXPECT_NE(transcript.find(") [TLS: plaintext from OpenSSL]  at "), std::string::npos) << transcript;
+  EXPECT_NE(transcript.find(" > sent " + std::to_string(server.received(0).size()) + " bytes\n      GET /x HTTP/1.1\\r\\n\n"),
+            std::string::npos)
+      << transcript;
+  EXPECT_NE(transcript.find(" < received " + std::to_string(server.sent(0).size()) + " bytes\n      HTTP/1.1 200 OK\\r\\n\n"),
+            std::string::npos)
+      << transcript;
+  EXPECT_EQ(r.err.find("could not be read as plaintext"), std::string::npos) << r.err;
+  const ProcessResult jq = runProcess(
+      {"/usr/bin/jq", "-r", "select(.kind==\"send\" or .kind==\"receive\") | \"\\(.kind) \\(.tls)\"", tmp.file("r.jsonl")},
+      cleanEnvironment());
+  EXPECT_EQ(jq.out, "send OpenSSL\nreceive OpenSSL\nreceive OpenSSL\n") << jq.err;
+  expectValidJsonLines(tmp.file("r.jsonl"));
+}
+
+// Node's OpenSSL is linked into node itself: its records stay records, said to be encrypted, and
+// the end of the run names the program.
+TEST(TlsPlaintext, TlsLinkedIntoTheProgramIsMarkedEncrypted) {
+  TALVEX_REQUIRE_PROGRAM("/usr/bin/node");
+  TlsServer server(1, 15);
+  TempDir tmp;
+  const ProcessResult r = recordCommand(
+      {"--transcript", tmp.file("t.txt")},
+      {"/usr/bin/node", "-e",
+       "const https = require('https');\n"
+       "https.get({host: '127.0.0.1', port: process.argv[1], path: '/node', ca: require('fs').readFileSync(process.argv[2])},\n"
+       "          r => { r.resume(); });\n",
+       server.port(), server.certificate()});
+  server.finish();
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  const std::string transcript = readFile(tmp.file("t.txt"));
+  EXPECT_NE(transcript.find(" [TLS, encrypted: the program's TLS code is out of the agent's reach]  at "), std::string::npos)
+      << transcript;
+  EXPECT_NE(transcript.find(" bytes (encrypted)\n   "), std::string::npos) << transcript;
+  EXPECT_EQ(transcript.find("GET /node"), std::string::npos);
+  EXPECT_NE(r.err.find("talvex-record: 1 connection of node carried TLS that could not be read as plaintext: its TLS "
+                       "code is linked into the program (as Go's crypto/tls and node's bundled OpenSSL are), out of "
+                       "the agent's reach; the transcript shows those connections as encrypted\n"),
+            std::string::npos)
+      << r.err;
 }

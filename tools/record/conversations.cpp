@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "address_text.h"
+#include "encrypted_connections.h"
 #include "unrecorded_sockets.h"
 
 namespace talvex {
@@ -32,6 +33,7 @@ void followState(Conversation& c, const TrackedConnection& connection) {
 }
 
 void addEvent(Recording& recording, Conversation& c, const ParsedMessage& m) {
+  if (c.tls.empty() && m.find("tls") != nullptr) c.tls = m.text("tls");
   Event e;
   e.kind = m.kind;
   e.ticket = m.integer("ticket");
@@ -47,6 +49,8 @@ void addEvent(Recording& recording, Conversation& c, const ParsedMessage& m) {
     e.endOfStream = true;
   }
   if (e.failed) ++recording.failures;
+  // Judged by the conversation's first bytes, as EncryptedConnections judges it.
+  if (c.bytesSent + c.bytesReceived == 0 && c.tls.empty() && beginsWithTlsHandshake(e.data)) c.encrypted = true;
   if (!e.failed) {
     (m.kind == "send" ? c.bytesSent : c.bytesReceived) += static_cast<int64_t>(e.data.size());
     (m.kind == "send" ? recording.bytesSent : recording.bytesReceived) += static_cast<int64_t>(e.data.size());

@@ -57,6 +57,8 @@ struct Conversation {
   std::vector<Event> events;
   int64_t bytesSent = 0;
   int64_t bytesReceived = 0;
+  std::string tls;         // the TLS library whose plaintext its data is, when it was TLS
+  bool encrypted = false;  // its data is TLS records that could not be read as plaintext
 };
 
 struct Resolution {

@@ -72,7 +72,10 @@ void RecordOutputs::receive(std::string_view raw, bool lasting) {
   message.raw = raw;
   message.lasting = lasting;
   message.parsed = parsed ? &m : nullptr;
-  if (parsed) message.seen = connections_.observe(m);
+  if (parsed) {
+    message.seen = connections_.observe(m);
+    encrypted_.observe(m);
+  }
   if (!message.seen.shown) return;
   for (const Output& o : outputs_) o.output->write(message);
 }
@@ -90,6 +93,11 @@ std::chrono::milliseconds RecordOutputs::onIdle() {
     if (due.count() >= 0 && (soonest.count() < 0 || due < soonest)) soonest = due;
   }
   return soonest;
+}
+
+std::string RecordOutputs::encryptedSummary() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return encrypted_.summary();
 }
 
 bool RecordOutputs::finish(const std::string& note) {

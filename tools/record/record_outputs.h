@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "connection_tracker.h"
+#include "encrypted_connections.h"
 #include "output_file.h"
 #include "record_options.h"
 #include "recording_output.h"
@@ -44,6 +45,8 @@ class RecordOutputs {
   bool finish(const std::string& note);
   // Every message received, shown or not.
   size_t received() const;
+  // The end-of-run line about connections whose TLS could not be read (empty: none).
+  std::string encryptedSummary() const;
 
  private:
   struct Output {
@@ -68,6 +71,7 @@ class RecordOutputs {
   TranscriptOutput* transcript_ = nullptr;  // one of outputs_, when the transcript is kept
   bool payloads_ = false;  // whether any output shows payloads
   ConnectionTracker connections_;
+  EncryptedConnections encrypted_;
   size_t received_ = 0;
   std::vector<std::string> failed_;  // outputs that could not be written
 };

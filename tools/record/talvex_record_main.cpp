@@ -241,6 +241,8 @@ int main(int argc, char** argv) {
   const std::string note = endNote(o, status, crashed);
   const bool written = outputs.finish(note);
   if (!note.empty() && (!o.transcript.empty() || o.quiet)) fprintf(stderr, "talvex-record: %s\n", note.c_str());
+  const std::string encrypted = outputs.encryptedSummary();
+  if (!encrypted.empty() && !o.quiet) fprintf(stderr, "talvex-record: %s\n", encrypted.c_str());
   if (outputs.received() == 0 && !o.unplug && !o.quiet) {
     // What was seen, not a guess: an agent reports on a process's first socket call through the C
     // library, and no agent reporting means no such call.

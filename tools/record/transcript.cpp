@@ -132,8 +132,10 @@ void writeEvents(const Conversation& c, const TranscriptOptions& options, FILE* 
             counted(e.failed ? e.length : static_cast<int64_t>(data.size()), "byte", "bytes").c_str());
     if (calls > 1) fprintf(out, " in %zu calls", calls);
     if (e.failed) fprintf(out, " FAILED (%s)", errorText(e.error).c_str());
+    // Records shown as bytes would read as if they were what the program said.
+    if (c.encrypted && !data.empty()) fputs(" (encrypted)", out);
     fputs("\n", out);
-    if (data.empty()) continue;
+    if (data.empty() || c.encrypted) continue;
     if (options.full || data.size() <= options.abbreviate) {
       payload(data, out);
     } else {
@@ -176,6 +178,8 @@ void writeConversation(const Conversation& c, const TranscriptOptions& options, 
   } else {
     fputs("traffic of a socket whose opening was not seen", out);
   }
+  if (!c.tls.empty()) fprintf(out, " [TLS: plaintext from %s]", c.tls.c_str());
+  if (c.encrypted) fputs(" [TLS, encrypted: the program's TLS code is out of the agent's reach]", out);
   fprintf(out, "  at %s\n", clockTime(c.openTimeNs).c_str());
   writeEvents(c, options, out);
   if (c.closed) fprintf(out, "   %s close\n", clockTime(c.closeTimeNs).c_str());
