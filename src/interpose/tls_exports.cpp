@@ -7,6 +7,7 @@
 
 #include "base/export_visibility.h"
 #include "base/process_identity.h"
+#include "hooks/tls_keylog.h"
 #include "hooks/tls_plaintext.h"
 #include "interpose/reentry_guard.h"
 #include "interpose/tls_stand_ins.h"
@@ -16,19 +17,25 @@
 
 namespace {
 
-// Whether a call into a TLS library is one the agent records: not one made while the agent is at
-// work on this thread, and the extension on. The process's first call the agent sees starts it.
-bool tlsCallRecorded() {
+// Whether a call into a TLS library may be looked at: not one made while the agent is at work on
+// this thread. The process's first call the agent sees starts it.
+bool agentReady() {
   if (insideAgent()) return false;
-  if (globalInit == 0) {
+  if (globalInit == 0 || socketInitialized == 0) {
     AgentScope scope;
     const int callerErrno = errno;
-    GlobalInit();
-    waitForStartupElsewhere();
+    if (globalInit == 0) {
+      GlobalInit();
+      waitForStartupElsewhere();
+    }
+    if (socketInitialized == 0) initializeSocketPointers();
     errno = callerErrno;
   }
-  return tlsPlaintextWanted();
+  return true;
 }
+
+bool tlsCallRecorded() { return agentReady() && tlsPlaintextWanted(); }
+bool keysLogged() { return agentReady() && tlsKeylogWanted(); }
 
 // Every stand-in: the library's own function, called straight when the call is not recorded, and
 // otherwise inside a TlsCall, after which `record` looks at the result. A library the agent cannot
@@ -245,10 +252,73 @@ TALVEX_TLS_TWIN int talvexTls_gnutls_alert_send(void* session, int level, int de
                                                        session, level, description);
 }
 
+// The key log's stand-ins: the agent's callback goes on every context a session is made from and
+// on every GnuTLS session, and the program's own is chained behind it (see hooks/tls_keylog.h).
+TALVEX_TLS_TWIN void* talvexTls_SSL_new(void* context) {
+  const void* caller = TALVEX_CALLER;
+  SSL_new_type real = realTls<TLS_FN_SSL_new, SSL_new_type>(caller);
+  if (real == nullptr) return nullptr;
+  void* ssl = real(context);
+  if (ssl != nullptr && keysLogged()) {
+    const int error = errno;
+    AgentScope scope;
+    watchOpenSslContext(context, caller);
+    errno = error;
+  }
+  return ssl;
+}
+
+TALVEX_TLS_TWIN void talvexTls_SSL_CTX_set_keylog_callback(void* context, void* callback) {
+  const void* caller = TALVEX_CALLER;
+  SSL_CTX_set_keylog_callback_type real =
+      realTls<TLS_FN_SSL_CTX_set_keylog_callback, SSL_CTX_set_keylog_callback_type>(caller);
+  if (real == nullptr) return;
+  if (!keysLogged()) return real(context, callback);
+  AgentScope scope;
+  chainOpenSslCallback(context, callback, caller);
+}
+
+TALVEX_TLS_TWIN void* talvexTls_SSL_CTX_get_keylog_callback(const void* context) {
+  SSL_CTX_get_keylog_callback_type real =
+      realTls<TLS_FN_SSL_CTX_get_keylog_callback, SSL_CTX_get_keylog_callback_type>(TALVEX_CALLER);
+  if (real == nullptr) return nullptr;
+  return programOpenSslCallback(context, real(context));
+}
+
+TALVEX_TLS_TWIN int talvexTls_gnutls_init(void** session, unsigned flags) {
+  const void* caller = TALVEX_CALLER;
+  gnutls_init_type real = realTls<TLS_FN_gnutls_init, gnutls_init_type>(caller);
+  if (real == nullptr) return -1;
+  const int result = real(session, flags);
+  if (result == 0 && session != nullptr && keysLogged()) {
+    const int error = errno;
+    AgentScope scope;
+    watchGnuTlsSession(*session, caller);
+    errno = error;
+  }
+  return result;
+}
+
+TALVEX_TLS_TWIN void talvexTls_gnutls_session_set_keylog_function(void* session, void* function) {
+  const void* caller = TALVEX_CALLER;
+  gnutls_session_set_keylog_function_type real =
+      realTls<TLS_FN_gnutls_session_set_keylog_function, gnutls_session_set_keylog_function_type>(caller);
+  if (real == nullptr) return;
+  if (!keysLogged()) return real(session, function);
+  AgentScope scope;
+  chainGnuTlsFunction(session, function, caller);
+}
+
+TALVEX_TLS_TWIN void* talvexTls_gnutls_session_get_keylog_function(const void* session) {
+  gnutls_session_get_keylog_function_type real =
+      realTls<TLS_FN_gnutls_session_get_keylog_function, gnutls_session_get_keylog_function_type>(TALVEX_CALLER);
+  if (real == nullptr) return nullptr;
+  return programGnuTlsFunction(session, real(session));
+}
+
 #define TALVEX_TLS_ALIAS(result, name, parameters, arguments) \
   TALVEX_EXPORT result name parameters __attribute__((alias("talvexTls_" #name)));
-TALVEX_OPENSSL_EXPORTS(TALVEX_TLS_ALIAS)
-TALVEX_GNUTLS_EXPORTS(TALVEX_TLS_ALIAS)
+TALVEX_TLS_STAND_INS(TALVEX_TLS_ALIAS)
 #undef TALVEX_TLS_ALIAS
 
 }  // extern "C"
@@ -261,7 +331,7 @@ struct StandIn {
 };
 
 #define TALVEX_TLS_STAND_IN(result, name, parameters, arguments) {#name, reinterpret_cast<void*>(&talvexTls_##name)},
-const StandIn standIns[] = {TALVEX_OPENSSL_EXPORTS(TALVEX_TLS_STAND_IN) TALVEX_GNUTLS_EXPORTS(TALVEX_TLS_STAND_IN)};
+const StandIn standIns[] = {TALVEX_TLS_STAND_INS(TALVEX_TLS_STAND_IN)};
 #undef TALVEX_TLS_STAND_IN
 
 }  // namespace

@@ -43,12 +43,28 @@
   X(int, gnutls_session_key_update, (void* session, unsigned flags), (session, flags))                  \
   X(int, gnutls_alert_send, (void* session, int level, int description), (session, level, description))
 
+// Where the libraries take a program's key-log callback: stood in for only while the agent writes
+// a key log, so that its callback is chained to the program's, never put in its place.
+#define TALVEX_OPENSSL_KEYLOG_EXPORTS(X)                                                                 \
+  X(void*, SSL_new, (void* context), (context))                                                         \
+  X(void, SSL_CTX_set_keylog_callback, (void* context, void* callback), (context, callback))            \
+  X(void*, SSL_CTX_get_keylog_callback, (const void* context), (context))
+
+#define TALVEX_GNUTLS_KEYLOG_EXPORTS(X)                                                                  \
+  X(int, gnutls_init, (void** session, unsigned flags), (session, flags))                               \
+  X(void, gnutls_session_set_keylog_function, (void* session, void* function), (session, function))     \
+  X(void*, gnutls_session_get_keylog_function, (const void* session), (session))
+
 // Asked, never stood in for: the library's own idea of a session's descriptor and of how a call
 // ended.
 #define TALVEX_TLS_QUERIES(X)                                                                            \
   X(int, SSL_get_fd, (const void* ssl), (ssl))                                                          \
   X(int, SSL_get_error, (const void* ssl, int result), (ssl, result))                                   \
   X(unsigned long, ERR_peek_error, (void), ())                                                          \
-  X(int, gnutls_transport_get_int, (void* session), (session))
+  X(int, gnutls_transport_get_int, (void* session), (session))                                         \
+  X(void*, SSL_get_SSL_CTX, (const void* ssl), (ssl))                                                   \
+  X(void, gnutls_session_get_random, (void* session, void* client, void* server), (session, client, server))
 
-#define TALVEX_TLS_FUNCTIONS(X) TALVEX_OPENSSL_EXPORTS(X) TALVEX_GNUTLS_EXPORTS(X) TALVEX_TLS_QUERIES(X)
+#define TALVEX_TLS_STAND_INS(X) \
+  TALVEX_OPENSSL_EXPORTS(X) TALVEX_GNUTLS_EXPORTS(X) TALVEX_OPENSSL_KEYLOG_EXPORTS(X) TALVEX_GNUTLS_KEYLOG_EXPORTS(X)
+#define TALVEX_TLS_FUNCTIONS(X) TALVEX_TLS_STAND_INS(X) TALVEX_TLS_QUERIES(X)

@@ -2,6 +2,7 @@
 #include "base/symbol_versions.h"
 #include "config/complete_capture.h"
 #include "config/extension_switches.h"
+#include "config/tls_keylog_file.h"
 #include "transport/persistent_channel.h"
 
 #include <arpa/inet.h>
@@ -111,6 +112,7 @@ void initializeSocketPointers() {
   readFollowForks();
   readCompleteCapture();
   readExtensionSwitches();
+  readTlsKeylogFile();
   readPersistentChannel();
   readRecorderSocket();
   readSharedRing();

@@ -27,7 +27,7 @@ build encoder_fuzz "$source_dir/src/message/print_buffer.cpp" "$source_dir/src/m
 build socks_reply_fuzz "${core[@]}"
 # talvex-record's reading of messages: the tools' shared code and the outputs, built as the tools
 # are (64-bit), with the agent's headers they share.
-tools=("$source_dir"/tools/common/*.cpp "$source_dir"/tools/record/conversations.cpp "$source_dir"/tools/record/transcript.cpp
+tools=("$source_dir"/tools/common/*.cpp "$source_dir"/tools/record/conversations.cpp "$source_dir"/tools/record/encrypted_connections.cpp "$source_dir"/tools/record/transcript.cpp
        "$source_dir"/tools/record/recording_totals.cpp "$source_dir"/tools/record/unrecorded_sockets.cpp
        "$source_dir"/tools/record/capture_writer.cpp "$source_dir"/tools/record/capture_output.cpp)
 flags=("${flags[@]/-m32/-m64}" -I"$source_dir/tools/common" -I"$source_dir/tools/record")

@@ -84,7 +84,9 @@ TEST(AgentBinary, ExportsExactlyItsInterface) {
                            "SSL_accept", "SSL_shutdown", "gnutls_record_send", "gnutls_record_send2",
                            "gnutls_record_send_range", "gnutls_record_recv", "gnutls_record_recv_seq",
                            "gnutls_handshake", "gnutls_bye", "gnutls_record_uncork", "gnutls_rehandshake",
-                           "gnutls_reauth", "gnutls_session_key_update", "gnutls_alert_send"}) {
+                           "gnutls_reauth", "gnutls_session_key_update", "gnutls_alert_send", "SSL_new",
+                           "SSL_CTX_set_keylog_callback", "SSL_CTX_get_keylog_callback", "gnutls_init",
+                           "gnutls_session_set_keylog_function", "gnutls_session_get_keylog_function"}) {
     expected.insert(name);
   }
 

@@ -2,7 +2,8 @@
  *
  * A TLS client on a non-blocking socket that opens its TLS library itself (dlopen in a local
  * scope, functions through dlsym of its handle), for either ABI without the library's development
- * files: usage: tls_client_probe openssl|gnutls LIBRARY PORT BODY_BYTES
+ * files: usage: tls_client_probe openssl|gnutls LIBRARY PORT BODY_BYTES [CHUNK]
+ * CHUNK: the request is written in writes of at most that many bytes (the cost bench counts them).
  * It posts BODY_BYTES bytes of a pattern to 127.0.0.1:PORT, waits for the answer with a peek,
  * then reads it to the end, and prints it on stdout. On stderr: "retries N" (how often the
  * library said to wait: WANT_READ, WANT_WRITE, GNUTLS_E_AGAIN) and "peeked N".
@@ -25,6 +26,7 @@ enum { kGnutlsClient = 1 << 1, kGnutlsNonblock = 1 << 3, kGnutlsCertificate = 1,
 
 static void* library;
 static int retries;
+static size_t chunk = (size_t)-1;
 
 static void* need(const char* name) {
   void* f = dlsym(library, name);
@@ -76,7 +78,8 @@ static int openssl(int fd, const char* text, size_t length) {
   size_t done = 0;
   while (done < length) {
     size_t written = 0;
-    const int r = writeEx(ssl, text + done, length - done, &written);
+    const size_t piece = length - done < chunk ? length - done : chunk;
+    const int r = writeEx(ssl, text + done, piece, &written);
     if (r == 1) {
       done += written;
       continue;
@@ -132,7 +135,7 @@ static int gnutls(int fd, const char* text, size_t length) {
   }
   size_t done = 0;
   while (done < length) {
-    const long n = send(session, text + done, length - done);
+    const long n = send(session, text + done, length - done < chunk ? length - done : chunk);
     if (n > 0) {
       done += (size_t)n;
     } else if (n == kGnutlsAgain || n == kGnutlsInterrupted) {
@@ -160,10 +163,11 @@ int main(int argc, char** argv) {
     printf("%s\n", dlsym(RTLD_DEFAULT, argv[2]) != NULL ? "present" : "absent");
     return 0;
   }
-  if (argc != 5) {
-    fprintf(stderr, "usage: %s openssl|gnutls LIBRARY PORT BODY_BYTES\n", argv[0]);
+  if (argc != 5 && argc != 6) {
+    fprintf(stderr, "usage: %s openssl|gnutls LIBRARY PORT BODY_BYTES [CHUNK]\n", argv[0]);
     return 2;
   }
+  if (argc == 6 && atoi(argv[5]) > 0) chunk = (size_t)atoi(argv[5]);
   library = dlopen(argv[2], RTLD_NOW | RTLD_LOCAL);
   if (library == NULL) {
     fprintf(stderr, "%s\n", dlerror());

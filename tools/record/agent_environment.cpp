@@ -82,6 +82,7 @@ std::vector<std::string> agentEnvironment(char** inherited, const RecordOptions&
   if (o.doubleLogSocks) environment[TALVEX_VAR_DOUBLE_LOG_SOCKS] = "";
   if (o.traceback) environment[TALVEX_VAR_DEBUG_TRACEBACK] = "";
   if (o.unplug) environment[TALVEX_VAR_UNPLUG_AGENT] = "";
+  if (!o.keylog.empty()) environment[TALVEX_VAR_TLS_KEYLOG] = o.keylog;
   if (!o.logDir.empty()) {
     environment[TALVEX_VAR_DEBUG_DIR] = o.logDir;
     environment[TALVEX_VAR_DEBUG_LVL] = o.logLevel;

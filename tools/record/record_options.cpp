@@ -41,7 +41,7 @@ ParseOutcome parseRecordOptions(int argc, char** argv, RecordOptions* o, std::st
   const std::map<std::string, std::string*> valued = {
       {"--transcript", &o->transcript}, {"--raw", &o->raw},       {"--jsonl", &o->jsonl},
       {"--pcap", &o->pcap},             {"--listen", &o->listen}, {"--socks", &o->socks},
-      {"--log-dir", &o->logDir}};
+      {"--log-dir", &o->logDir},        {"--keylog", &o->keylog}};
   std::string levelText;
   int i = 1;
   for (; i < argc; ++i) {

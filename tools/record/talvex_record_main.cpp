@@ -17,6 +17,7 @@
 
 #include "agent_environment.h"
 #include "crash_watch.h"
+#include "key_log.h"
 #include "listen_address.h"
 #include "record_options.h"
 #include "record_outputs.h"
@@ -44,6 +45,8 @@ const char* const kUsage =
     "  --raw FILE           the recorder messages exactly as received, one per line\n"
     "  --jsonl FILE         one flat JSON object per message (jq examples: talvex-record(1))\n"
     "  --pcap FILE          the TCP connections COMMAND made, as a capture file for Wireshark\n"
+    "  --keylog FILE        append the TLS session secrets of OpenSSL and GnuTLS connections to\n"
+    "                       FILE, in the key log format Wireshark reads (SSLKEYLOGFILE)\n"
     "  --live               print each event on standard error as it happens (the default\n"
     "                       when standard error is a terminal); --no-live to turn it off\n"
     "  -q, --quiet          no transcript on standard error\n"
@@ -198,6 +201,10 @@ int main(int argc, char** argv) {
             o.command[0].c_str());
   }
 
+  if (!o.keylog.empty() && !talvex::prepareKeylog(&o.keylog, &error)) {
+    fprintf(stderr, "talvex-record: %s\n", error.c_str());
+    return 1;
+  }
   talvex::RecordOutputs outputs(o, liveViewWanted(o));
   if (!outputs.open(&error)) {
     fprintf(stderr, "talvex-record: %s\n", error.c_str());
