@@ -8,7 +8,6 @@
 //   +capture      the same with the extension
 #include <stdio.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <string>
 
@@ -42,42 +41,47 @@ double perCall(const Environment& environment, int echoPort, const std::string& 
   exit(1);
 }
 
-// What the agent's stand-in for SSL_write_ex costs on its own, unplugged: the instructions inside
-// it (the library's encryption included) less those inside OpenSSL's SSL_write_ex in the same
-// client without the agent. The client writes its request in 64-byte writes to a TLS server of
-// the suite's own; Debian's i386 libssl3 as the install script unpacks it.
-double tlsStandInPerCall() {
+// What the agent's stand-in for SSL_write_ex costs on its own, unplugged: its instructions (the
+// library's encryption included) less those of OpenSSL's SSL_write_ex it calls, both inclusive, in
+// one run of a client that writes its request in 64-byte writes to a TLS server of the suite's
+// own. Debian's i386 libssl3 as the install script unpacks it.
+double tlsStandInPerCall(const Environment& extra) {
   const char* const directory = "/var/lib/talvex-test/libssl3-i386/usr/lib/i386-linux-gnu";
   TempDir tls;
   runProcess({"/usr/bin/openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=localhost",
               "-keyout", tls.file("key.pem"), "-out", tls.file("cert.pem")},
              cleanEnvironment());
-  const auto inside = [&](const Environment& environment, const std::string& function) {
-    unlink(tls.file("port").c_str());
-    BackgroundProcess server({"/usr/bin/python3", kTlsServerPath, tls.path(), "1", "16"}, cleanEnvironment());
-    const int port = waitForPortFile(tls.file("port"), std::chrono::seconds(30));
-    TempDir out;
-    Environment withLibrary = environment;
-    withLibrary["LD_LIBRARY_PATH"] = directory;
-    const ProcessResult r = runProcess(
-        {"/usr/bin/valgrind", "--tool=callgrind", "--callgrind-out-file=" + out.file("cg"),
-         "--toggle-collect=" + function, kTlsClientProbePath, "openssl", std::string(directory) + "/libssl.so.3",
-         std::to_string(port), std::to_string(kRounds * 64 - 61), "64"},
-        withLibrary, std::chrono::seconds(300));
-    server.wait();
-    if (r.exitCode != 0) {
-      fprintf(stderr, "valgrind run of the TLS client failed: %s\n", r.err.c_str());
-      exit(1);
-    }
-    for (const auto& line : splitLines(readFile(out.file("cg")))) {
-      if (line.rfind("totals: ", 0) == 0) return atof(line.c_str() + 8) / kRounds;
-      if (line.rfind("summary: ", 0) == 0) return atof(line.c_str() + 9) / kRounds;
-    }
-    fprintf(stderr, "no totals in the callgrind output\n");
+  BackgroundProcess server({"/usr/bin/python3", kTlsServerPath, tls.path(), "1", "16"}, cleanEnvironment());
+  const int port = waitForPortFile(tls.file("port"), std::chrono::seconds(30));
+  Environment environment = extra;
+  environment[TALVEX_VAR_UNPLUG_AGENT] = "";
+  environment["LD_LIBRARY_PATH"] = directory;
+  const ProcessResult r = runProcess(
+      {"/usr/bin/valgrind", "--tool=callgrind", "--callgrind-out-file=" + tls.file("cg"), kTlsClientProbePath, "openssl",
+       std::string(directory) + "/libssl.so.3", std::to_string(port), std::to_string(kRounds * 64 - 61), "64"},
+      agentEnvironment(environment), std::chrono::seconds(300));
+  server.wait();
+  const ProcessResult annotated = runProcess(
+      {"/usr/bin/callgrind_annotate", "--inclusive=yes", "--threshold=100", tls.file("cg")}, cleanEnvironment());
+  if (r.exitCode != 0 || annotated.exitCode != 0) {
+    fprintf(stderr, "valgrind run of the TLS client failed: %s%s\n", r.err.c_str(), annotated.err.c_str());
     exit(1);
-  };
-  return inside(agentEnvironment({{TALVEX_VAR_UNPLUG_AGENT, ""}}), "talvexTls_SSL_write_ex") -
-         inside(cleanEnvironment(), "SSL_write_ex");
+  }
+  // "  32,254,077 (50.95%)  FILE:SSL_write_ex [OBJECT]": one line for the agent's, one for OpenSSL's.
+  double standIn = -1, library = -1;
+  for (const auto& line : splitLines(annotated.out)) {
+    if (line.find(":SSL_write_ex [") == std::string::npos) continue;
+    std::string digits;
+    for (char c : line.substr(0, line.find('('))) {
+      if (c >= '0' && c <= '9') digits += c;
+    }
+    (line.find("libtalvex_socket_agent") != std::string::npos ? standIn : library) = atof(digits.c_str());
+  }
+  if (standIn < 0 || library < 0) {
+    fprintf(stderr, "no SSL_write_ex of both objects in the callgrind output\n");
+    exit(1);
+  }
+  return (standIn - library) / kRounds;
 }
 
 struct Row {
@@ -119,8 +123,8 @@ int main() {
   printf("  unplugged send by payload size: 16 B %.0f, 1 KiB %.0f, 64 KiB %.0f instructions\n",
          perCall(unplugged, echo.port(), "send", 16), perCall(unplugged, echo.port(), "send", 1024),
          perCall(unplugged, echo.port(), "send", 65536));
-  printf("  unplugged SSL_write_ex (TLS plaintext off): the stand-in adds %.0f instructions to OpenSSL's own\n",
-         tlsStandInPerCall());
+  printf("  unplugged SSL_write_ex, instructions the stand-in adds to OpenSSL's own: TLS plaintext off %.0f, on %.0f\n",
+         tlsStandInPerCall({}), tlsStandInPerCall({{TALVEX_VAR_TLS_PLAINTEXT, "1"}}));
   printf("  capture adds: unplugged %+.0f / %+.0f / %+.0f, recording %+.0f / %+.0f / %+.0f\n",
          passCapture.send - passThrough.send, passCapture.recv - passThrough.recv,
          passCapture.write - passThrough.write, recordingCapture.send - recording.send,

@@ -12,6 +12,7 @@
 #include "transport/agent_interface.h"
 #include "transport/message_demand.h"
 
+bool tlsSessionsSeen;
 __thread TlsCallState tlsCallState __attribute__((tls_model("initial-exec")));
 __thread const void* untiedTlsSession __attribute__((tls_model("initial-exec")));
 
@@ -84,6 +85,8 @@ bool tieToUntiedSession(int socket, const void* bytes, size_t count) {
 TlsCall::TlsCall(const void* session, TlsLibrary library, const void* caller)
     : session_(session), library_(library), caller_(caller), outermost_(tlsCallState.depth == 0), start_() {
   if (outermost_) {
+    // Before the library's first socket call, which must find it set.
+    if (!__atomic_load_n(&tlsSessionsSeen, __ATOMIC_RELAXED)) __atomic_store_n(&tlsSessionsSeen, true, __ATOMIC_RELAXED);
     tlsCallState.session = session;
     tlsCallState.carrier = -1;
     start_ = beginCall();

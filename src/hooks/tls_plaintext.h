@@ -29,6 +29,10 @@ struct TlsCallState {
   unsigned depth;
 };
 
+// Whether this process has made a TLS call the agent records: until then no socket carries a
+// session, and the data handlers' question below costs one load.
+extern bool tlsSessionsSeen;
+
 // initial-exec, as the re-entry guard's: the agent is preloaded.
 extern __thread TlsCallState tlsCallState __attribute__((tls_model("initial-exec")));
 // A session of this thread whose socket is not known yet.
@@ -41,6 +45,7 @@ bool tlsPlaintextWanted();
 // log and learns the tie. Inline, for the cost of every recorded call when TLS is not involved.
 bool leaveOutTlsRecords(SOCKETINFO* record, const char* name, int cpt, unsigned fd);
 inline bool tlsRecordsLeftOut(SOCKETINFO* record, const char* name, int cpt, unsigned fd) {
+  if (!__atomic_load_n(&tlsSessionsSeen, __ATOMIC_RELAXED)) return false;
   if (tlsCallState.depth == 0 && tlsSessionOf(record) == nullptr) return false;
   return leaveOutTlsRecords(record, name, cpt, fd);
 }
