@@ -78,15 +78,16 @@ struct Datum {
   unsigned int size;
 };
 
-// The libraries call the agent's callbacks with no caller the agent could look their functions up
-// from: the functions they need were found when the callbacks were put in place.
+// The library calls the agent's callbacks from its own code: the functions they need are looked
+// up in the scope of the library that called, as the stand-ins look theirs up in their caller's.
 void openSslLine(const void* ssl, const char* line) {
+  const void* library = __builtin_return_address(0);
   char text[1024];
   const size_t length = strnlen(line, sizeof text - 1);
   memcpy(text, line, length);
   text[length] = '\n';
   appendLine(text, length + 1);
-  SSL_get_SSL_CTX_type context = realTls<TLS_FN_SSL_get_SSL_CTX, SSL_get_SSL_CTX_type>(nullptr);
+  SSL_get_SSL_CTX_type context = realTls<TLS_FN_SSL_get_SSL_CTX, SSL_get_SSL_CTX_type>(library);
   OpenSslKeylogCallback program =
       context != nullptr ? reinterpret_cast<OpenSslKeylogCallback>(recall(context(ssl))) : nullptr;
   if (program != nullptr) program(ssl, line);
@@ -101,8 +102,8 @@ void appendHex(char*& out, const unsigned char* bytes, size_t count) {
 }
 
 int gnuTlsSecret(void* session, const char* label, const void* secret) {
-  gnutls_session_get_random_type random =
-      realTls<TLS_FN_gnutls_session_get_random, gnutls_session_get_random_type>(nullptr);
+  gnutls_session_get_random_type random = realTls<TLS_FN_gnutls_session_get_random, gnutls_session_get_random_type>(
+      __builtin_return_address(0));
   const Datum* value = static_cast<const Datum*>(secret);
   if (random != nullptr && value != nullptr && label != nullptr) {
     Datum client = {nullptr, 0};
@@ -134,11 +135,11 @@ void* const kGnuTlsSecret = reinterpret_cast<void*>(&gnuTlsSecret);
 
 bool tlsKeylogWanted() { return tlsKeylogFile() != nullptr; }
 
-void watchOpenSslContext(void* context, const void* caller) {
-  auto get = realTls<TLS_FN_SSL_CTX_get_keylog_callback, SSL_CTX_get_keylog_callback_type>(caller);
-  auto set = realTls<TLS_FN_SSL_CTX_set_keylog_callback, SSL_CTX_set_keylog_callback_type>(caller);
+void watchOpenSslContext(void* context, const void* library) {
+  auto get = realTls<TLS_FN_SSL_CTX_get_keylog_callback, SSL_CTX_get_keylog_callback_type>(library);
+  auto set = realTls<TLS_FN_SSL_CTX_set_keylog_callback, SSL_CTX_set_keylog_callback_type>(library);
   if (context == nullptr || get == nullptr || set == nullptr ||
-      realTls<TLS_FN_SSL_get_SSL_CTX, SSL_get_SSL_CTX_type>(caller) == nullptr) {
+      realTls<TLS_FN_SSL_get_SSL_CTX, SSL_get_SSL_CTX_type>(library) == nullptr) {
     return;
   }
   void* held = get(context);
@@ -147,19 +148,19 @@ void watchOpenSslContext(void* context, const void* caller) {
   if (remember(context, held)) set(context, kOpenSslLine);
 }
 
-void chainOpenSslCallback(void* context, void* callback, const void* caller) {
-  auto set = realTls<TLS_FN_SSL_CTX_set_keylog_callback, SSL_CTX_set_keylog_callback_type>(caller);
+void chainOpenSslCallback(void* context, void* callback, const void* library) {
+  auto set = realTls<TLS_FN_SSL_CTX_set_keylog_callback, SSL_CTX_set_keylog_callback_type>(library);
   if (set == nullptr) return;
   set(context, remember(context, callback) ? kOpenSslLine : callback);
 }
 
 void* programOpenSslCallback(const void* context, void* held) { return held == kOpenSslLine ? recall(context) : held; }
 
-void watchGnuTlsSession(void* session, const void* caller) {
-  auto get = realTls<TLS_FN_gnutls_session_get_keylog_function, gnutls_session_get_keylog_function_type>(caller);
-  auto set = realTls<TLS_FN_gnutls_session_set_keylog_function, gnutls_session_set_keylog_function_type>(caller);
+void watchGnuTlsSession(void* session, const void* library) {
+  auto get = realTls<TLS_FN_gnutls_session_get_keylog_function, gnutls_session_get_keylog_function_type>(library);
+  auto set = realTls<TLS_FN_gnutls_session_set_keylog_function, gnutls_session_set_keylog_function_type>(library);
   if (session == nullptr || get == nullptr || set == nullptr ||
-      realTls<TLS_FN_gnutls_session_get_random, gnutls_session_get_random_type>(caller) == nullptr) {
+      realTls<TLS_FN_gnutls_session_get_random, gnutls_session_get_random_type>(library) == nullptr) {
     return;
   }
   void* held = get(session);
@@ -167,8 +168,8 @@ void watchGnuTlsSession(void* session, const void* caller) {
   if (remember(session, held)) set(session, kGnuTlsSecret);
 }
 
-void chainGnuTlsFunction(void* session, void* function, const void* caller) {
-  auto set = realTls<TLS_FN_gnutls_session_set_keylog_function, gnutls_session_set_keylog_function_type>(caller);
+void chainGnuTlsFunction(void* session, void* function, const void* library) {
+  auto set = realTls<TLS_FN_gnutls_session_set_keylog_function, gnutls_session_set_keylog_function_type>(library);
   if (set == nullptr) return;
   set(session, remember(session, function) ? kGnuTlsSecret : function);
 }

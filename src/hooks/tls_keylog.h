@@ -8,14 +8,16 @@
 
 bool tlsKeylogWanted();
 
+// `library`: the library's function the stand-in called, beside which its others are looked up.
+
 // OpenSSL: a session was made from `context`.
-void watchOpenSslContext(void* context, const void* caller);
+void watchOpenSslContext(void* context, const void* library);
 // The program sets its own callback on `context`.
-void chainOpenSslCallback(void* context, void* callback, const void* caller);
+void chainOpenSslCallback(void* context, void* callback, const void* library);
 // What the program reads back as its context's callback, given what the library holds.
 void* programOpenSslCallback(const void* context, void* held);
 
 // GnuTLS: a session was made.
-void watchGnuTlsSession(void* session, const void* caller);
-void chainGnuTlsFunction(void* session, void* function, const void* caller);
+void watchGnuTlsSession(void* session, const void* library);
+void chainGnuTlsFunction(void* session, void* function, const void* library);
 void* programGnuTlsFunction(const void* session, void* held);

@@ -33,15 +33,15 @@ const unsigned long kUnexpectedEofWhileReading = 294;
 const unsigned char kHandshakeRecord = 0x16;
 
 // The descriptor the library itself was given, when it is a socket the agent knows.
-int libraryDescriptor(const void* session, TlsLibrary library, const void* caller) {
+int libraryDescriptor(const void* session, TlsLibrary kind, const void* library) {
   int descriptor = -1;
-  if (library == TLS_OPENSSL) {
-    SSL_get_fd_type getFd = realTls<TLS_FN_SSL_get_fd, SSL_get_fd_type>(caller);
+  if (kind == TLS_OPENSSL) {
+    SSL_get_fd_type getFd = realTls<TLS_FN_SSL_get_fd, SSL_get_fd_type>(library);
     if (getFd != nullptr) descriptor = getFd(session);
   } else {
     // A session given pointers rather than a descriptor answers with the pointer's low bits: only
     // a socket the registry knows is believed.
-    gnutls_transport_get_int_type getInt = realTls<TLS_FN_gnutls_transport_get_int, gnutls_transport_get_int_type>(caller);
+    gnutls_transport_get_int_type getInt = realTls<TLS_FN_gnutls_transport_get_int, gnutls_transport_get_int_type>(library);
     if (getInt != nullptr) descriptor = getInt(const_cast<void*>(session));
   }
   if (descriptor <= 0 || getSocketInfo(static_cast<unsigned>(descriptor)) == nullptr) return -1;
@@ -82,8 +82,8 @@ bool tieToUntiedSession(int socket, const void* bytes, size_t count) {
   return true;
 }
 
-TlsCall::TlsCall(const void* session, TlsLibrary library, const void* caller)
-    : session_(session), library_(library), caller_(caller), outermost_(tlsCallState.depth == 0), start_() {
+TlsCall::TlsCall(const void* session, TlsLibrary kind, const void* library)
+    : session_(session), kind_(kind), library_(library), outermost_(tlsCallState.depth == 0), start_() {
   if (outermost_) {
     // Before the library's first socket call, which must find it set.
     if (!__atomic_load_n(&tlsSessionsSeen, __ATOMIC_RELAXED)) __atomic_store_n(&tlsSessionsSeen, true, __ATOMIC_RELAXED);
@@ -102,7 +102,7 @@ TlsCall::~TlsCall() {
   // its records leave through the socket this thread sends them on next.
   if (tlsCallState.carrier < 0 && socketOfTlsSession(session_) < 0) {
     const int error = errno;
-      if (libraryDescriptor(session_, library_, caller_) < 0) untiedTlsSession = session_;
+      if (libraryDescriptor(session_, kind_, library_) < 0) untiedTlsSession = session_;
     errno = error;
   }
 }
@@ -111,7 +111,7 @@ int TlsCall::carrier() {
   if (tlsCallState.carrier > 0) return tlsCallState.carrier;
   int socket = socketOfTlsSession(session_);
   if (socket > 0) return socket;
-  socket = libraryDescriptor(session_, library_, caller_);
+  socket = libraryDescriptor(session_, kind_, library_);
   if (socket > 0) tieTlsSession(getSocketInfo(static_cast<unsigned>(socket)), session_);
   return socket;
 }
@@ -127,7 +127,7 @@ void TlsCall::sent(const void* buffer, size_t asked, size_t sent) {
     message.set(RMA_LENGTH, static_cast<unsigned>(asked));
     message.set(RMA_RETURN, static_cast<int>(sent));
     message.set(RMA_ERROR, 0);
-    message.set(RMA_TLS, kLibraryNames[library_], 0);
+    message.set(RMA_TLS, kLibraryNames[kind_], 0);
     sendToRecorder(message);
   }
   errno = error;
@@ -144,7 +144,7 @@ void TlsCall::received(const void* buffer, size_t got) {
     message.set(RMA_LENGTH, static_cast<int>(got));
     message.set(RMA_RETURN, static_cast<int>(got));
     message.set(RMA_ERROR, 0);
-    message.set(RMA_TLS, kLibraryNames[library_], 0);
+    message.set(RMA_TLS, kLibraryNames[kind_], 0);
     sendToRecorder(message);
   }
   errno = error;
@@ -160,22 +160,22 @@ void TlsCall::ended() {
     message.set(RMA_LENGTH, 0);
     message.set(RMA_RETURN, 0);
     message.set(RMA_ERROR, 0);
-    message.set(RMA_TLS, kLibraryNames[library_], 0);
+    message.set(RMA_TLS, kLibraryNames[kind_], 0);
     sendToRecorder(message);
   }
   errno = error;
 }
 
-bool openSslReadEnded(const void* ssl, int result, const void* caller) {
+bool openSslReadEnded(const void* ssl, int result, const void* library) {
   if (result > 0) return false;
   const int error = errno;
-  SSL_get_error_type getError = realTls<TLS_FN_SSL_get_error, SSL_get_error_type>(caller);
+  SSL_get_error_type getError = realTls<TLS_FN_SSL_get_error, SSL_get_error_type>(library);
   const int kind = getError != nullptr ? getError(ssl, result) : 0;
   bool ended = kind == kSslErrorZeroReturn || (kind == kSslErrorSyscall && error == 0);
   if (kind == kSslErrorSsl) {
     // OpenSSL 3 reports the stream's end without a closing alert as an error of its own, which it
     // leaves on its queue: looked at, not taken.
-    ERR_peek_error_type peek = realTls<TLS_FN_ERR_peek_error, ERR_peek_error_type>(caller);
+    ERR_peek_error_type peek = realTls<TLS_FN_ERR_peek_error, ERR_peek_error_type>(library);
     ended = peek != nullptr && (peek() & kOpenSslReasonMask) == kUnexpectedEofWhileReading;
   }
   errno = error;

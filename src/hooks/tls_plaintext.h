@@ -69,12 +69,14 @@ inline bool tlsHandshakeStartsOn(int socket, const iovec* vectors, int count, ss
 // on the transport it uses.
 class TlsCall {
  public:
-  TlsCall(const void* session, TlsLibrary library, const void* caller);
+  // `library`: the library's function being called, beside which its others are looked up.
+  TlsCall(const void* session, TlsLibrary kind, const void* library);
   ~TlsCall();
   TlsCall(const TlsCall&) = delete;
   TlsCall& operator=(const TlsCall&) = delete;
 
   bool recording() const { return outermost_; }
+  const void* library() const { return library_; }
   // The library took `sent` bytes of the `asked` at `buffer`.
   void sent(const void* buffer, size_t asked, size_t sent);
   // The library gave `got` bytes into `buffer`.
@@ -86,11 +88,12 @@ class TlsCall {
   int carrier();
 
   const void* session_;
-  TlsLibrary library_;
-  const void* caller_;
+  TlsLibrary kind_;
+  const void* library_;
   bool outermost_;
   CallStart start_;
 };
 
-// Whether an OpenSSL read that gave `result` (0 or less) ended the peer's side.
-bool openSslReadEnded(const void* ssl, int result, const void* caller);
+// Whether an OpenSSL read that gave `result` (0 or less) ended the peer's side; `library` as
+// TlsCall's.
+bool openSslReadEnded(const void* ssl, int result, const void* library);

@@ -129,23 +129,23 @@ TALVEX_BEFORE_SANITIZERS bool loadedAfterAgent(const void* caller) {
 // the agent's stand-in when it is. A program that opened the library itself and asks its handle
 // gets the stand-in too, as long as that library is the one the stand-in calls; otherwise (two
 // libraries of the same names in one process) the library's own function, unrecorded.
-TALVEX_BEFORE_SANITIZERS void* tlsLookup(void* handle, const char* name, void* standIn) {
+TALVEX_BEFORE_SANITIZERS void* tlsLookup(void* handle, const char* name, void* standIn, const void* caller) {
   void* own = handle == RTLD_DEFAULT || handle == RTLD_NEXT ? standIn : dlsymptr(handle, name);
   if (own == nullptr) return nullptr;
   // The default scope, or a handle whose scope is the global one (the program's own, from
   // dlopen(NULL)): the agent comes first there.
   if (own == standIn) return lookupNextDefinition(name) != nullptr ? standIn : nullptr;
-  return adoptTlsFunction(name, own) ? standIn : own;
+  return adoptTlsFunction(name, own, caller) ? standIn : own;
 }
 
 // Run-time lookups are answered from the agent first, so a host that fetches a hooked function
 // through dlsym still reaches the hook.
-TALVEX_BEFORE_SANITIZERS void* agentLookup(void* handle, const char* name) {
+TALVEX_BEFORE_SANITIZERS void* agentLookup(void* handle, const char* name, const void* caller) {
   void* ownObject = handleHookLIB;
   findRealDlsym();
   if (dlsymptr == nullptr) return nullptr;
   void* standIn = tlsStandIn(name);
-  if (standIn != nullptr) return tlsLookup(handle, name, standIn);
+  if (standIn != nullptr) return tlsLookup(handle, name, standIn, caller);
   if (ownObject == nullptr) {
     // The agent's own object is not open yet (see findRealDlsym): its hooks are answered by name,
     // everything else by the loader.
@@ -172,7 +172,7 @@ extern "C" __attribute__((visibility("hidden"))) TALVEX_BEFORE_SANITIZERS void* 
       return reinterpret_cast<void*>(dlsymptr);
     }
   }
-  return agentLookup(handle, name);
+  return agentLookup(handle, name, caller);
 }
 
 // The exported dlsym, in assembly: only a jump, not a call, leaves the loader's dlsym the caller's

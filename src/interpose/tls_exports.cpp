@@ -46,8 +46,10 @@ Result throughLibrary(const void* caller, const void* session, TlsLibrary librar
   typedef Result (*Real)(Arguments...);
   Real real = reinterpret_cast<Real>(tlsFunction(function, caller));
   if (real == nullptr) return static_cast<Result>(-1);
+  tlsLibraryEntered = reinterpret_cast<const void*>(real);
   if (!tlsCallRecorded()) return real(arguments...);
-  TlsCall call(session, library, caller);
+  // The library's other functions are looked up beside the one called.
+  TlsCall call(session, library, reinterpret_cast<const void*>(real));
   const Result result = real(arguments...);
   if (call.recording()) {
     AgentScope scope;
@@ -100,13 +102,12 @@ TALVEX_TLS_TWIN int talvexTls_SSL_write_early_data(void* ssl, const void* buffer
 }
 
 TALVEX_TLS_TWIN int talvexTls_SSL_read(void* ssl, void* buffer, int count) {
-  const void* caller = TALVEX_CALLER;
   return throughLibrary<int, TLS_FN_SSL_read>(
-      caller, ssl, TLS_OPENSSL,
+      TALVEX_CALLER, ssl, TLS_OPENSSL,
       [&](TlsCall& call, int result) {
         if (result > 0) {
           call.received(buffer, static_cast<size_t>(result));
-        } else if (openSslReadEnded(ssl, result, caller)) {
+        } else if (openSslReadEnded(ssl, result, call.library())) {
           call.ended();
         }
       },
@@ -114,13 +115,12 @@ TALVEX_TLS_TWIN int talvexTls_SSL_read(void* ssl, void* buffer, int count) {
 }
 
 TALVEX_TLS_TWIN int talvexTls_SSL_read_ex(void* ssl, void* buffer, size_t count, size_t* got) {
-  const void* caller = TALVEX_CALLER;
   return throughLibrary<int, TLS_FN_SSL_read_ex>(
-      caller, ssl, TLS_OPENSSL,
+      TALVEX_CALLER, ssl, TLS_OPENSSL,
       [&](TlsCall& call, int result) {
         if (result == 1) {
           call.received(buffer, countOf(result, got));
-        } else if (openSslReadEnded(ssl, result, caller)) {
+        } else if (openSslReadEnded(ssl, result, call.library())) {
           call.ended();
         }
       },
@@ -262,7 +262,7 @@ TALVEX_TLS_TWIN void* talvexTls_SSL_new(void* context) {
   if (ssl != nullptr && keysLogged()) {
     const int error = errno;
     AgentScope scope;
-    watchOpenSslContext(context, caller);
+    watchOpenSslContext(context, reinterpret_cast<const void*>(real));
     errno = error;
   }
   return ssl;
@@ -275,7 +275,7 @@ TALVEX_TLS_TWIN void talvexTls_SSL_CTX_set_keylog_callback(void* context, void* 
   if (real == nullptr) return;
   if (!keysLogged()) return real(context, callback);
   AgentScope scope;
-  chainOpenSslCallback(context, callback, caller);
+  chainOpenSslCallback(context, callback, reinterpret_cast<const void*>(real));
 }
 
 TALVEX_TLS_TWIN void* talvexTls_SSL_CTX_get_keylog_callback(const void* context) {
@@ -293,7 +293,7 @@ TALVEX_TLS_TWIN int talvexTls_gnutls_init(void** session, unsigned flags) {
   if (result == 0 && session != nullptr && keysLogged()) {
     const int error = errno;
     AgentScope scope;
-    watchGnuTlsSession(*session, caller);
+    watchGnuTlsSession(*session, reinterpret_cast<const void*>(real));
     errno = error;
   }
   return result;
@@ -306,7 +306,7 @@ TALVEX_TLS_TWIN void talvexTls_gnutls_session_set_keylog_function(void* session,
   if (real == nullptr) return;
   if (!keysLogged()) return real(session, function);
   AgentScope scope;
-  chainGnuTlsFunction(session, function, caller);
+  chainGnuTlsFunction(session, function, reinterpret_cast<const void*>(real));
 }
 
 TALVEX_TLS_TWIN void* talvexTls_gnutls_session_get_keylog_function(const void* session) {

@@ -122,6 +122,15 @@ TEST(TlsPlaintext, LookingUpATlsFunctionFindsWhatItWouldWithoutTheAgent) {
   }
 }
 
+// Two copies of a library of the same names, each in the scope of an object of its own: each
+// object's call reaches its own copy, as it would without the agent, not the one found first.
+TEST(TlsPlaintext, EachObjectReachesItsOwnCopyOfTheLibrary) {
+  const ProcessResult r = runProcess({kTlsClientProbePath, "callers", kTlsCallerAPath, kTlsCallerBPath, kTlsCallerAPath},
+                                     agentEnvironment({{TALVEX_VAR_TLS_PLAINTEXT, "1"}, {TALVEX_VAR_UNPLUG_AGENT, ""}}));
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out, "1001\n2002\n1001\n");
+}
+
 TEST(TlsPlaintext, CurlOverOpenSsl) {
   TALVEX_REQUIRE_64_BIT_AGENT();
   TALVEX_REQUIRE_PROGRAM("/usr/bin/curl");

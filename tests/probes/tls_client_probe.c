@@ -1,4 +1,6 @@
 /* tls_client_probe lookup NAME: prints whether dlsym(RTLD_DEFAULT, NAME) finds anything.
+ * tls_client_probe callers OBJECT...: opens each object in a local scope and prints what its
+ * callTlsLibrary returns.
  *
  * A TLS client on a non-blocking socket that opens its TLS library itself (dlopen in a local
  * scope, functions through dlsym of its handle), for either ABI without the library's development
@@ -72,7 +74,10 @@ static int openssl(int fd, const char* text, size_t length) {
     const int r = connectTls(ssl);
     if (r == 1) break;
     const int e = getError(ssl, r);
-    if (e != kWantRead && e != kWantWrite) return 2;
+    if (e != kWantRead && e != kWantWrite) {
+      fprintf(stderr, "SSL_connect: error %d\n", e);
+      return 2;
+    }
     waitFor(fd, e == kWantRead ? POLLIN : POLLOUT);
   }
   size_t done = 0;
@@ -124,13 +129,19 @@ static int gnutls(int fd, const char* text, size_t length) {
   long (*recv)(void*, void*, size_t) = need("gnutls_record_recv");
   void* credential = NULL;
   void* session = NULL;
-  if (allocate(&credential) != 0 || init(&session, kGnutlsClient | kGnutlsNonblock) != 0) return 2;
+  if (allocate(&credential) != 0 || init(&session, kGnutlsClient | kGnutlsNonblock) != 0) {
+    fprintf(stderr, "gnutls_init failed\n");
+    return 2;
+  }
   priority(session);
   credentials(session, kGnutlsCertificate, credential);
   transport(session, fd, fd);
   int r;
   while ((r = handshake(session)) < 0) {
-    if (r != kGnutlsAgain && r != kGnutlsInterrupted) return 2;
+    if (r != kGnutlsAgain && r != kGnutlsInterrupted) {
+      fprintf(stderr, "gnutls_handshake: %d\n", r);
+      return 2;
+    }
     waitFor(fd, POLLIN | POLLOUT);
   }
   size_t done = 0;
@@ -141,6 +152,7 @@ static int gnutls(int fd, const char* text, size_t length) {
     } else if (n == kGnutlsAgain || n == kGnutlsInterrupted) {
       waitFor(fd, POLLOUT);
     } else {
+      fprintf(stderr, "gnutls_record_send: %ld\n", n);
       return 2;
     }
   }
@@ -161,6 +173,18 @@ static int gnutls(int fd, const char* text, size_t length) {
 int main(int argc, char** argv) {
   if (argc == 3 && strcmp(argv[1], "lookup") == 0) {
     printf("%s\n", dlsym(RTLD_DEFAULT, argv[2]) != NULL ? "present" : "absent");
+    return 0;
+  }
+  if (argc >= 3 && strcmp(argv[1], "callers") == 0) {
+    for (int i = 2; i < argc; ++i) {
+      void* object = dlopen(argv[i], RTLD_NOW | RTLD_LOCAL);
+      int (*call)(void) = object != NULL ? (int (*)(void))dlsym(object, "callTlsLibrary") : NULL;
+      if (call == NULL) {
+        fprintf(stderr, "%s: %s\n", argv[i], dlerror());
+        return 2;
+      }
+      printf("%d\n", call());
+    }
     return 0;
   }
   if (argc != 5 && argc != 6) {
