@@ -75,7 +75,7 @@ TEST(TlsKeylog, TheAgentWritesTheSecretsOfBothLibraries) {
 }
 
 // curl sets a key-log callback of its own when SSLKEYLOGFILE is set: both logs get every line.
-TEST(TlsKeylog, AProgramsOwnCallbackIsChainedNotReplaced) {
+TEST(TlsRecord, AProgramsOwnKeyLogCallbackIsChainedNotReplaced) {
   TALVEX_REQUIRE_PROGRAM("/usr/bin/curl");
   TlsServer server(1, 100);
   TempDir tmp;
@@ -92,7 +92,7 @@ TEST(TlsKeylog, AProgramsOwnCallbackIsChainedNotReplaced) {
 
 // The wire, captured by dumpcap in a network namespace of the test's own, decrypted by tshark with
 // the key log that talvex-record wrote for wget (GnuTLS) and curl (OpenSSL).
-TEST(TlsKeylog, TsharkDecryptsACaptureOfTheWireWithIt) {
+TEST(TlsRecord, TsharkDecryptsACaptureOfTheWireWithTheKeyLog) {
   TALVEX_REQUIRE_NETWORK_NAMESPACES();
   TALVEX_REQUIRE_PROGRAM("/usr/bin/dumpcap");
   TALVEX_REQUIRE_PROGRAM("/usr/bin/tshark");

@@ -252,7 +252,7 @@ ProcessResult recordCommand(const std::vector<std::string>& options, const std::
 
 // talvex-record turns the extension on: the transcript reads an HTTPS conversation as it reads an
 // HTTP one and says it was TLS; the JSON Lines name the library.
-TEST(TlsPlaintext, TalvexRecordShowsHttpsAsPlaintext) {
+TEST(TlsRecord, HttpsIsShownAsPlaintext) {
   TALVEX_REQUIRE_PROGRAM("/usr/bin/curl");
   TALVEX_REQUIRE_PROGRAM("/usr/bin/jq");
   TlsServer server(1, 15);
@@ -281,7 +281,7 @@ TEST(TlsPlaintext, TalvexRecordShowsHttpsAsPlaintext) {
 
 // Node's OpenSSL is linked into node itself: its records stay records, said to be encrypted, and
 // the end of the run names the program.
-TEST(TlsPlaintext, TlsLinkedIntoTheProgramIsMarkedEncrypted) {
+TEST(TlsRecord, TlsLinkedIntoTheProgramIsMarkedEncrypted) {
   TALVEX_REQUIRE_PROGRAM("/usr/bin/node");
   TlsServer server(1, 15);
   TempDir tmp;
