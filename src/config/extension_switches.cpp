@@ -9,7 +9,7 @@ namespace {
 const char* const kVariables[EXT_COUNT] = {TALVEX_VAR_SOCKET_IDENTITY, TALVEX_VAR_CONNECT_OUTCOME,
                                            TALVEX_VAR_COMMAND_LINE, TALVEX_VAR_ALL_RESOLUTIONS,
                                            TALVEX_VAR_UNRECORDED_SOCKETS, TALVEX_VAR_PID_EVERYWHERE,
-                                           TALVEX_VAR_TLS_PLAINTEXT};
+                                           TALVEX_VAR_TLS_PLAINTEXT, TALVEX_VAR_TLS_WIRE};
 // Bit e set while extension e is on. Written once at start-up, read by every thread after.
 unsigned switchedOn;
 

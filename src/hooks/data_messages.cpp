@@ -47,8 +47,11 @@ void recordSend(const CallStart& start, int socket, const void* buffer, size_t l
                 const SendDestination* destination) {
   // A send never takes more than was asked: its data is at most `length` bytes.
   if (!messageWorthBuilding(length)) return;
-  if (result > 0 && tlsHandshakeStartsOn(socket, buffer, static_cast<size_t>(result))) return;
-  RecorderMessage message(RMT_SEND, start.cpt);
+  // The handshake that ties a socket to its thread's session is the first of its records.
+  const bool handshake = result > 0 && tlsHandshakeStartsOn(socket, buffer, static_cast<size_t>(result));
+  if (handshake && !tlsWireWanted()) return;
+  WireMessages wire(handshake);
+  RecorderMessage message(dataKind(RMT_SEND), start.cpt);
   setSendHead(message, start, socket);
   const SentBytes sent = sentBytes(length, result);
   if (sent.present && length != 0) {
@@ -73,8 +76,11 @@ void recordSend(const CallStart& start, int socket, const void* buffer, size_t l
 
 void recordVectorSend(const CallStart& start, int socket, const HostVectors& vectors, ssize_t result, int error) {
   if (!messageWorthBuilding(vectors.readable())) return;
-  if (result > 0 && vectors.valid() && tlsHandshakeStartsOn(socket, vectors.list(), vectors.count(), result)) return;
-  RecorderMessage message(RMT_SEND, start.cpt);
+  const bool handshake =
+      result > 0 && vectors.valid() && tlsHandshakeStartsOn(socket, vectors.list(), vectors.count(), result);
+  if (handshake && !tlsWireWanted()) return;
+  WireMessages wire(handshake);
+  RecorderMessage message(dataKind(RMT_SEND), start.cpt);
   setSendHead(message, start, socket);
   const SentBytes sent = sentBytes(static_cast<size_t>(vectors.readable()), result);
   if (!vectors.valid()) {
@@ -93,7 +99,7 @@ void recordReceive(int cpt, int ticket, int socket, const void* buffer, size_t l
                    const ReceiveSource* source) {
   if (emptyAskIsLeftOut(length, result)) return;
   if (!messageWorthBuilding(result > 0 ? static_cast<uint64_t>(result) : length)) return;
-  RecorderMessage message(RMT_RECEIVE, cpt);
+  RecorderMessage message(dataKind(RMT_RECEIVE), cpt);
   setReceiveHead(message, ticket, socket);
   setReceivedData(message, buffer, length, result);
   message.set(RMA_LENGTH, static_cast<int>(result));
@@ -109,7 +115,7 @@ void recordReceive(int cpt, int ticket, int socket, const void* buffer, size_t l
 void recordVectorReceive(const CallStart& start, int socket, const HostVectors& vectors, ssize_t result, int error) {
   if (emptyAskIsLeftOut(vectors.requested(), result)) return;
   if (!messageWorthBuilding(result > 0 ? static_cast<uint64_t>(result) : 0)) return;
-  RecorderMessage message(RMT_RECEIVE, start.cpt);
+  RecorderMessage message(dataKind(RMT_RECEIVE), start.cpt);
   setReceiveHead(message, start.ticket, socket);
   // The bytes received, spread over the vectors in order; a failed call received none.
   if (vectors.valid() && (result > 0 || emptyReceiveCarriesData())) {

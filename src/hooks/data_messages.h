@@ -35,7 +35,12 @@ void recordOrSayWhyNot(SOCKETINFO* record, const char* name, int cpt, unsigned f
   if (reason == SBL_SHOULDBELOGGED) {
     // A socket's share of a TLS conversation is its plaintext, recorded where the program hands it
     // to the library (see tls_plaintext.h), not the records the library makes of it.
-    if (!tlsRecordsLeftOut(record, name, cpt, fd)) recordIt();
+    if (!tlsRecordsLeftOut(record, name, cpt, fd)) {
+      recordIt();
+    } else if (tlsWireWanted()) {
+      WireMessages wire(true);
+      recordIt();
+    }
   } else {
     logNotRecorded(record, name, cpt, fd, reason);
     noticeUnrecordedSocket(record, fd, reason);

@@ -15,6 +15,7 @@
 bool tlsSessionsSeen;
 __thread TlsCallState tlsCallState __attribute__((tls_model("initial-exec")));
 __thread const void* untiedTlsSession __attribute__((tls_model("initial-exec")));
+__thread bool wireMessages __attribute__((tls_model("initial-exec")));
 
 namespace {
 
@@ -58,6 +59,7 @@ bool plaintextRecorded(int socket) {
 }  // namespace
 
 bool tlsPlaintextWanted() { return extensionOn(EXT_TLS_PLAINTEXT); }
+bool tlsWireWanted() { return extensionOn(EXT_TLS_WIRE); }
 
 bool leaveOutTlsRecords(SOCKETINFO* record, const char* name, int cpt, unsigned fd) {
   TlsCallState& call = tlsCallState;
@@ -66,7 +68,9 @@ bool leaveOutTlsRecords(SOCKETINFO* record, const char* name, int cpt, unsigned 
     call.carrier = static_cast<int>(fd);
     if (untiedTlsSession == call.session) untiedTlsSession = nullptr;
   }
-  si_disp(record, DMK_INFO, "[%d]%s on %lx not logged (TLS records)", cpt, name, static_cast<unsigned long>(fd));
+  if (!tlsWireWanted()) {
+    si_disp(record, DMK_INFO, "[%d]%s on %lx not logged (TLS records)", cpt, name, static_cast<unsigned long>(fd));
+  }
   return true;
 }
 

@@ -14,6 +14,7 @@
 #include <sys/uio.h>
 
 #include "base/counters.h"
+#include "message/recorder_vocabulary.h"
 #include "hooks/handler_support.h"
 #include "registry/tls_ties.h"
 
@@ -39,6 +40,33 @@ extern __thread TlsCallState tlsCallState __attribute__((tls_model("initial-exec
 extern __thread const void* untiedTlsSession __attribute__((tls_model("initial-exec")));
 
 bool tlsPlaintextWanted();
+// Whether the records left out are recorded as well, as "wiresend" and "wirereceive" messages
+// (TALVEX_SOCKET_AGENT_TLS_WIRE): for a reader who wants both the conversation and the wire.
+bool tlsWireWanted();
+
+// Set while a data handler records a TLS connection's records: its messages take the wire kinds.
+extern __thread bool wireMessages __attribute__((tls_model("initial-exec")));
+
+class WireMessages {
+ public:
+  explicit WireMessages(bool on) : on_(on) {
+    if (on_) wireMessages = true;
+  }
+  ~WireMessages() {
+    if (on_) wireMessages = false;
+  }
+  WireMessages(const WireMessages&) = delete;
+  WireMessages& operator=(const WireMessages&) = delete;
+
+ private:
+  bool on_;
+};
+
+// The kind of a data message: a send or receive, or, for records, their wire kinds.
+inline RecorderMessageKind dataKind(RecorderMessageKind kind) {
+  if (!wireMessages) return kind;
+  return kind == RMT_SEND ? RMT_WIRESEND : RMT_WIRERECEIVE;
+}
 
 // For a data call on a socket the agent records: whether its bytes are TLS records, to be left
 // out (the library's own socket call, or one on a socket that carries a session). Says so in the

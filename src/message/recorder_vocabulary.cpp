@@ -13,5 +13,5 @@ const char* const MARKER_RMA[24] = {"commandline", "workingdir", "data",        
 
 const char HexaTable[17] = "0123456789abcdef";
 
-const char* const kExtensionKindNames[1] = {"connectoutcome"};
+const char* const kExtensionKindNames[3] = {"connectoutcome", "wiresend", "wirereceive"};
 const char* const kExtensionAttributeNames[6] = {"cookie", "localip", "address", "gaierror", "kind", "tls"};

@@ -15,6 +15,8 @@ enum RecorderMessageKind {
   RMT_NOTRECORDED = 10,
   // Kinds that only extensions send (the kExtension tables below name them).
   RMT_CONNECTOUTCOME = 11,
+  RMT_WIRESEND = 12,
+  RMT_WIRERECEIVE = 13,
 };
 
 enum RecorderMessageAttributeType {
@@ -66,7 +68,7 @@ extern const char HexaTable[17];
 
 // The names of the kinds and attributes only extensions send, kept apart from the tables above,
 // whose sizes every consumer of the vocabulary knows.
-extern const char* const kExtensionKindNames[1];
+extern const char* const kExtensionKindNames[3];
 extern const char* const kExtensionAttributeNames[6];
 
 // The name of a kind or an attribute, the extensions' own included. Inline: every attribute of

@@ -99,6 +99,28 @@ TEST(TlsPlaintext, OwnNonBlockingGnuTlsClientWithManyRecords) {
   expectOwnClientRecorded("gnutls", gnuTlsPath(), "GnuTLS");
 }
 
+// With the wire asked for as well, the records come beside the plaintext, in kinds of their own.
+TEST(TlsPlaintext, TheWireCanBeHadBesideThePlaintext) {
+  TlsServer server(1, 5000);
+  const Recording r = recordWithPlaintext({kTlsClientProbePath, "gnutls", gnuTlsPath(), server.port(), "3000"},
+                                          {{TALVEX_VAR_TLS_WIRE, "1"}});
+  server.finish();
+  EXPECT_EQ(r.run.exitCode, 0) << r.run.err;
+  EXPECT_EQ(joined(r, "send"), server.received(0));
+  EXPECT_EQ(joined(r, "receive"), server.sent(0));
+  expectOnlyPlaintextOf(r, "GnuTLS");
+  const auto wireSends = r.ofKind("wiresend");
+  const auto wireReceives = r.ofKind("wirereceive");
+  ASSERT_FALSE(wireSends.empty());
+  ASSERT_FALSE(wireReceives.empty());
+  // The client's hello and the server's, then encrypted records, each larger than its plaintext.
+  EXPECT_EQ(wireSends[0]->text("data").substr(0, 2), std::string("\x16\x03"));
+  EXPECT_EQ(wireReceives[0]->text("data").substr(0, 2), std::string("\x16\x03"));
+  EXPECT_GT(joined(r, "wiresend").size(), server.received(0).size());
+  EXPECT_GT(joined(r, "wirereceive").size(), server.sent(0).size());
+  for (const auto* m : wireSends) EXPECT_EQ(valueOf(*m, "tls"), "<absent>");
+}
+
 TEST(TlsPlaintext, UnsetTheRecordsAreRecordedAsBefore) {
   TlsServer server(1, 1000);
   const Recording r = recordRun({kTlsClientProbePath, "gnutls", gnuTlsPath(), server.port(), "1000"});
@@ -276,6 +298,30 @@ TEST(TlsRecord, HttpsIsShownAsPlaintext) {
       {"/usr/bin/jq", "-r", "select(.kind==\"send\" or .kind==\"receive\") | \"\\(.kind) \\(.tls)\"", tmp.file("r.jsonl")},
       cleanEnvironment());
   EXPECT_EQ(jq.out, "send OpenSSL\nreceive OpenSSL\nreceive OpenSSL\n") << jq.err;
+  expectValidJsonLines(tmp.file("r.jsonl"));
+}
+
+// The wire, asked for beside the plaintext, is counted in the live view and kept in JSON Lines,
+// never shown as the conversation.
+TEST(TlsRecord, TheWireIsCountedNotShown) {
+  TALVEX_REQUIRE_PROGRAM("/usr/bin/curl");
+  TlsServer server(1, 15);
+  TempDir tmp;
+  std::vector<std::string> argv = {kRecordPath, "--live", "--transcript", tmp.file("t.txt"), "--jsonl", tmp.file("r.jsonl"),
+                                   "--", "/usr/bin/curl", "-s", "--cacert", server.certificate(),
+                                   "https://127.0.0.1:" + server.port() + "/"};
+  const ProcessResult r =
+      runProcess(argv, cleanEnvironment({{"HOME", "/tmp"}, {TALVEX_VAR_TLS_WIRE, "1"}}), std::chrono::seconds(90));
+  server.finish();
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_NE(r.err.find(" bytes of TLS records\n"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find(" bytes  GET / HTTP/1.1\\r\\n"), std::string::npos) << r.err;
+  const std::string transcript = readFile(tmp.file("t.txt"));
+  EXPECT_NE(transcript.find("      GET / HTTP/1.1\\r\\n\n"), std::string::npos) << transcript;
+  EXPECT_EQ(transcript.find("encrypted"), std::string::npos) << transcript;
+  const ProcessResult jq =
+      runProcess({"/usr/bin/jq", "-r", "select(.kind==\"wiresend\") | .data_b64", tmp.file("r.jsonl")}, cleanEnvironment());
+  EXPECT_EQ(jq.out.substr(0, 3), "FgM") << jq.out;  // base64 of 0x16 0x03: a handshake record
   expectValidJsonLines(tmp.file("r.jsonl"));
 }
 

@@ -49,6 +49,12 @@ std::string eventText(const ParsedMessage& m, const ConnectionTracker::Seen& see
     if (m.find("error") != nullptr) text += " FAILED (" + errorText(m.integer("error")) + ")";
     return text;
   }
+  if (m.kind == "wiresend" || m.kind == "wirereceive") {
+    // The records behind the plaintext shown: counted, not shown as if they were what was said.
+    const MessageAttribute* data = m.find("data");
+    const int64_t bytes = data != nullptr ? static_cast<int64_t>(data->bytes.size()) : 0;
+    return (m.kind == "wiresend" ? "> " : "< ") + counted(bytes, "byte", "bytes") + " of TLS records";
+  }
   if (m.kind == "process") {
     const MessageAttribute* directory = m.find("workingdir");
     const MessageAttribute* command = m.find("commandline");
