@@ -4,8 +4,8 @@
 //     native, a pass-through preload, the agent unplugged, the agent recording through its plain
 //     channel and through its persistent one, and strace as a user runs it to see payloads;
 //   the same unplugged with 10,000 other sockets open;
-//   a 50 MB download by the system's curl, plain and under talvex-record, on one core and on
-//   every core, with the medians of its runs as well.
+//   a 50 MB download by the system's curl over HTTP and over HTTPS (recorded as plaintext), plain
+//   and under talvex-record, on one core and on every core, with the medians of its runs as well.
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -161,31 +161,56 @@ int main() {
       fprintf(stderr, "the HTTP server did not start\n");
       return 1;
     }
-    const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/download";
-    const auto download = [&](const char* cores) {
+    // The same file over HTTPS, from a server of Python's own with a certificate made here: with
+    // TLS plaintext, the agent records the plaintext curl reads from OpenSSL, not the records.
+    runProcess({"/usr/bin/openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
+                "/CN=localhost", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", tmp.file("key.pem"), "-out",
+                tmp.file("cert.pem")},
+               cleanEnvironment());
+    BackgroundProcess tlsServer(
+        {"/usr/bin/python3", "-c",
+         "import functools, http.server, os, ssl, sys\n"
+         "context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)\n"
+         "context.load_cert_chain(sys.argv[1] + '/cert.pem', sys.argv[1] + '/key.pem')\n"
+         "handler = functools.partial(http.server.SimpleHTTPRequestHandler, directory=sys.argv[1])\n"
+         "server = http.server.ThreadingHTTPServer(('127.0.0.1', 0), handler)\n"
+         "server.socket = context.wrap_socket(server.socket, server_side=True)\n"
+         "open(sys.argv[1] + '/port.part', 'w').write('%d\\n' % server.server_address[1])\n"
+         "os.rename(sys.argv[1] + '/port.part', sys.argv[1] + '/port')\n"
+         "server.serve_forever()\n",
+         tmp.path()},
+        cleanEnvironment());
+    const int tlsPort = waitForPortFile(tmp.file("port"), std::chrono::seconds(30));
+    const std::string httpUrl = "http://127.0.0.1:" + std::to_string(port) + "/download";
+    const std::string httpsUrl = "https://127.0.0.1:" + std::to_string(tlsPort) + "/download";
+    const auto download = [&](const char* cores, const std::string& url) {
       std::vector<double> plain, recorded;
       for (int attempt = 0; attempt < kDownloadAttempts; ++attempt) {
-        plain.push_back(secondsOf({"/usr/bin/curl", "-s", "-o", "/dev/null", url}, cleanEnvironment()));
-        recorded.push_back(secondsOf({kRecordPath, "--quiet", "--raw", tmp.file("curl.raw"), "--", "/usr/bin/curl",
-                                      "-s", "-o", "/dev/null", url},
-                                     cleanEnvironment()));
+        const std::vector<std::string> curl = {"/usr/bin/curl", "-s", "-o", "/dev/null", "--cacert", tmp.file("cert.pem"), url};
+        std::vector<std::string> underRecord = {kRecordPath, "--quiet", "--raw", tmp.file("curl.raw"), "--"};
+        underRecord.insert(underRecord.end(), curl.begin(), curl.end());
+        plain.push_back(secondsOf(curl, cleanEnvironment()));
+        recorded.push_back(secondsOf(underRecord, cleanEnvironment()));
       }
       struct stat raw;
       stat(tmp.file("curl.raw").c_str(), &raw);
       const double bestPlain = *std::min_element(plain.begin(), plain.end());
       const double bestRecorded = *std::min_element(recorded.begin(), recorded.end());
-      printf("50 MB download by curl, %s: plain %.3f s, under talvex-record %.3f s, ratio %.2f (medians %.3f s and "
-             "%.3f s, ratio %.2f; raw output %lld bytes)\n",
-             cores, bestPlain, bestRecorded, bestRecorded / bestPlain, median(plain), median(recorded),
+      printf("50 MB download by curl over %s, %s: plain %.3f s, under talvex-record %.3f s, ratio %.2f (medians %.3f s "
+             "and %.3f s, ratio %.2f; raw output %lld bytes)\n",
+             url.substr(0, url.find(':')).c_str(), cores, bestPlain, bestRecorded, bestRecorded / bestPlain, median(plain), median(recorded),
              median(recorded) / median(plain), static_cast<long long>(raw.st_size));
     };
     // On one core every byte's price adds up: curl's, the server's, the agent's and the
     // recorder's. On the machine as a user runs it, talvex-record works beside the program, as a
     // process of its own is meant to.
-    download("one core");
+    download("one core", httpUrl);
+    download("one core", httpsUrl);
     runOnEveryCore();
     runOnEveryCore(server.pid());
-    download("every core");
+    runOnEveryCore(tlsServer.pid());
+    download("every core", httpUrl);
+    download("every core", httpsUrl);
   }
   return 0;
 }

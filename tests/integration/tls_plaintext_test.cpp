@@ -121,6 +121,23 @@ TEST(TlsPlaintext, TheWireCanBeHadBesideThePlaintext) {
   for (const auto* m : wireSends) EXPECT_EQ(valueOf(*m, "tls"), "<absent>");
 }
 
+// Key updates change the keys in both directions in the middle of the conversation; the
+// plaintext does not notice.
+TEST(TlsPlaintext, KeyUpdatesLeaveThePlaintextWhole) {
+  if (access(openSslPath().c_str(), R_OK) != 0) GTEST_SKIP() << "needs " << openSslPath();
+  TlsServer server(1, 50000);
+  Environment extra = {{"TALVEX_PROBE_KEY_UPDATE", "1"}};
+  if (kAbiBits == 32) extra["LD_LIBRARY_PATH"] = kI386OpenSslDirectory;
+  const Recording r =
+      recordWithPlaintext({kTlsClientProbePath, "openssl", openSslPath(), server.port(), "200000", "16384"}, extra);
+  server.finish();
+  EXPECT_EQ(r.run.exitCode, 0) << r.run.err;
+  EXPECT_EQ(r.run.out, server.sent(0));
+  EXPECT_EQ(joined(r, "send"), server.received(0));
+  EXPECT_EQ(joined(r, "receive"), server.sent(0));
+  expectOnlyPlaintextOf(r, "OpenSSL");
+}
+
 TEST(TlsPlaintext, UnsetTheRecordsAreRecordedAsBefore) {
   TlsServer server(1, 1000);
   const Recording r = recordRun({kTlsClientProbePath, "gnutls", gnuTlsPath(), server.port(), "1000"});
@@ -226,6 +243,46 @@ TEST(TlsPlaintext, PythonAsyncioOverMemoryBuffers) {
   const auto connects = r.ofKind("connect");
   ASSERT_EQ(connects.size(), 1u);
   for (const auto* m : r.ofKind("receive")) EXPECT_EQ(m->integer("socket"), connects[0]->integer("socket"));
+}
+
+// A second connection resumes the first one's session: its plaintext is its own, whole.
+TEST(TlsPlaintext, AResumedSessionIsAConversationOfItsOwn) {
+  TALVEX_REQUIRE_64_BIT_AGENT();
+  TlsServer server(2, 100);
+  const Recording r = recordWithPlaintext(
+      {"/usr/bin/python3", "-c",
+       "import socket, ssl, sys\n"
+       "context = ssl.create_default_context(cafile=sys.argv[1])\n"
+       "session = None\n"
+       "for n in range(2):\n"
+       "    tls = context.wrap_socket(socket.create_connection(('127.0.0.1', int(sys.argv[2]))),\n"
+       "                              server_hostname='127.0.0.1', session=session)\n"
+       "    tls.sendall(b'GET /%d HTTP/1.1\\r\\nHost: localhost\\r\\n\\r\\n' % n)\n"
+       "    while tls.recv(65536): pass\n"
+       "    print(tls.session_reused)\n"
+       "    session = tls.session\n"
+       "    tls.close()\n",
+       server.certificate(), server.port()});
+  server.finish();
+  EXPECT_EQ(r.run.out, "False\nTrue\n") << r.run.err;
+  // The messages of each connection, from its connect to the next.
+  std::vector<std::string> sent(1), received(1);
+  bool first = true;
+  for (const auto& m : r.messages) {
+    if (m.kind == "connect" && !first) {
+      sent.emplace_back();
+      received.emplace_back();
+    }
+    if (m.kind == "connect") first = false;
+    if (m.kind == "send") sent.back() += m.text("data");
+    if (m.kind == "receive") received.back() += m.text("data");
+  }
+  ASSERT_EQ(sent.size(), 2u);
+  for (int n = 0; n < 2; ++n) {
+    EXPECT_EQ(sent[n], server.received(n)) << n;
+    EXPECT_EQ(received[n], server.sent(n)) << n;
+  }
+  expectOnlyPlaintextOf(r, "OpenSSL");
 }
 
 TEST(TlsPlaintext, OpenSslSClient) {

@@ -6,6 +6,8 @@
  * scope, functions through dlsym of its handle), for either ABI without the library's development
  * files: usage: tls_client_probe openssl|gnutls LIBRARY PORT BODY_BYTES [CHUNK]
  * CHUNK: the request is written in writes of at most that many bytes (the cost bench counts them).
+ * With TALVEX_PROBE_KEY_UPDATE set, the OpenSSL client asks for a TLS 1.3 key update after the
+ * handshake and again half-way through its request (each direction's keys change).
  * It posts BODY_BYTES bytes of a pattern to 127.0.0.1:PORT, waits for the answer with a peek,
  * then reads it to the end, and prints it on stdout. On stderr: "retries N" (how often the
  * library said to wait: WANT_READ, WANT_WRITE, GNUTLS_E_AGAIN) and "peeked N".
@@ -80,8 +82,16 @@ static int openssl(int fd, const char* text, size_t length) {
     }
     waitFor(fd, e == kWantRead ? POLLIN : POLLOUT);
   }
+  int (*keyUpdate)(void*, int) = getenv("TALVEX_PROBE_KEY_UPDATE") != NULL ? need("SSL_key_update") : NULL;
+  enum { kKeyUpdateRequested = 1 };
+  if (keyUpdate != NULL) keyUpdate(ssl, kKeyUpdateRequested);
+  int halfway = keyUpdate != NULL;
   size_t done = 0;
   while (done < length) {
+    if (halfway && done >= length / 2) {
+      keyUpdate(ssl, kKeyUpdateRequested);
+      halfway = 0;
+    }
     size_t written = 0;
     const size_t piece = length - done < chunk ? length - done : chunk;
     const int r = writeEx(ssl, text + done, piece, &written);
