@@ -138,31 +138,22 @@ void TlsCall::sent(const void* buffer, size_t asked, size_t sent) {
 }
 
 void TlsCall::received(const void* buffer, size_t got) {
-  if (!outermost_ || got == 0) return;
+  if (got != 0) receiveMessage(buffer, got);
+}
+
+void TlsCall::ended() { receiveMessage(nullptr, 0); }
+
+// A receive of `got` bytes; of none, the end of the peer's side.
+void TlsCall::receiveMessage(const void* buffer, size_t got) {
+  if (!outermost_) return;
   const int error = errno;
   const int socket = carrier();
   if (messageWorthBuilding(got) && plaintextRecorded(socket)) {
     RecorderMessage message(RMT_RECEIVE, start_.cpt);
     setReceiveHead(message, start_.ticket, socket);
-    setMessageData(message, buffer, got);
+    if (got != 0) setMessageData(message, buffer, got);
     message.set(RMA_LENGTH, static_cast<int>(got));
     message.set(RMA_RETURN, static_cast<int>(got));
-    message.set(RMA_ERROR, 0);
-    message.set(RMA_TLS, kLibraryNames[kind_], 0);
-    sendToRecorder(message);
-  }
-  errno = error;
-}
-
-void TlsCall::ended() {
-  if (!outermost_) return;
-  const int error = errno;
-  const int socket = carrier();
-  if (messageWorthBuilding(0) && plaintextRecorded(socket)) {
-    RecorderMessage message(RMT_RECEIVE, start_.cpt);
-    setReceiveHead(message, start_.ticket, socket);
-    message.set(RMA_LENGTH, 0);
-    message.set(RMA_RETURN, 0);
     message.set(RMA_ERROR, 0);
     message.set(RMA_TLS, kLibraryNames[kind_], 0);
     sendToRecorder(message);

@@ -114,6 +114,7 @@ class TlsCall {
 
  private:
   int carrier();
+  void receiveMessage(const void* buffer, size_t got);
 
   const void* session_;
   TlsLibrary kind_;

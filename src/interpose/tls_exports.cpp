@@ -37,6 +37,15 @@ bool agentReady() {
 bool tlsCallRecorded() { return agentReady() && tlsPlaintextWanted(); }
 bool keysLogged() { return agentReady() && tlsKeylogWanted(); }
 
+// The agent's own work after a library call: inside the agent, the program's errno kept.
+template <class Work>
+void asAgent(Work work) {
+  const int error = errno;
+  AgentScope scope;
+  work();
+  errno = error;
+}
+
 // Every stand-in: the library's own function, called straight when the call is not recorded, and
 // otherwise inside a TlsCall, after which `record` looks at the result. A library the agent cannot
 // find (no program calls a function its scope lacks) gives -1, an error in both libraries.
@@ -51,11 +60,27 @@ Result throughLibrary(const void* caller, const void* session, TlsLibrary librar
   // The library's other functions are looked up beside the one called.
   TlsCall call(session, library, reinterpret_cast<const void*>(real));
   const Result result = real(arguments...);
-  if (call.recording()) {
-    AgentScope scope;
-    record(call, result);
-  }
+  if (call.recording()) asAgent([&] { record(call, result); });
   return result;
+}
+
+// A setter of the program's key-log callback (on an OpenSSL context, a GnuTLS session): while
+// keys are logged, the program's callback is chained behind the agent's.
+template <TlsFunction function>
+void setKeylogCallback(const void* caller, void* owner, void* callback, void (*chain)(void*, void*, const void*)) {
+  typedef void (*Setter)(void*, void*);
+  Setter real = reinterpret_cast<Setter>(tlsFunction(function, caller));
+  if (real == nullptr) return;
+  if (!keysLogged()) return real(owner, callback);
+  asAgent([&] { chain(owner, callback, reinterpret_cast<const void*>(real)); });
+}
+
+// The matching getter: the program's own callback, not the agent's.
+template <TlsFunction function>
+void* keylogCallback(const void* caller, const void* owner, void* (*programs)(const void*, void*)) {
+  typedef void* (*Getter)(const void*);
+  Getter real = reinterpret_cast<Getter>(tlsFunction(function, caller));
+  return real != nullptr ? programs(owner, real(owner)) : nullptr;
 }
 
 // A call that moves only records (a handshake, a peek, an alert): its socket calls are left out.
@@ -67,6 +92,17 @@ size_t countOf(int result, const size_t* count) { return result == 1 && count !=
 
 // GnuTLS's GNUTLS_E_PREMATURE_TERMINATION.
 const ssize_t kPrematureTermination = -110;
+
+// What a GnuTLS receive gave: bytes, or with 0 the end of the peer's side (its closing alert, or
+// the stream's end where the session allows one without), as with GNUTLS_E_PREMATURE_TERMINATION
+// (the stream's end where it does not).
+void gnuTlsReceived(TlsCall& call, const void* data, ssize_t result) {
+  if (result > 0) {
+    call.received(data, static_cast<size_t>(result));
+  } else if (result == 0 || result == kPrematureTermination) {
+    call.ended();
+  }
+}
 
 #define TALVEX_CALLER __builtin_return_address(0)
 
@@ -188,31 +224,17 @@ TALVEX_TLS_TWIN ssize_t talvexTls_gnutls_record_send_range(void* session, const 
       session, data, size, range);
 }
 
-// 0 is the end of the peer's side: its closing alert, or the stream's end where the session
-// allows one without; GNUTLS_E_PREMATURE_TERMINATION the stream's end where it does not.
 TALVEX_TLS_TWIN ssize_t talvexTls_gnutls_record_recv(void* session, void* data, size_t size) {
   return throughLibrary<ssize_t, TLS_FN_gnutls_record_recv>(
       TALVEX_CALLER, session, TLS_GNUTLS,
-      [&](TlsCall& call, ssize_t result) {
-        if (result > 0) {
-          call.received(data, static_cast<size_t>(result));
-        } else if (result == 0 || result == kPrematureTermination) {
-          call.ended();
-        }
-      },
+      [&](TlsCall& call, ssize_t result) { gnuTlsReceived(call, data, result); },
       session, data, size);
 }
 
 TALVEX_TLS_TWIN ssize_t talvexTls_gnutls_record_recv_seq(void* session, void* data, size_t size, unsigned char* sequence) {
   return throughLibrary<ssize_t, TLS_FN_gnutls_record_recv_seq>(
       TALVEX_CALLER, session, TLS_GNUTLS,
-      [&](TlsCall& call, ssize_t result) {
-        if (result > 0) {
-          call.received(data, static_cast<size_t>(result));
-        } else if (result == 0 || result == kPrematureTermination) {
-          call.ended();
-        }
-      },
+      [&](TlsCall& call, ssize_t result) { gnuTlsReceived(call, data, result); },
       session, data, size, sequence);
 }
 
@@ -259,30 +281,16 @@ TALVEX_TLS_TWIN void* talvexTls_SSL_new(void* context) {
   SSL_new_type real = realTls<TLS_FN_SSL_new, SSL_new_type>(caller);
   if (real == nullptr) return nullptr;
   void* ssl = real(context);
-  if (ssl != nullptr && keysLogged()) {
-    const int error = errno;
-    AgentScope scope;
-    watchOpenSslContext(context, reinterpret_cast<const void*>(real));
-    errno = error;
-  }
+  if (ssl != nullptr && keysLogged()) asAgent([&] { watchOpenSslContext(context, reinterpret_cast<const void*>(real)); });
   return ssl;
 }
 
 TALVEX_TLS_TWIN void talvexTls_SSL_CTX_set_keylog_callback(void* context, void* callback) {
-  const void* caller = TALVEX_CALLER;
-  SSL_CTX_set_keylog_callback_type real =
-      realTls<TLS_FN_SSL_CTX_set_keylog_callback, SSL_CTX_set_keylog_callback_type>(caller);
-  if (real == nullptr) return;
-  if (!keysLogged()) return real(context, callback);
-  AgentScope scope;
-  chainOpenSslCallback(context, callback, reinterpret_cast<const void*>(real));
+  setKeylogCallback<TLS_FN_SSL_CTX_set_keylog_callback>(TALVEX_CALLER, context, callback, &chainOpenSslCallback);
 }
 
 TALVEX_TLS_TWIN void* talvexTls_SSL_CTX_get_keylog_callback(const void* context) {
-  SSL_CTX_get_keylog_callback_type real =
-      realTls<TLS_FN_SSL_CTX_get_keylog_callback, SSL_CTX_get_keylog_callback_type>(TALVEX_CALLER);
-  if (real == nullptr) return nullptr;
-  return programOpenSslCallback(context, real(context));
+  return keylogCallback<TLS_FN_SSL_CTX_get_keylog_callback>(TALVEX_CALLER, context, &programOpenSslCallback);
 }
 
 TALVEX_TLS_TWIN int talvexTls_gnutls_init(void** session, unsigned flags) {
@@ -291,29 +299,17 @@ TALVEX_TLS_TWIN int talvexTls_gnutls_init(void** session, unsigned flags) {
   if (real == nullptr) return -1;
   const int result = real(session, flags);
   if (result == 0 && session != nullptr && keysLogged()) {
-    const int error = errno;
-    AgentScope scope;
-    watchGnuTlsSession(*session, reinterpret_cast<const void*>(real));
-    errno = error;
+    asAgent([&] { watchGnuTlsSession(*session, reinterpret_cast<const void*>(real)); });
   }
   return result;
 }
 
 TALVEX_TLS_TWIN void talvexTls_gnutls_session_set_keylog_function(void* session, void* function) {
-  const void* caller = TALVEX_CALLER;
-  gnutls_session_set_keylog_function_type real =
-      realTls<TLS_FN_gnutls_session_set_keylog_function, gnutls_session_set_keylog_function_type>(caller);
-  if (real == nullptr) return;
-  if (!keysLogged()) return real(session, function);
-  AgentScope scope;
-  chainGnuTlsFunction(session, function, reinterpret_cast<const void*>(real));
+  setKeylogCallback<TLS_FN_gnutls_session_set_keylog_function>(TALVEX_CALLER, session, function, &chainGnuTlsFunction);
 }
 
 TALVEX_TLS_TWIN void* talvexTls_gnutls_session_get_keylog_function(const void* session) {
-  gnutls_session_get_keylog_function_type real =
-      realTls<TLS_FN_gnutls_session_get_keylog_function, gnutls_session_get_keylog_function_type>(TALVEX_CALLER);
-  if (real == nullptr) return nullptr;
-  return programGnuTlsFunction(session, real(session));
+  return keylogCallback<TLS_FN_gnutls_session_get_keylog_function>(TALVEX_CALLER, session, &programGnuTlsFunction);
 }
 
 #define TALVEX_TLS_ALIAS(result, name, parameters, arguments) \

@@ -13,6 +13,7 @@
 #include "capture_check.h"
 #include "json_lines_check.h"
 #include "process_runner.h"
+#include "record_command.h"
 #include "recorder_message_parser.h"
 #include "system_tools.h"
 #include "test_paths.h"
@@ -22,11 +23,7 @@ using namespace talvex_test;
 namespace {
 
 ProcessResult record(const std::vector<std::string>& options, const std::vector<std::string>& command) {
-  std::vector<std::string> argv = {kRecordPath};
-  argv.insert(argv.end(), options.begin(), options.end());
-  argv.push_back("--");
-  argv.insert(argv.end(), command.begin(), command.end());
-  return runProcess(argv, cleanEnvironment({{"HOME", "/tmp"}}), std::chrono::seconds(60));
+  return recordCommand(options, command, {{"HOME", "/tmp"}});
 }
 
 size_t count(const std::string& text, const std::string& what) {

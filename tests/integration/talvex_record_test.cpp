@@ -14,6 +14,7 @@
 #include "capture_check.h"
 #include "json_lines_check.h"
 #include "process_runner.h"
+#include "record_command.h"
 #include "recorder_message_parser.h"
 #include "scripted_socks_server.h"
 #include "system_tools.h"
@@ -25,11 +26,7 @@ namespace {
 
 ProcessResult record(const std::vector<std::string>& options, const std::vector<std::string>& command,
                      const Environment& extra = {}) {
-  std::vector<std::string> argv = {kRecordPath};
-  argv.insert(argv.end(), options.begin(), options.end());
-  argv.push_back("--");
-  argv.insert(argv.end(), command.begin(), command.end());
-  return runProcess(argv, cleanEnvironment(extra));
+  return recordCommand(options, command, extra);
 }
 
 std::string masked(std::string transcript) {

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "process_runner.h"
+#include "record_command.h"
 #include "system_tools.h"
 #include "test_paths.h"
 #include "tls_server.h"
@@ -16,17 +17,6 @@
 using namespace talvex_test;
 
 namespace {
-
-ProcessResult recordCommand(const std::vector<std::string>& options, const std::vector<std::string>& command,
-                            const Environment& extra = {}) {
-  std::vector<std::string> argv = {kRecordPath};
-  argv.insert(argv.end(), options.begin(), options.end());
-  argv.push_back("--");
-  argv.insert(argv.end(), command.begin(), command.end());
-  Environment environment = cleanEnvironment(extra);
-  environment["HOME"] = "/tmp";
-  return runProcess(argv, environment, std::chrono::seconds(90));
-}
 
 // The labels of a key log's lines, each checked for the format: LABEL, the client's random
 // (32 bytes) and a secret, in hexadecimal.
@@ -82,7 +72,7 @@ TEST(TlsRecord, AProgramsOwnKeyLogCallbackIsChainedNotReplaced) {
   const ProcessResult r = recordCommand(
       {"-q", "--keylog", tmp.file("agent.keys")},
       {"/usr/bin/curl", "-s", "-o", "/dev/null", "--cacert", server.certificate(), "https://127.0.0.1:" + server.port() + "/"},
-      {{"SSLKEYLOGFILE", tmp.file("curl.keys")}});
+      {{"SSLKEYLOGFILE", tmp.file("curl.keys")}, {"HOME", "/tmp"}});
   server.finish();
   EXPECT_EQ(r.exitCode, 0) << r.err;
   const std::string agentKeys = readFile(tmp.file("agent.keys"));

@@ -10,6 +10,7 @@
 
 #include "json_lines_check.h"
 #include "process_runner.h"
+#include "record_command.h"
 #include "recorder_message_parser.h"
 #include "recording_support.h"
 #include "system_tools.h"
@@ -60,6 +61,13 @@ void expectOnlyPlaintextOf(const Recording& recording, const std::string& librar
   EXPECT_GT(checked, 0u);
 }
 
+// The recording holds connection 0 of the server as its TLS layer saw it, and only plaintext.
+void expectServersConversation(const Recording& recording, const TlsServer& server, const std::string& library) {
+  EXPECT_EQ(joined(recording, "send"), server.received(0));
+  EXPECT_EQ(joined(recording, "receive"), server.sent(0));
+  expectOnlyPlaintextOf(recording, library);
+}
+
 Recording recordWithPlaintext(const std::vector<std::string>& argv, Environment extra = {}) {
   extra[TALVEX_VAR_TLS_PLAINTEXT] = "1";
   extra["HOME"] = "/tmp";
@@ -106,9 +114,7 @@ TEST(TlsPlaintext, TheWireCanBeHadBesideThePlaintext) {
                                           {{TALVEX_VAR_TLS_WIRE, "1"}});
   server.finish();
   EXPECT_EQ(r.run.exitCode, 0) << r.run.err;
-  EXPECT_EQ(joined(r, "send"), server.received(0));
-  EXPECT_EQ(joined(r, "receive"), server.sent(0));
-  expectOnlyPlaintextOf(r, "GnuTLS");
+  expectServersConversation(r, server, "GnuTLS");
   const auto wireSends = r.ofKind("wiresend");
   const auto wireReceives = r.ofKind("wirereceive");
   ASSERT_FALSE(wireSends.empty());
@@ -133,9 +139,7 @@ TEST(TlsPlaintext, KeyUpdatesLeaveThePlaintextWhole) {
   server.finish();
   EXPECT_EQ(r.run.exitCode, 0) << r.run.err;
   EXPECT_EQ(r.run.out, server.sent(0));
-  EXPECT_EQ(joined(r, "send"), server.received(0));
-  EXPECT_EQ(joined(r, "receive"), server.sent(0));
-  expectOnlyPlaintextOf(r, "OpenSSL");
+  expectServersConversation(r, server, "OpenSSL");
 }
 
 TEST(TlsPlaintext, UnsetTheRecordsAreRecordedAsBefore) {
@@ -179,9 +183,7 @@ TEST(TlsPlaintext, CurlOverOpenSsl) {
   server.finish();
   EXPECT_EQ(r.run.exitCode, 0) << r.run.err;
   EXPECT_EQ(server.received(0).substr(0, 22), "POST /form HTTP/1.1\r\nH");
-  EXPECT_EQ(joined(r, "send"), server.received(0));
-  EXPECT_EQ(joined(r, "receive"), server.sent(0));
-  expectOnlyPlaintextOf(r, "OpenSSL");
+  expectServersConversation(r, server, "OpenSSL");
 }
 
 TEST(TlsPlaintext, WgetOverGnuTls) {
@@ -193,9 +195,7 @@ TEST(TlsPlaintext, WgetOverGnuTls) {
   server.finish();
   EXPECT_EQ(r.run.exitCode, 0) << r.run.err;
   EXPECT_EQ(server.received(0).substr(0, 20), "GET /file HTTP/1.1\r\n");
-  EXPECT_EQ(joined(r, "send"), server.received(0));
-  EXPECT_EQ(joined(r, "receive"), server.sent(0));
-  expectOnlyPlaintextOf(r, "GnuTLS");
+  expectServersConversation(r, server, "GnuTLS");
 }
 
 // Python's _ssl module is opened in a local scope and brings libssl with it.
@@ -213,9 +213,7 @@ TEST(TlsPlaintext, PythonHttpClientWithOpenSslOpenedInALocalScope) {
   server.finish();
   EXPECT_EQ(r.run.out, "3000\n") << r.run.err;
   EXPECT_EQ(server.received(0).substr(0, 24), "PUT /python HTTP/1.1\r\nHo");
-  EXPECT_EQ(joined(r, "send"), server.received(0));
-  EXPECT_EQ(joined(r, "receive"), server.sent(0));
-  expectOnlyPlaintextOf(r, "OpenSSL");
+  expectServersConversation(r, server, "OpenSSL");
 }
 
 // asyncio runs TLS over memory buffers and moves the records through the socket itself.
@@ -236,9 +234,7 @@ TEST(TlsPlaintext, PythonAsyncioOverMemoryBuffers) {
   server.finish();
   EXPECT_EQ(r.run.out, "4060\n") << r.run.err;
   EXPECT_EQ(joined(r, "send"), "GET /asyncio HTTP/1.1\r\nHost: localhost\r\n\r\n");
-  EXPECT_EQ(joined(r, "send"), server.received(0));
-  EXPECT_EQ(joined(r, "receive"), server.sent(0));
-  expectOnlyPlaintextOf(r, "OpenSSL");
+  expectServersConversation(r, server, "OpenSSL");
   // Tied to the socket that carried the records, not to a connection of its own.
   const auto connects = r.ofKind("connect");
   ASSERT_EQ(connects.size(), 1u);
@@ -312,22 +308,9 @@ TEST(TlsPlaintext, GitOverHttpsInAChildProcess) {
   server.finish();
   EXPECT_EQ(r.run.exitCode, 0) << r.run.err;
   EXPECT_EQ(server.received(0).substr(0, 60), "GET /repo.git/info/refs?service=git-upload-pack HTTP/1.1\r\nHo");
-  EXPECT_EQ(joined(r, "send"), server.received(0));
-  EXPECT_EQ(joined(r, "receive"), server.sent(0));
-  expectOnlyPlaintextOf(r, "GnuTLS");
+  expectServersConversation(r, server, "GnuTLS");
 }
 
-namespace {
-
-ProcessResult recordCommand(const std::vector<std::string>& options, const std::vector<std::string>& command) {
-  std::vector<std::string> argv = {kRecordPath};
-  argv.insert(argv.end(), options.begin(), options.end());
-  argv.push_back("--");
-  argv.insert(argv.end(), command.begin(), command.end());
-  return runProcess(argv, cleanEnvironment({{"HOME", "/tmp"}}), std::chrono::seconds(90));
-}
-
-}  // namespace
 
 // talvex-record turns the extension on: the transcript reads an HTTPS conversation as it reads an
 // HTTP one and says it was TLS; the JSON Lines name the library.
@@ -338,7 +321,8 @@ TEST(TlsRecord, HttpsIsShownAsPlaintext) {
   TempDir tmp;
   const ProcessResult r =
       recordCommand({"--transcript", tmp.file("t.txt"), "--jsonl", tmp.file("r.jsonl")},
-                    {"/usr/bin/curl", "-s", "--cacert", server.certificate(), "https://127.0.0.1:" + server.port() + "/x"});
+                    {"/usr/bin/curl", "-s", "--cacert", server.certificate(), "https://127.0.0.1:" + server.port() + "/x"},
+                    {{"HOME", "/tmp"}});
   server.finish();
   EXPECT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(r.out, "0123456789abcde");
@@ -364,11 +348,10 @@ TEST(TlsRecord, TheWireIsCountedNotShown) {
   TALVEX_REQUIRE_PROGRAM("/usr/bin/curl");
   TlsServer server(1, 15);
   TempDir tmp;
-  std::vector<std::string> argv = {kRecordPath, "--live", "--transcript", tmp.file("t.txt"), "--jsonl", tmp.file("r.jsonl"),
-                                   "--", "/usr/bin/curl", "-s", "--cacert", server.certificate(),
-                                   "https://127.0.0.1:" + server.port() + "/"};
-  const ProcessResult r =
-      runProcess(argv, cleanEnvironment({{"HOME", "/tmp"}, {TALVEX_VAR_TLS_WIRE, "1"}}), std::chrono::seconds(90));
+  const ProcessResult r = recordCommand(
+      {"--live", "--transcript", tmp.file("t.txt"), "--jsonl", tmp.file("r.jsonl")},
+      {"/usr/bin/curl", "-s", "--cacert", server.certificate(), "https://127.0.0.1:" + server.port() + "/"},
+      {{"HOME", "/tmp"}, {TALVEX_VAR_TLS_WIRE, "1"}});
   server.finish();
   EXPECT_EQ(r.exitCode, 0) << r.err;
   EXPECT_NE(r.err.find(" bytes of TLS records\n"), std::string::npos) << r.err;
@@ -394,7 +377,8 @@ TEST(TlsRecord, TlsLinkedIntoTheProgramIsMarkedEncrypted) {
        "const https = require('https');\n"
        "https.get({host: '127.0.0.1', port: process.argv[1], path: '/node', ca: require('fs').readFileSync(process.argv[2])},\n"
        "          r => { r.resume(); });\n",
-       server.port(), server.certificate()});
+       server.port(), server.certificate()},
+      {{"HOME", "/tmp"}});
   server.finish();
   EXPECT_EQ(r.exitCode, 0) << r.err;
   const std::string transcript = readFile(tmp.file("t.txt"));
