@@ -106,7 +106,7 @@ TlsCall::~TlsCall() {
   // its records leave through the socket this thread sends them on next.
   if (tlsCallState.carrier < 0 && socketOfTlsSession(session_) < 0) {
     const int error = errno;
-      if (libraryDescriptor(session_, kind_, library_) < 0) untiedTlsSession = session_;
+    if (libraryDescriptor(session_, kind_, library_) < 0) untiedTlsSession = session_;
     errno = error;
   }
 }
