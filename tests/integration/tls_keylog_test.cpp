@@ -81,12 +81,13 @@ TEST(TlsRecord, AProgramsOwnKeyLogCallbackIsChainedNotReplaced) {
 }
 
 // The wire, captured by dumpcap in a network namespace of the test's own, decrypted by tshark with
-// the key log that talvex-record wrote for wget (GnuTLS) and curl (OpenSSL).
+// the key log that talvex-record wrote for wget (GnuTLS), curl (OpenSSL) and node (its own).
 TEST(TlsRecord, TsharkDecryptsACaptureOfTheWireWithTheKeyLog) {
   TALVEX_REQUIRE_NETWORK_NAMESPACES();
   TALVEX_REQUIRE_PROGRAM("/usr/bin/dumpcap");
   TALVEX_REQUIRE_PROGRAM("/usr/bin/tshark");
   TALVEX_REQUIRE_PROGRAM("/usr/bin/wget");
+  TALVEX_REQUIRE_PROGRAM("/usr/bin/node");
   TempDir tmp;
   // The server and both clients run inside the namespace; every wait is bounded.
   const std::string script =
@@ -97,12 +98,15 @@ TEST(TlsRecord, TsharkDecryptsACaptureOfTheWireWithTheKeyLog) {
       "for i in $(seq 200); do grep -q Capturing \"$1/dumpcap.err\" && break; sleep 0.05; done\n"
       "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=localhost -addext subjectAltName=IP:127.0.0.1 "
       "-keyout \"$1/key.pem\" -out \"$1/cert.pem\" 2> /dev/null\n"
-      "/usr/bin/python3 \"$2\" \"$1\" 2 100 &\n"
+      "/usr/bin/python3 \"$2\" \"$1\" 3 100 &\n"
       "for i in $(seq 200); do [ -e \"$1/port\" ] && break; sleep 0.05; done\n"
       "port=$(cat \"$1/port\")\n"
       "\"$3\" -q --keylog \"$1/keys\" -- wget -q -O /dev/null --ca-certificate=\"$1/cert.pem\" "
       "https://127.0.0.1:$port/by-wget\n"
       "\"$3\" -q --keylog \"$1/keys\" -- curl -s -o /dev/null --cacert \"$1/cert.pem\" https://127.0.0.1:$port/by-curl\n"
+      // Node's OpenSSL is its own: talvex-record asks node for its keys.
+      "\"$3\" -q --keylog \"$1/keys\" -- node -e \"require('https').get({host: '127.0.0.1', port: $port, path: "
+      "'/by-node', ca: require('fs').readFileSync('$1/cert.pem')}, r => r.resume())\" 2> /dev/null\n"
       "wait %2\n"
       // The kernel hands dumpcap its packets a block at a time, after a timeout: they are all in
       // one block by now, and in the file once it holds more than its header.
@@ -122,5 +126,5 @@ TEST(TlsRecord, TsharkDecryptsACaptureOfTheWireWithTheKeyLog) {
     return shark.out;
   };
   EXPECT_EQ(requests({}), "");
-  EXPECT_EQ(requests({"-o", "tls.keylog_file:" + tmp.file("keys")}), "/by-wget\n/by-curl\n");
+  EXPECT_EQ(requests({"-o", "tls.keylog_file:" + tmp.file("keys")}), "/by-wget\n/by-curl\n/by-node\n");
 }

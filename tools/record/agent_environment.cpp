@@ -29,6 +29,21 @@ std::string findAgentDirectory() {
   return "";
 }
 
+namespace {
+
+// A value in NODE_OPTIONS, which node splits at spaces: quoted, with its quotes and backslashes
+// escaped.
+std::string nodeOptionValue(const std::string& value) {
+  std::string quoted = "\"";
+  for (char c : value) {
+    if (c == '"' || c == '\\') quoted += '\\';
+    quoted += c;
+  }
+  return quoted + "\"";
+}
+
+}  // namespace
+
 std::vector<std::string> agentEnvironment(char** inherited, const RecordOptions& o, const AgentSetting& setting) {
   std::map<std::string, std::string> environment;
   for (char** e = inherited; *e != nullptr; ++e) {
@@ -82,7 +97,13 @@ std::vector<std::string> agentEnvironment(char** inherited, const RecordOptions&
   if (o.doubleLogSocks) environment[TALVEX_VAR_DOUBLE_LOG_SOCKS] = "";
   if (o.traceback) environment[TALVEX_VAR_DEBUG_TRACEBACK] = "";
   if (o.unplug) environment[TALVEX_VAR_UNPLUG_AGENT] = "";
-  if (!o.keylog.empty()) environment[TALVEX_VAR_TLS_KEYLOG] = o.keylog;
+  if (!o.keylog.empty()) {
+    environment[TALVEX_VAR_TLS_KEYLOG] = o.keylog;
+    // Node's OpenSSL is linked into node, out of the agent's reach; node writes its keys itself
+    // when asked, into the same file (its own lines, whole, appended as the agent's are).
+    const std::string node = environment["NODE_OPTIONS"];
+    environment["NODE_OPTIONS"] = (node.empty() ? "" : node + " ") + "--tls-keylog=" + nodeOptionValue(o.keylog);
+  }
   if (!o.logDir.empty()) {
     environment[TALVEX_VAR_DEBUG_DIR] = o.logDir;
     environment[TALVEX_VAR_DEBUG_LVL] = o.logLevel;
