@@ -281,6 +281,46 @@ TEST(TlsPlaintext, AResumedSessionIsAConversationOfItsOwn) {
   expectOnlyPlaintextOf(r, "OpenSSL");
 }
 
+// Two sessions over memory buffers that hand their records to each other, with no socket at all:
+// their plaintext is still recorded, each as a connection of its own (socket -1), never dropped.
+TEST(TlsPlaintext, PlaintextTiedToNoSocketIsStillRecorded) {
+  TALVEX_REQUIRE_64_BIT_AGENT();
+  TlsServer certificates(0, 0);
+  const Recording r = recordWithPlaintext(
+      {"/usr/bin/python3", "-c",
+       "import ssl, sys\n"
+       "server_context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)\n"
+       "server_context.load_cert_chain(sys.argv[1], sys.argv[2])\n"
+       "client_context = ssl.create_default_context(cafile=sys.argv[1])\n"
+       "wires = [ssl.MemoryBIO() for _ in range(4)]\n"
+       "client = client_context.wrap_bio(wires[0], wires[1], server_hostname='localhost')\n"
+       "server = server_context.wrap_bio(wires[2], wires[3], server_side=True)\n"
+       "def pump():\n"
+       "    wires[2].write(wires[1].read())\n"
+       "    wires[0].write(wires[3].read())\n"
+       "for _ in range(10):\n"
+       "    for end in (client, server):\n"
+       "        try:\n"
+       "            end.do_handshake()\n"
+       "        except ssl.SSLWantReadError:\n"
+       "            pass\n"
+       "    pump()\n"
+       "client.write(b'hello')\n"
+       "pump()\n"
+       "print(server.read(100))\n",
+       certificates.certificate(), certificates.key()});
+  EXPECT_EQ(r.run.out, "b'hello'\n") << r.run.err;
+  const auto sends = r.ofKind("send");
+  const auto receives = r.ofKind("receive");
+  ASSERT_EQ(sends.size(), 1u);
+  ASSERT_EQ(receives.size(), 1u);
+  EXPECT_EQ(sends[0]->text("data"), "hello");
+  EXPECT_EQ(receives[0]->text("data"), "hello");
+  EXPECT_EQ(sends[0]->integer("socket"), -1);
+  EXPECT_EQ(receives[0]->integer("socket"), -1);
+  expectOnlyPlaintextOf(r, "OpenSSL");
+}
+
 TEST(TlsPlaintext, OpenSslSClient) {
   TALVEX_REQUIRE_64_BIT_AGENT();
   TlsServer server(1, 2000);

@@ -29,6 +29,7 @@ class TlsServer {
 
   std::string port() const { return std::to_string(port_); }
   std::string certificate() const { return dir_.file("cert.pem"); }
+  std::string key() const { return dir_.file("key.pem"); }
   // Waits for the server to have served all its connections, and says what it printed.
   std::string finish() {
     const ProcessResult r = server_->wait(std::chrono::seconds(60));
