@@ -1,10 +1,12 @@
 // Plays arbitrary lines, as a misbehaving peer of the recorder could send them, through what
 // talvex-record makes of its messages: the parser, the connection tracker, the JSON Lines, capture,
-// live-view totals and transcript outputs. Every input must end in outputs written, never in a
-// crash or a memory error.
+// live-view totals and transcript outputs, and the decryption of encrypted conversations with a
+// key log. Every input must end in outputs written, never in a crash or a memory error.
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <string>
 #include <string_view>
@@ -17,7 +19,36 @@
 #include "message_json.h"
 #include "recorder_message_parser.h"
 #include "recording_totals.h"
+#include "tls_decryption.h"
 #include "transcript.h"
+
+namespace {
+
+// A key log with secrets for the session whose client random is 32 bytes of 'A' (0x41), read
+// once: inputs that carry that random reach the key schedule and the record decryption.
+const talvex::KeyLog& fuzzKeyLog() {
+  static talvex::KeyLog* keys = nullptr;
+  if (keys == nullptr) {
+    keys = new talvex::KeyLog();
+    char path[] = "/tmp/talvex-fuzz-keylog-XXXXXX";
+    const int fd = mkstemp(path);
+    if (fd >= 0) {
+      std::string random;
+      for (int i = 0; i < 32; ++i) random += "41";
+      std::string text;
+      for (const char* label : {"CLIENT_HANDSHAKE_TRAFFIC_SECRET", "SERVER_HANDSHAKE_TRAFFIC_SECRET",
+                                "CLIENT_TRAFFIC_SECRET_0", "SERVER_TRAFFIC_SECRET_0"}) {
+        text += std::string(label) + " " + random + " " + std::string(64, '2') + "\n";
+      }
+      if (write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size())) keys->load(path);
+      close(fd);
+      unlink(path);
+    }
+  }
+  return *keys;
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view input(reinterpret_cast<const char*>(data), size);
@@ -55,7 +86,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FILE* sink = fopen("/dev/null", "w");
   if (sink != nullptr) {
     talvex::TranscriptOptions options;
-    talvex::writeTranscript(talvex::buildRecording(std::move(shown), malformed), options, sink);
+    talvex::Recording recording = talvex::buildRecording(std::move(shown), malformed);
+    for (talvex::Conversation& c : recording.conversations) {
+      std::string why;
+      talvex::decryptConversation(c, fuzzKeyLog(), &why);
+    }
+    talvex::writeTranscript(recording, options, sink);
     fclose(sink);
   }
   return 0;

@@ -11,14 +11,18 @@ flags=(-m32 -std=c++17 -O1 -g -fsanitize=fuzzer,address,undefined -fno-sanitize-
 # The encoder needs only itself; the SOCKS client needs the agent's pure code around it.
 core=()
 while IFS= read -r file; do
-  case "$file" in */interpose/exports.cpp) ;; *) core+=("$file") ;; esac
+  case "$file" in */interpose/exports.cpp | */interpose/tls_exports.cpp) ;; *) core+=("$file") ;; esac
 done < <(find "$source_dir/src" -name '*.cpp' | sort)
 build() {
   local target=$1
   shift
   local binary="$work_dir/$target"
   local newest
-  newest=$(ls -t "$source_dir/tests/fuzz/$target.cpp" "$@" | head -1)
+  local sources=()
+  for argument in "$@"; do
+    case "$argument" in -*) ;; *) sources+=("$argument") ;; esac
+  done
+  newest=$(ls -t "$source_dir/tests/fuzz/$target.cpp" "${sources[@]}" | head -1)
   if [ ! -x "$binary" ] || [ "$newest" -nt "$binary" ]; then
     clang++ "${flags[@]}" -o "$binary" "$source_dir/tests/fuzz/$target.cpp" "$@" -ldl -lpthread
   fi
@@ -29,7 +33,8 @@ build socks_reply_fuzz "${core[@]}"
 # are (64-bit), with the agent's headers they share.
 tools=("$source_dir"/tools/common/*.cpp "$source_dir"/tools/record/conversations.cpp "$source_dir"/tools/record/encrypted_connections.cpp "$source_dir"/tools/record/transcript.cpp
        "$source_dir"/tools/record/recording_totals.cpp "$source_dir"/tools/record/unrecorded_sockets.cpp
-       "$source_dir"/tools/record/capture_writer.cpp "$source_dir"/tools/record/capture_output.cpp)
+       "$source_dir"/tools/record/capture_writer.cpp "$source_dir"/tools/record/capture_output.cpp
+       "$source_dir"/tools/record/tls_decryption.cpp -lcrypto)
 flags=("${flags[@]/-m32/-m64}" -I"$source_dir/tools/common" -I"$source_dir/tools/record")
 build recording_outputs_fuzz "${tools[@]}"
 # Its seeds: a conversation in every kind of message the outputs read, so that the fuzzer starts
@@ -51,6 +56,16 @@ if [ ! -d "$seeds" ]; then
 <close pid_I4="64" timestamp_I8="5" ticket_I4="9" socket_I8="5"/>
 <close pid_I4="65" timestamp_I8="5" ticket_I4="3" socket_I8="0"/>
 <exit/>
+MESSAGES
+fi
+# A TLS 1.3 conversation whose client random the fuzz target's key log knows: its hellos, then a
+# record under encryption, so that the fuzzer starts inside the key schedule and the decryption.
+if [ ! -e "$seeds/tls" ]; then
+  cat > "$seeds/tls" <<'MESSAGES'
+<connect pid_I4="64" timestamp_I8="1" ticket_I4="1" socket_I8="5" duration_I4="0" family_AS="AF_INET" ip_AS="127.0.0.1" port_I4="50"/>
+<send timestamp_I8="2" ticket_I4="2" socket_I8="5" pid_I4="64" data_AS="\x16\x03\x01\x00\x26\x01\x00\x00\x22\x03\x03AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA" length_U4="43"/>
+<receive timestamp_I8="3" ticket_I4="3" socket_I8="5" pid_I4="64" data_AS="\x16\x03\x03\x00\x29\x02\x00\x00\x25\x03\x03BBBBBBBBBBBBBBBBBBBBBBBBBBBBBBBB\x00\x13\x01\x17\x03\x03\x00\x11\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f\x10\x11" length_I4="68"/>
+<send timestamp_I8="4" ticket_I4="4" socket_I8="5" pid_I4="64" data_AS="\x17\x03\x03\x00\x11\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f\x10\x11" length_U4="22"/>
 MESSAGES
 fi
 for target in encoder_fuzz socks_reply_fuzz recording_outputs_fuzz; do

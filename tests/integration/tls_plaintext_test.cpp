@@ -38,6 +38,12 @@ std::string gnuTlsPath() {
     if (kAbiBits != 64) GTEST_SKIP() << "Debian's clients are 64-bit; the 64-bit suite runs this"; \
   } while (0)
 
+size_t count(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
 // The plaintext of one kind ("send", "receive") joined, over every message that carries some.
 std::string joined(const Recording& recording, const std::string& kind) {
   std::string bytes;
@@ -428,7 +434,50 @@ TEST(TlsRecord, TlsLinkedIntoTheProgramIsMarkedEncrypted) {
   EXPECT_EQ(transcript.find("GET /node"), std::string::npos);
   EXPECT_NE(r.err.find("talvex-record: 1 connection of node carried TLS that could not be read as plaintext: its TLS "
                        "code is linked into the program (as Go's crypto/tls and node's bundled OpenSSL are), out of "
-                       "the agent's reach; the transcript shows those connections as encrypted\n"),
+                       "the agent's reach; the transcript shows those connections as encrypted (--keylog FILE asks "
+                       "node for its secrets, and decrypts with them)\n"),
+            std::string::npos)
+      << r.err;
+}
+
+// With a key log, node writes its secrets and the transcript reads node's TLS 1.3 with them, for
+// each of TLS 1.3's ciphers; a TLS 1.2 connection stays encrypted.
+TEST(TlsRecord, NodeIsDecryptedWithTheKeyLog) {
+  TALVEX_REQUIRE_PROGRAM("/usr/bin/node");
+  TlsServer server(4, 15);
+  TempDir tmp;
+  const ProcessResult r = recordCommand(
+      {"--keylog", tmp.file("keys"), "--transcript", tmp.file("t.txt")},
+      {"/usr/bin/node", "-e",
+       "const https = require('https');\n"
+       "const ca = require('fs').readFileSync(process.argv[2]);\n"
+       "const connections = [['TLS_AES_128_GCM_SHA256', 'TLSv1.3'], ['TLS_AES_256_GCM_SHA384', 'TLSv1.3'],\n"
+       "                     ['TLS_CHACHA20_POLY1305_SHA256', 'TLSv1.3'], ['ECDHE-RSA-AES128-GCM-SHA256', 'TLSv1.2']];\n"
+       "const next = n => {\n"
+       "  if (n == connections.length) return;\n"
+       "  const [cipher, version] = connections[n];\n"
+       "  https.get({host: '127.0.0.1', port: process.argv[1], path: '/' + cipher, ca, ciphers: cipher,\n"
+       "             minVersion: version, maxVersion: version, agent: false},\n"
+       "            r => { r.resume(); r.on('end', () => next(n + 1)); });\n"
+       "};\n"
+       "next(0);\n",
+       server.port(), server.certificate()},
+      {{"HOME", "/tmp"}});
+  server.finish();
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  const std::string transcript = readFile(tmp.file("t.txt"));
+  EXPECT_EQ(count(transcript, " [TLS: decrypted with the key log]  at "), 3u) << transcript;
+  for (const char* cipher : {"TLS_AES_128_GCM_SHA256", "TLS_AES_256_GCM_SHA384", "TLS_CHACHA20_POLY1305_SHA256"}) {
+    EXPECT_NE(transcript.find(std::string("      GET /") + cipher + " HTTP/1.1\\r\\n\n"), std::string::npos) << cipher;
+  }
+  EXPECT_EQ(count(transcript, "      HTTP/1.1 200 OK\\r\\n\n"), 3u) << transcript;
+  EXPECT_EQ(count(transcript, "      0123456789abcde\n"), 3u) << transcript;
+  EXPECT_EQ(count(transcript, " [TLS, encrypted: the program's TLS code is out of the agent's reach]  at "), 1u);
+  EXPECT_EQ(transcript.find("GET /ECDHE"), std::string::npos);
+  EXPECT_NE(r.err.find("talvex-record: 4 connections of node carried TLS that could not be read as plaintext: its TLS "
+                       "code is linked into the program (as Go's crypto/tls and node's bundled OpenSSL are), out of "
+                       "the agent's reach; the transcript shows them decrypted where the key log holds their secrets "
+                       "(TLS 1.3), as encrypted otherwise\n"),
             std::string::npos)
       << r.err;
 }

@@ -59,6 +59,7 @@ struct Conversation {
   int64_t bytesReceived = 0;
   std::string tls;         // the TLS library whose plaintext its data is, when it was TLS
   bool encrypted = false;  // its data is TLS records that could not be read as plaintext
+  bool decrypted = false;  // its records were read with the secrets of a key log
 };
 
 struct Resolution {

@@ -16,6 +16,11 @@ void EncryptedConnections::observe(const ParsedMessage& m) {
     programs_[pid] = program.empty() ? "process " + std::to_string(pid) : program;
     return;
   }
+  if (m.kind == "connect" || m.kind == "accept") {
+    // A descriptor number a program used before starts a connection of its own.
+    seen_.erase({pid, m.integer("socket")});
+    return;
+  }
   if (m.kind != "send" && m.kind != "receive") return;
   const MessageAttribute* data = m.find("data");
   if (data == nullptr || data->bytes.empty()) return;
@@ -27,16 +32,19 @@ void EncryptedConnections::observe(const ParsedMessage& m) {
   ++encryptedByProgram_[program != programs_.end() ? program->second : "process " + std::to_string(pid)];
 }
 
-std::string EncryptedConnections::summary() const {
+std::string EncryptedConnections::summary(bool keyLogged) const {
   if (encryptedByProgram_.empty()) return "";
   std::string line;
   for (const auto& entry : encryptedByProgram_) {
     line += line.empty() ? "" : ", ";
     line += std::to_string(entry.second) + (entry.second == 1 ? " connection of " : " connections of ") + entry.first;
   }
-  return line + " carried TLS that could not be read as plaintext: its TLS code is linked into the program (as Go's "
-                "crypto/tls and node's bundled OpenSSL are), out of the agent's reach; the transcript shows those "
-                "connections as encrypted";
+  line += " carried TLS that could not be read as plaintext: its TLS code is linked into the program (as Go's "
+          "crypto/tls and node's bundled OpenSSL are), out of the agent's reach; ";
+  return line + (keyLogged ? "the transcript shows them decrypted where the key log holds their secrets (TLS 1.3), "
+                             "as encrypted otherwise"
+                           : "the transcript shows those connections as encrypted (--keylog FILE asks node for its "
+                             "secrets, and decrypts with them)");
 }
 
 }  // namespace talvex

@@ -23,7 +23,8 @@ class EncryptedConnections {
   // One message, in the order they arrived.
   void observe(const ParsedMessage& message);
   // The end-of-run line that names the programs of such connections; empty when there were none.
-  std::string summary() const;
+  // `keyLogged`: the run wrote a key log, with which the transcript decrypts what it can.
+  std::string summary(bool keyLogged) const;
 
  private:
   std::map<int64_t, std::string> programs_;                  // by pid, from process messages

@@ -30,6 +30,7 @@ bool RecordOutputs::open(std::string* error) {
   if (keepsForTranscript()) {
     TranscriptOptions transcriptOptions;
     transcriptOptions.full = options_.full;
+    transcriptOptions.keylog = options_.keylog;
     transcript = std::make_unique<TranscriptOutput>(transcriptOptions);
     if (!options_.transcript.empty() && !transcript->open(options_.transcript, error)) return false;
   }
@@ -97,7 +98,7 @@ std::chrono::milliseconds RecordOutputs::onIdle() {
 
 std::string RecordOutputs::encryptedSummary() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return encrypted_.summary();
+  return encrypted_.summary(!options_.keylog.empty());
 }
 
 bool RecordOutputs::finish(const std::string& note) {

@@ -180,6 +180,7 @@ void writeConversation(const Conversation& c, const TranscriptOptions& options, 
   }
   if (!c.tls.empty()) fprintf(out, " [TLS: plaintext from %s]", c.tls.c_str());
   if (c.encrypted) fputs(" [TLS, encrypted: the program's TLS code is out of the agent's reach]", out);
+  if (c.decrypted) fputs(" [TLS: decrypted with the key log]", out);
   fprintf(out, "  at %s\n", clockTime(c.openTimeNs).c_str());
   writeEvents(c, options, out);
   if (c.closed) fprintf(out, "   %s close\n", clockTime(c.closeTimeNs).c_str());

@@ -31,6 +31,7 @@ class TranscriptOutput : public RecordingOutput {
   bool finish() override;
 
  private:
+  void decryptWithKeyLog(Recording& recording) const;
   TranscriptOptions options_;
   FILE* file_ = nullptr;
   std::vector<ParsedMessage> shown_;
