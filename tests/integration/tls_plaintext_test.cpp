@@ -440,11 +440,12 @@ TEST(TlsRecord, TlsLinkedIntoTheProgramIsMarkedEncrypted) {
       << r.err;
 }
 
-// With a key log, node writes its secrets and the transcript reads node's TLS 1.3 with them, for
-// each of TLS 1.3's ciphers; a TLS 1.2 connection stays encrypted.
+// With a key log, node writes its secrets and the transcript reads node's TLS with them: each of
+// TLS 1.3's ciphers, and TLS 1.2's AES-GCM and ChaCha20-Poly1305; a TLS 1.2 connection with a
+// cipher of another kind (AES-CBC) stays encrypted.
 TEST(TlsRecord, NodeIsDecryptedWithTheKeyLog) {
   TALVEX_REQUIRE_PROGRAM("/usr/bin/node");
-  TlsServer server(4, 15);
+  TlsServer server(7, 15);
   TempDir tmp;
   const ProcessResult r = recordCommand(
       {"--keylog", tmp.file("keys"), "--transcript", tmp.file("t.txt")},
@@ -452,7 +453,9 @@ TEST(TlsRecord, NodeIsDecryptedWithTheKeyLog) {
        "const https = require('https');\n"
        "const ca = require('fs').readFileSync(process.argv[2]);\n"
        "const connections = [['TLS_AES_128_GCM_SHA256', 'TLSv1.3'], ['TLS_AES_256_GCM_SHA384', 'TLSv1.3'],\n"
-       "                     ['TLS_CHACHA20_POLY1305_SHA256', 'TLSv1.3'], ['ECDHE-RSA-AES128-GCM-SHA256', 'TLSv1.2']];\n"
+       "                     ['TLS_CHACHA20_POLY1305_SHA256', 'TLSv1.3'], ['ECDHE-RSA-AES128-GCM-SHA256', 'TLSv1.2'],\n"
+       "                     ['ECDHE-RSA-AES256-GCM-SHA384', 'TLSv1.2'], ['ECDHE-RSA-CHACHA20-POLY1305', 'TLSv1.2'],\n"
+       "                     ['ECDHE-RSA-AES128-SHA256', 'TLSv1.2']];\n"
        "const next = n => {\n"
        "  if (n == connections.length) return;\n"
        "  const [cipher, version] = connections[n];\n"
@@ -466,18 +469,19 @@ TEST(TlsRecord, NodeIsDecryptedWithTheKeyLog) {
   server.finish();
   EXPECT_EQ(r.exitCode, 0) << r.err;
   const std::string transcript = readFile(tmp.file("t.txt"));
-  EXPECT_EQ(count(transcript, " [TLS: decrypted with the key log]  at "), 3u) << transcript;
-  for (const char* cipher : {"TLS_AES_128_GCM_SHA256", "TLS_AES_256_GCM_SHA384", "TLS_CHACHA20_POLY1305_SHA256"}) {
+  EXPECT_EQ(count(transcript, " [TLS: decrypted with the key log]  at "), 6u) << transcript;
+  for (const char* cipher : {"TLS_AES_128_GCM_SHA256", "TLS_AES_256_GCM_SHA384", "TLS_CHACHA20_POLY1305_SHA256",
+                             "ECDHE-RSA-AES128-GCM-SHA256", "ECDHE-RSA-AES256-GCM-SHA384", "ECDHE-RSA-CHACHA20-POLY1305"}) {
     EXPECT_NE(transcript.find(std::string("      GET /") + cipher + " HTTP/1.1\\r\\n\n"), std::string::npos) << cipher;
   }
-  EXPECT_EQ(count(transcript, "      HTTP/1.1 200 OK\\r\\n\n"), 3u) << transcript;
-  EXPECT_EQ(count(transcript, "      0123456789abcde\n"), 3u) << transcript;
+  EXPECT_EQ(count(transcript, "      HTTP/1.1 200 OK\\r\\n\n"), 6u) << transcript;
+  EXPECT_EQ(count(transcript, "      0123456789abcde\n"), 6u) << transcript;
   EXPECT_EQ(count(transcript, " [TLS, encrypted: the program's TLS code is out of the agent's reach]  at "), 1u);
-  EXPECT_EQ(transcript.find("GET /ECDHE"), std::string::npos);
-  EXPECT_NE(r.err.find("talvex-record: 4 connections of node carried TLS that could not be read as plaintext: its TLS "
+  EXPECT_EQ(transcript.find("GET /ECDHE-RSA-AES128-SHA256"), std::string::npos);
+  EXPECT_NE(r.err.find("talvex-record: 7 connections of node carried TLS that could not be read as plaintext: its TLS "
                        "code is linked into the program (as Go's crypto/tls and node's bundled OpenSSL are), out of "
                        "the agent's reach; the transcript shows them decrypted where the key log holds their secrets "
-                       "(TLS 1.3), as encrypted otherwise\n"),
+                       "(TLS 1.3, and TLS 1.2 with AES-GCM or ChaCha20-Poly1305), as encrypted otherwise\n"),
             std::string::npos)
       << r.err;
 }

@@ -41,8 +41,8 @@ std::string EncryptedConnections::summary(bool keyLogged) const {
   }
   line += " carried TLS that could not be read as plaintext: its TLS code is linked into the program (as Go's "
           "crypto/tls and node's bundled OpenSSL are), out of the agent's reach; ";
-  return line + (keyLogged ? "the transcript shows them decrypted where the key log holds their secrets (TLS 1.3), "
-                             "as encrypted otherwise"
+  return line + (keyLogged ? "the transcript shows them decrypted where the key log holds their secrets (TLS 1.3, "
+                             "and TLS 1.2 with AES-GCM or ChaCha20-Poly1305), as encrypted otherwise"
                            : "the transcript shows those connections as encrypted (--keylog FILE asks node for its "
                              "secrets, and decrypts with them)");
 }

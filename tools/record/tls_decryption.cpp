@@ -12,22 +12,38 @@ namespace talvex {
 
 namespace {
 
-// TLS 1.3's cipher suites: the hash of their key schedule, their AEAD and its key length.
+// The cipher suites read: TLS 1.3's, and TLS 1.2's with the same AEADs. The hash of their key
+// schedule, their AEAD, its key length, and the length of the IV the key schedule gives (TLS 1.2's
+// AES-GCM takes 4 bytes from it and 8 from each record).
 struct Suite {
   uint16_t id;
+  bool tls13;
   const EVP_MD* (*hash)();
   const EVP_CIPHER* (*cipher)();
   size_t keyLength;
+  size_t ivLength;
 };
 
-const Suite kSuites[] = {{0x1301, &EVP_sha256, &EVP_aes_128_gcm, 16},
-                         {0x1302, &EVP_sha384, &EVP_aes_256_gcm, 32},
-                         {0x1303, &EVP_sha256, &EVP_chacha20_poly1305, 32}};
+const Suite kSuites[] = {
+    {0x1301, true, &EVP_sha256, &EVP_aes_128_gcm, 16, 12},
+    {0x1302, true, &EVP_sha384, &EVP_aes_256_gcm, 32, 12},
+    {0x1303, true, &EVP_sha256, &EVP_chacha20_poly1305, 32, 12},
+    {0xc02b, false, &EVP_sha256, &EVP_aes_128_gcm, 16, 4},  // ECDHE-ECDSA-AES128-GCM-SHA256
+    {0xc02f, false, &EVP_sha256, &EVP_aes_128_gcm, 16, 4},  // ECDHE-RSA-AES128-GCM-SHA256
+    {0x009e, false, &EVP_sha256, &EVP_aes_128_gcm, 16, 4},  // DHE-RSA-AES128-GCM-SHA256
+    {0xc02c, false, &EVP_sha384, &EVP_aes_256_gcm, 32, 4},  // ECDHE-ECDSA-AES256-GCM-SHA384
+    {0xc030, false, &EVP_sha384, &EVP_aes_256_gcm, 32, 4},  // ECDHE-RSA-AES256-GCM-SHA384
+    {0x009f, false, &EVP_sha384, &EVP_aes_256_gcm, 32, 4},  // DHE-RSA-AES256-GCM-SHA384
+    {0xcca8, false, &EVP_sha256, &EVP_chacha20_poly1305, 32, 12},  // ECDHE-RSA-CHACHA20-POLY1305
+    {0xcca9, false, &EVP_sha256, &EVP_chacha20_poly1305, 32, 12},  // ECDHE-ECDSA-CHACHA20-POLY1305
+    {0xccaa, false, &EVP_sha256, &EVP_chacha20_poly1305, 32, 12},  // DHE-RSA-CHACHA20-POLY1305
+};
 
 const size_t kRecordHeader = 5;
 const size_t kRandomLength = 32;
 const size_t kTagLength = 16;
 const size_t kIvLength = 12;
+const unsigned char kChangeCipherSpec = 20;
 const unsigned char kApplicationData = 23;
 const unsigned char kHandshake = 22;
 const unsigned char kKeyUpdate = 24;
@@ -87,6 +103,22 @@ bool expandLabel(const EVP_MD* hash, const std::string& secret, const std::strin
          written == length;
 }
 
+// TLS 1.2's key block: PRF(master secret, "key expansion", server random + client random).
+bool keyBlock(const EVP_MD* hash, const std::string& master, const std::string& seed, size_t length, std::string* out) {
+  const std::string label = "key expansion";
+  std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(EVP_PKEY_CTX_new_id(EVP_PKEY_TLS1_PRF, nullptr),
+                                                                      &EVP_PKEY_CTX_free);
+  out->assign(length, '\0');
+  size_t written = length;
+  return context != nullptr && EVP_PKEY_derive_init(context.get()) > 0 &&
+         EVP_PKEY_CTX_set_tls1_prf_md(context.get(), hash) > 0 &&
+         EVP_PKEY_CTX_set1_tls1_prf_secret(context.get(), bytesOf(master), static_cast<int>(master.size())) > 0 &&
+         EVP_PKEY_CTX_add1_tls1_prf_seed(context.get(), bytesOf(label), static_cast<int>(label.size())) > 0 &&
+         EVP_PKEY_CTX_add1_tls1_prf_seed(context.get(), bytesOf(seed), static_cast<int>(seed.size())) > 0 &&
+         EVP_PKEY_derive(context.get(), reinterpret_cast<unsigned char*>(&(*out)[0]), &written) > 0 &&
+         written == length;
+}
+
 // The keys of one direction in one phase, from its traffic secret.
 struct TrafficKeys {
   std::string secret, key, iv;
@@ -102,29 +134,63 @@ struct TrafficKeys {
   }
 };
 
-// One record's inner plaintext (its content, then its type, then padding), or false when the keys
-// do not open it.
-bool openRecord(const Suite& suite, TrafficKeys& keys, const std::string& record, std::string* inner) {
-  if (!keys.ready || record.size() < kRecordHeader + kTagLength) return false;
-  std::string nonce = keys.iv;
-  for (int i = 0; i < 8; ++i) nonce[kIvLength - 1 - i] ^= static_cast<char>((keys.sequence >> (8 * i)) & 0xff);
-  const std::string header = record.substr(0, kRecordHeader);
-  const std::string sealed = record.substr(kRecordHeader, record.size() - kRecordHeader - kTagLength);
-  std::string tag = record.substr(record.size() - kTagLength);
+// The nonce of a record: the IV with the record's sequence number folded into its last bytes.
+std::string sequencedNonce(const std::string& iv, uint64_t sequence) {
+  std::string nonce = iv;
+  for (int i = 0; i < 8; ++i) nonce[nonce.size() - 1 - i] ^= static_cast<char>((sequence >> (8 * i)) & 0xff);
+  return nonce;
+}
+
+// AEAD decryption of `sealed` with its `tag`, or false when it does not authenticate.
+bool openAead(const Suite& suite, const std::string& key, const std::string& nonce, const std::string& aad,
+              const std::string& sealed, std::string tag, std::string* plain) {
   std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(EVP_CIPHER_CTX_new(), &EVP_CIPHER_CTX_free);
-  inner->assign(sealed.size() + 16, '\0');
+  plain->assign(sealed.size() + 16, '\0');
   int length = 0, last = 0;
-  unsigned char* out = reinterpret_cast<unsigned char*>(&(*inner)[0]);
+  unsigned char* out = reinterpret_cast<unsigned char*>(&(*plain)[0]);
   const bool opened =
       context != nullptr && EVP_DecryptInit_ex(context.get(), suite.cipher(), nullptr, nullptr, nullptr) > 0 &&
-      EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_IVLEN, static_cast<int>(kIvLength), nullptr) > 0 &&
-      EVP_DecryptInit_ex(context.get(), nullptr, nullptr, bytesOf(keys.key), bytesOf(nonce)) > 0 &&
-      EVP_DecryptUpdate(context.get(), nullptr, &length, bytesOf(header), static_cast<int>(header.size())) > 0 &&
+      EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_IVLEN, static_cast<int>(nonce.size()), nullptr) > 0 &&
+      EVP_DecryptInit_ex(context.get(), nullptr, nullptr, bytesOf(key), bytesOf(nonce)) > 0 &&
+      EVP_DecryptUpdate(context.get(), nullptr, &length, bytesOf(aad), static_cast<int>(aad.size())) > 0 &&
       EVP_DecryptUpdate(context.get(), out, &length, bytesOf(sealed), static_cast<int>(sealed.size())) > 0 &&
       EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(kTagLength), &tag[0]) > 0 &&
       EVP_DecryptFinal_ex(context.get(), out + length, &last) > 0;
   if (!opened) return false;
-  inner->resize(static_cast<size_t>(length + last));
+  plain->resize(static_cast<size_t>(length + last));
+  return true;
+}
+
+// A TLS 1.2 record's plaintext: its explicit nonce (AES-GCM) or its sequence number (ChaCha20)
+// make the nonce, and its sequence number, type, version and plaintext length the associated data.
+bool openRecord12(const Suite& suite, TrafficKeys& keys, const std::string& record, std::string* plain) {
+  const size_t explicitNonce = suite.ivLength == 4 ? 8 : 0;
+  if (!keys.ready || record.size() < kRecordHeader + explicitNonce + kTagLength) return false;
+  const std::string nonce = explicitNonce != 0 ? keys.iv + record.substr(kRecordHeader, explicitNonce)
+                                               : sequencedNonce(keys.iv, keys.sequence);
+  const size_t sealedLength = record.size() - kRecordHeader - explicitNonce - kTagLength;
+  std::string aad;
+  for (int i = 7; i >= 0; --i) aad += static_cast<char>((keys.sequence >> (8 * i)) & 0xff);
+  aad += record.substr(0, 3);
+  aad += static_cast<char>(sealedLength >> 8);
+  aad += static_cast<char>(sealedLength & 0xff);
+  if (!openAead(suite, keys.key, nonce, aad, record.substr(kRecordHeader + explicitNonce, sealedLength),
+                record.substr(record.size() - kTagLength), plain)) {
+    return false;
+  }
+  ++keys.sequence;
+  return true;
+}
+
+// A TLS 1.3 record's inner plaintext (its content, then its type, then padding), or false when the
+// keys do not open it.
+bool openRecord(const Suite& suite, TrafficKeys& keys, const std::string& record, std::string* inner) {
+  if (!keys.ready || record.size() < kRecordHeader + kTagLength) return false;
+  if (!openAead(suite, keys.key, sequencedNonce(keys.iv, keys.sequence), record.substr(0, kRecordHeader),
+                record.substr(kRecordHeader, record.size() - kRecordHeader - kTagLength),
+                record.substr(record.size() - kTagLength), inner)) {
+    return false;
+  }
   ++keys.sequence;
   return true;
 }
@@ -140,13 +206,27 @@ std::string firstRecord(const std::string& stream) {
 struct Direction {
   std::string pending;  // the start of a record not yet whole
   TrafficKeys handshake, application;
-  bool inApplicationPhase = false;
+  bool inApplicationPhase = false;  // TLS 1.3: the handshake's own records are over
+  bool encrypted = false;           // TLS 1.2: its ChangeCipherSpec has passed
 };
 
 // The application data of one whole record, appended to `data`. False when a record under
 // encryption cannot be opened.
 bool readRecord(const Suite& suite, Direction& direction, const std::string& record, std::string* data) {
-  if (static_cast<unsigned char>(record[0]) != kApplicationData) return true;  // in the clear: the hellos, alerts
+  const unsigned char outerType = static_cast<unsigned char>(record[0]);
+  if (!suite.tls13) {
+    // Everything after the sender's ChangeCipherSpec is encrypted, its Finished first.
+    if (outerType == kChangeCipherSpec) {
+      direction.encrypted = true;
+      return true;
+    }
+    if (!direction.encrypted) return true;
+    std::string plain;
+    if (!openRecord12(suite, direction.application, record, &plain)) return false;
+    if (outerType == kApplicationData) *data += plain;
+    return true;
+  }
+  if (outerType != kApplicationData) return true;  // in the clear: the hellos, alerts
   std::string inner;
   if (!direction.inApplicationPhase) {
     if (!openRecord(suite, direction.handshake, record, &inner)) {
@@ -222,14 +302,29 @@ bool decryptConversation(Conversation& c, const KeyLog& keys, std::string* why) 
     if (s.id == suiteId) suite = &s;
   }
   if (suite == nullptr) {
-    *why = "not TLS 1.3";
+    *why = "a cipher suite other than the AEADs of TLS 1.3 and 1.2";
     return false;
   }
   Direction client, server;
-  if (!client.handshake.derive(*suite, keys.secret(clientRandom, "CLIENT_HANDSHAKE_TRAFFIC_SECRET")) ||
-      !server.handshake.derive(*suite, keys.secret(clientRandom, "SERVER_HANDSHAKE_TRAFFIC_SECRET")) ||
-      !client.application.derive(*suite, keys.secret(clientRandom, "CLIENT_TRAFFIC_SECRET_0")) ||
-      !server.application.derive(*suite, keys.secret(clientRandom, "SERVER_TRAFFIC_SECRET_0"))) {
+  if (!suite->tls13) {
+    // TLS 1.2: the master secret, and from it one key and IV a direction.
+    const std::string master = keys.secret(clientRandom, "CLIENT_RANDOM");
+    const std::string serverRandom = serverHello.substr(randomAt, kRandomLength);
+    std::string block;
+    const size_t k = suite->keyLength, v = suite->ivLength;
+    if (master.empty() || !keyBlock(suite->hash(), master, serverRandom + clientRandom, 2 * k + 2 * v, &block)) {
+      *why = "the key log has no secrets of its session";
+      return false;
+    }
+    client.application.key = block.substr(0, k);
+    server.application.key = block.substr(k, k);
+    client.application.iv = block.substr(2 * k, v);
+    server.application.iv = block.substr(2 * k + v, v);
+    client.application.ready = server.application.ready = true;
+  } else if (!client.handshake.derive(*suite, keys.secret(clientRandom, "CLIENT_HANDSHAKE_TRAFFIC_SECRET")) ||
+             !server.handshake.derive(*suite, keys.secret(clientRandom, "SERVER_HANDSHAKE_TRAFFIC_SECRET")) ||
+             !client.application.derive(*suite, keys.secret(clientRandom, "CLIENT_TRAFFIC_SECRET_0")) ||
+             !server.application.derive(*suite, keys.secret(clientRandom, "SERVER_TRAFFIC_SECRET_0"))) {
     *why = "the key log has no secrets of its session";
     return false;
   }

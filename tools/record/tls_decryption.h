@@ -1,7 +1,7 @@
-// Reading the TLS 1.3 conversations of programs whose TLS the agent cannot reach (node's bundled
+// Reading the TLS conversations of programs whose TLS the agent cannot reach (node's bundled
 // OpenSSL, browsers) from the records the agent recorded and the secrets the program wrote into a
-// key log. Decryption is OpenSSL's libcrypto's (HKDF, AES-GCM, ChaCha20-Poly1305), never ciphers
-// of this tool's own.
+// key log: TLS 1.3, and TLS 1.2 with the same AEADs. Decryption is OpenSSL's libcrypto's (HKDF,
+// the TLS 1.2 PRF, AES-GCM, ChaCha20-Poly1305), never ciphers of this tool's own.
 #pragma once
 
 #include <map>
@@ -25,7 +25,7 @@ class KeyLog {
 };
 
 // Replaces the records of an encrypted conversation with the application data they carry, when
-// the key log has its secrets and its cipher is one of TLS 1.3's. False, with the conversation
+// the key log has its secrets and its cipher suite is one of those read. False, with the conversation
 // untouched and `why` saying why, when it cannot.
 bool decryptConversation(Conversation& conversation, const KeyLog& keys, std::string* why);
 
