@@ -358,15 +358,16 @@ TEST(TlsPlaintext, GitOverHttpsInAChildProcess) {
 }
 
 
-// talvex-record turns the extension on: the transcript reads an HTTPS conversation as it reads an
-// HTTP one and says it was TLS; the JSON Lines name the library.
+// talvex-record turns the extension on: the transcript and the capture read an HTTPS conversation
+// as they read an HTTP one, the transcript says it was TLS, and the JSON Lines name the library.
 TEST(TlsRecord, HttpsIsShownAsPlaintext) {
   TALVEX_REQUIRE_PROGRAM("/usr/bin/curl");
+  TALVEX_REQUIRE_PROGRAM("/usr/bin/tshark");
   TALVEX_REQUIRE_PROGRAM("/usr/bin/jq");
   TlsServer server(1, 15);
   TempDir tmp;
   const ProcessResult r =
-      recordCommand({"--transcript", tmp.file("t.txt"), "--jsonl", tmp.file("r.jsonl")},
+      recordCommand({"--transcript", tmp.file("t.txt"), "--jsonl", tmp.file("r.jsonl"), "--pcap", tmp.file("r.pcap")},
                     {"/usr/bin/curl", "-s", "--cacert", server.certificate(), "https://127.0.0.1:" + server.port() + "/x"},
                     {{"HOME", "/tmp"}});
   server.finish();
@@ -386,6 +387,12 @@ TEST(TlsRecord, HttpsIsShownAsPlaintext) {
       cleanEnvironment());
   EXPECT_EQ(jq.out, "send OpenSSL\nreceive OpenSSL\nreceive OpenSSL\n") << jq.err;
   expectValidJsonLines(tmp.file("r.jsonl"));
+  // The capture's streams are the plaintext: Wireshark dissects the HTTP directly.
+  const ProcessResult shark =
+      runProcess({"/usr/bin/tshark", "-r", tmp.file("r.pcap"), "-Y", "http.request", "-T", "fields", "-e",
+                  "http.request.uri"},
+                 cleanEnvironment({{"HOME", tmp.path()}}));
+  EXPECT_EQ(shark.out, "/x\n") << shark.err;
 }
 
 // The wire, asked for beside the plaintext, is counted in the live view and kept in JSON Lines,
