@@ -14,7 +14,8 @@ namespace talvex_test {
 
 class TlsServer {
  public:
-  TlsServer(int connections, int responseBodyBytes) {
+  // `answerDelay`: how long the server waits before it answers each request.
+  TlsServer(int connections, int responseBodyBytes, const std::string& answerDelay = "0") {
     const ProcessResult made = runProcess(
         {"/usr/bin/openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=localhost",
          "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1", "-keyout", dir_.file("key.pem"), "-out",
@@ -22,7 +23,7 @@ class TlsServer {
         cleanEnvironment());
     EXPECT_EQ(made.exitCode, 0) << made.err;
     server_.reset(new BackgroundProcess({"/usr/bin/python3", kTlsServerPath, dir_.path(), std::to_string(connections),
-                                         std::to_string(responseBodyBytes)},
+                                         std::to_string(responseBodyBytes), answerDelay},
                                         cleanEnvironment()));
     port_ = waitForPortFile(dir_.file("port"), std::chrono::seconds(30));
   }
