@@ -108,9 +108,15 @@ TEST(TlsRecord, TsharkDecryptsACaptureOfTheWireWithTheKeyLog) {
       "\"$3\" -q --keylog \"$1/keys\" -- node -e \"require('https').get({host: '127.0.0.1', port: $port, path: "
       "'/by-node', ca: require('fs').readFileSync('$1/cert.pem')}, r => r.resume())\" 2> /dev/null\n"
       "wait %2\n"
-      // The kernel hands dumpcap its packets a block at a time, after a timeout: they are all in
-      // one block by now, and in the file once it holds more than its header.
-      "for i in $(seq 200); do [ \"$(stat -c %s \"$1/wire.pcap\")\" -gt 24 ] && break; sleep 0.05; done\n"
+      // The kernel hands dumpcap its packets a block at a time, after a timeout: every packet is
+      // in the file once it has held more than its header, unchanged, for a second and a half.
+      "last=0; same=0\n"
+      "for i in $(seq 100); do\n"
+      "  size=$(stat -c %s \"$1/wire.pcap\")\n"
+      "  if [ \"$size\" -gt 24 ] && [ \"$size\" = \"$last\" ]; then same=$((same + 1)); else same=0; fi\n"
+      "  [ $same -ge 3 ] && break\n"
+      "  last=$size; sleep 0.5\n"
+      "done\n"
       "kill -INT $capture\n"
       "wait $capture || true\n";
   const ProcessResult r = runProcess({"/usr/bin/unshare", "--net", "/bin/sh", "-c", script, "sh", tmp.path(),
