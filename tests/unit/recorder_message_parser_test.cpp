@@ -46,6 +46,18 @@ TEST(MessageParser, SignsFollowTheType) {
   EXPECT_EQ(m.attributes[2].integer, -1);
 }
 
+// Milliseconds beyond what nanoseconds can hold (no clock gives them; a peer's garbage can) read as
+// the end of the range, never as an overflow (found by the fuzz target).
+TEST(MessageParser, TimesBeyondTheRangeOfNanosecondsAreItsEnds) {
+  ParsedMessage m;
+  ASSERT_TRUE(parseRecorderMessage("<send timestamp_I8=\"40c397e3c8d15\"/>", &m, nullptr));
+  EXPECT_EQ(m.timeNs(), INT64_MAX);
+  ASSERT_TRUE(parseRecorderMessage("<send timestamp_I8=\"ffbc7f99c54482eb\"/>", &m, nullptr));
+  EXPECT_EQ(m.timeNs(), INT64_MIN);
+  ASSERT_TRUE(parseRecorderMessage("<send timestamp_I8=\"19a7afd1f3e\"/>", &m, nullptr));
+  EXPECT_EQ(m.timeNs(), 1763000000318LL * 1000000);
+}
+
 TEST(MessageParser, WideStringsKeepLowBytes) {
   ParsedMessage m;
   ASSERT_TRUE(parseRecorderMessage("<debug name_UN=\"A\\uac&#x22;\"/>\n", &m, nullptr));

@@ -349,7 +349,12 @@ int64_t ParsedMessage::integer(const char* name, int64_t fallback) const {
 
 int64_t ParsedMessage::timeNs() const {
   const MessageAttribute* ns = find("timestamp_ns");
-  return ns != nullptr ? ns->integer : integer("timestamp") * 1000000;
+  if (ns != nullptr) return ns->integer;
+  // Milliseconds that no clock gives (a peer's garbage) would overflow in nanoseconds: they read
+  // as the end of the range they lie beyond.
+  const int64_t ms = integer("timestamp");
+  const int64_t limit = INT64_MAX / 1000000;
+  return ms > limit ? INT64_MAX : ms < -limit ? INT64_MIN : ms * 1000000;
 }
 
 std::string ParsedMessage::text(const char* name) const {
