@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include "config/tls_keylog_file.h"
+#include "message/recorder_vocabulary.h"
 #include "real/real_functions.h"
 
 namespace {
@@ -94,10 +95,9 @@ void openSslLine(const void* ssl, const char* line) {
 }
 
 void appendHex(char*& out, const unsigned char* bytes, size_t count) {
-  static const char digits[] = "0123456789abcdef";
   for (size_t i = 0; i < count; ++i) {
-    *out++ = digits[bytes[i] >> 4];
-    *out++ = digits[bytes[i] & 15];
+    *out++ = HexaTable[bytes[i] >> 4];
+    *out++ = HexaTable[bytes[i] & 15];
   }
 }
 

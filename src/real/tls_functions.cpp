@@ -4,11 +4,13 @@
 #include <link.h>
 #include <string.h>
 
+#include "base/symbol_versions.h"
 #include "diag/debug_log.h"
 #include "real/dlsym_bootstrap.h"
 
-// The oldest version, so that the agent loads on C libraries from before dladdr1 moved into libc.
+// The oldest versions, so that the agent loads on C libraries from before these moved into libc.
 __asm__(".symver dladdr1,dladdr1@GLIBC_2.3.3");
+__asm__(".symver dlclose,dlclose@" TALVEX_GLIBC_FIRST);
 
 const char* const kTlsFunctionNames[TLS_FN_COUNT] = {
 #define TALVEX_TLS_NAME(result, name, parameters, arguments) #name,
@@ -151,7 +153,11 @@ int gatherDefinition(dl_phdr_info* info, size_t, void* data) {
     return 0;
   }
   void* handle = realDlopen(info->dlpi_name, RTLD_LAZY | RTLD_NOLOAD);
-  void* address = handle != nullptr && dlsymptr != nullptr ? dlsymptr(handle, found->name) : nullptr;
+  if (handle == nullptr) return 0;
+  void* address = dlsymptr != nullptr ? dlsymptr(handle, found->name) : nullptr;
+  // Only the handle through which the first definition was found is kept (it keeps that library
+  // loaded); the others would keep every library of the process from being unloaded.
+  if (address == nullptr || inAgent(address) || found->first != nullptr) dlclose(handle);
   if (address == nullptr || inAgent(address)) return 0;
   if (found->first == nullptr) found->first = address;
   if (address != found->first) found->several = true;

@@ -84,12 +84,19 @@ static int openssl(int fd, const char* text, size_t length) {
   }
   int (*keyUpdate)(void*, int) = getenv("TALVEX_PROBE_KEY_UPDATE") != NULL ? need("SSL_key_update") : NULL;
   enum { kKeyUpdateRequested = 1 };
-  if (keyUpdate != NULL) keyUpdate(ssl, kKeyUpdateRequested);
+  /* The library refuses one where it cannot be had (not TLS 1.3): the probe fails, not passes. */
+  if (keyUpdate != NULL && keyUpdate(ssl, kKeyUpdateRequested) != 1) {
+    fprintf(stderr, "SSL_key_update refused\n");
+    return 2;
+  }
   int halfway = keyUpdate != NULL;
   size_t done = 0;
   while (done < length) {
     if (halfway && done >= length / 2) {
-      keyUpdate(ssl, kKeyUpdateRequested);
+      if (keyUpdate(ssl, kKeyUpdateRequested) != 1) {
+        fprintf(stderr, "SSL_key_update refused\n");
+        return 2;
+      }
       halfway = 0;
     }
     size_t written = 0;
