@@ -4,7 +4,7 @@
 # 32-bit GoogleTest and C library development files.
 set -euo pipefail
 
-packages=(cmake make g++ g++-multilib lib32asan8 lib32ubsan1 libc6-dev-i386 libgtest-dev:i386 libgtest-dev:amd64 microsocks tshark binutils clang libclang-rt-14-dev iproute2 util-linux python3 curl valgrind tzdata jq man-db groff-base python3-jsonschema git wget openssl ca-certificates libgnutls30:i386 libssl-dev)
+packages=(cmake make g++ g++-multilib lib32asan8 lib32ubsan1 libc6-dev-i386 libgtest-dev:i386 libgtest-dev:amd64 microsocks tshark binutils clang libclang-rt-14-dev iproute2 util-linux python3 curl valgrind tzdata jq man-db groff-base python3-jsonschema git wget openssl ca-certificates libgnutls30:i386 libssl-dev zlib1g-dev libbrotli-dev libnghttp2-dev chromium)
 
 missing=()
 for p in "${packages[@]}"; do
@@ -17,8 +17,17 @@ done
 # not always offer at once; so the i386 one is unpacked into a folder of its own, not installed.
 i386_openssl=/var/lib/talvex-test/libssl3-i386
 i386_openssl_ready() { [ -e "$i386_openssl/usr/lib/i386-linux-gnu/libssl.so.3" ]; }
+# The HAR tests check a HAR with a validator and an importer from the npm registry, at the versions
+# tests/support/har-tools/package-lock.json names, installed into a folder of their own (the
+# checkout stays clean). Node and npm come with the machine; where they do not, from Debian.
+har_tools_source=$(cd "$(dirname "$0")/.." && pwd)/tests/support/har-tools
+har_tools=/var/lib/talvex-test/har-tools
+har_tools_ready() {
+  cmp -s "$har_tools_source/package-lock.json" "$har_tools/package-lock.json" && [ -d "$har_tools/node_modules/httpsnippet" ]
+}
+if ! command -v npm >/dev/null; then missing+=(nodejs npm); fi
 
-[ ${#missing[@]} -eq 0 ] && i386_openssl_ready && exit 0
+[ ${#missing[@]} -eq 0 ] && i386_openssl_ready && har_tools_ready && exit 0
 
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
@@ -34,9 +43,19 @@ unpack_i386_openssl() {
   return $status
 }
 
+install_har_tools() {
+  echo "installing the HAR tools into $har_tools"
+  $SUDO mkdir -p "$har_tools"
+  $SUDO cp "$har_tools_source/package.json" "$har_tools_source/package-lock.json" "$har_tools/"
+  (cd "$har_tools" && $SUDO npm ci --no-audit --no-fund --loglevel=error)
+}
+
 if [ ${#missing[@]} -eq 0 ]; then
-  echo "unpacking libssl3:i386 into $i386_openssl"
-  unpack_i386_openssl || { $SUDO apt-get update -qq && unpack_i386_openssl; }
+  if ! i386_openssl_ready; then
+    echo "unpacking libssl3:i386 into $i386_openssl"
+    unpack_i386_openssl || { $SUDO apt-get update -qq && unpack_i386_openssl; }
+  fi
+  har_tools_ready || install_har_tools
   exit $?
 fi
 
@@ -53,3 +72,4 @@ for attempt in 1 2 3; do
 done
 DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
 i386_openssl_ready || { echo "unpacking libssl3:i386 into $i386_openssl"; unpack_i386_openssl; }
+har_tools_ready || install_har_tools

@@ -1,7 +1,7 @@
 // Plays arbitrary lines, as a misbehaving peer of the recorder could send them, through what
 // talvex-record makes of its messages: the parser, the connection tracker, the JSON Lines, capture,
-// live-view totals and transcript outputs, and the decryption of encrypted conversations with a
-// key log. Every input must end in outputs written, never in a crash or a memory error.
+// live-view totals and transcript outputs, the decryption of encrypted conversations with a key
+// log, and HTTP read back from the conversations into the HAR and the HTML report. Every input must end in outputs written, never in a crash or a memory error.
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -15,6 +15,8 @@
 #include "capture_output.h"
 #include "connection_tracker.h"
 #include "conversations.h"
+#include "har_document.h"
+#include "html_report.h"
 #include "json_lines_output.h"
 #include "message_json.h"
 #include "recorder_message_parser.h"
@@ -92,6 +94,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       talvex::decryptConversation(c, fuzzKeyLog(), &why);
     }
     talvex::writeTranscript(recording, options, sink);
+    talvex::HarSummary summary;
+    talvex::harDocument(recording, "fuzz", &summary);
+    talvex::htmlReport(recording);
     fclose(sink);
   }
   return 0;

@@ -34,7 +34,12 @@ build socks_reply_fuzz "${core[@]}"
 tools=("$source_dir"/tools/common/*.cpp "$source_dir"/tools/record/conversations.cpp "$source_dir"/tools/record/encrypted_connections.cpp "$source_dir"/tools/record/transcript.cpp
        "$source_dir"/tools/record/recording_totals.cpp "$source_dir"/tools/record/unrecorded_sockets.cpp
        "$source_dir"/tools/record/capture_writer.cpp "$source_dir"/tools/record/capture_output.cpp
-       "$source_dir"/tools/record/tls_decryption.cpp -lcrypto)
+       "$source_dir"/tools/record/tls_decryption.cpp "$source_dir"/tools/record/payload_text.cpp
+       "$source_dir"/tools/record/timed_stream.cpp "$source_dir"/tools/record/http_exchange.cpp
+       "$source_dir"/tools/record/http1_parser.cpp "$source_dir"/tools/record/http2_parser.cpp
+       "$source_dir"/tools/record/http_conversations.cpp "$source_dir"/tools/record/content_decoding.cpp
+       "$source_dir"/tools/record/har_document.cpp "$source_dir"/tools/record/html_report.cpp
+       "$source_dir"/tools/record/html_report_page.cpp -lcrypto -lz -lbrotlidec -lnghttp2)
 flags=("${flags[@]/-m32/-m64}" -I"$source_dir/tools/common" -I"$source_dir/tools/record")
 build recording_outputs_fuzz "${tools[@]}"
 # Its seeds: a conversation in every kind of message the outputs read, so that the fuzzer starts
@@ -68,6 +73,11 @@ if [ ! -e "$seeds/tls" ]; then
 <send timestamp_I8="4" ticket_I4="4" socket_I8="5" pid_I4="64" data_AS="\x17\x03\x03\x00\x11\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f\x10\x11" length_U4="22"/>
 MESSAGES
 fi
+# Recordings of real HTTP/1.1 and HTTP/2 conversations (curl against the suite's servers), so that
+# the fuzzer starts inside the HTTP readers.
+for seed in "$source_dir"/tests/fuzz/seeds/*; do
+  [ -e "$seeds/$(basename "$seed")" ] || cp "$seed" "$seeds/"
+done
 for target in encoder_fuzz socks_reply_fuzz recording_outputs_fuzz; do
   mkdir -p "$work_dir/$target.corpus"
   echo "== $target: $runs inputs"

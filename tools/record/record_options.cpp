@@ -41,7 +41,8 @@ ParseOutcome parseRecordOptions(int argc, char** argv, RecordOptions* o, std::st
   const std::map<std::string, std::string*> valued = {
       {"--transcript", &o->transcript}, {"--raw", &o->raw},       {"--jsonl", &o->jsonl},
       {"--pcap", &o->pcap},             {"--listen", &o->listen}, {"--socks", &o->socks},
-      {"--log-dir", &o->logDir},        {"--keylog", &o->keylog}};
+      {"--log-dir", &o->logDir},        {"--keylog", &o->keylog}, {"--har", &o->har},
+      {"--html", &o->html}};
   std::string levelText;
   int i = 1;
   for (; i < argc; ++i) {

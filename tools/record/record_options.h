@@ -9,7 +9,7 @@
 namespace talvex {
 
 struct RecordOptions {
-  std::string transcript, raw, jsonl, pcap, keylog, listen = "127.0.0.1:0", socks, logDir, logLevel = "3";
+  std::string transcript, raw, jsonl, pcap, har, html, keylog, listen = "127.0.0.1:0", socks, logDir, logLevel = "3";
   bool full = false, doubleLogSocks = false, traceback = false, unplug = false, quiet = false;
   enum class Live { Auto, On, Off } live = Live::Auto;
   // How long the command has after a stop signal is passed on, before what is left is killed.

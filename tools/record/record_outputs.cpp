@@ -5,6 +5,8 @@
 #include <algorithm>
 
 #include "capture_output.h"
+#include "har_output.h"
+#include "html_report_output.h"
 #include "json_lines_output.h"
 #include "live_view.h"
 #include "raw_output.h"
@@ -20,6 +22,15 @@ RecordOutputs::~RecordOutputs() = default;
 void RecordOutputs::add(std::unique_ptr<RecordingOutput> output, const std::string& path) {
   payloads_ = payloads_ || output->needsPayloads();
   outputs_.push_back(Output{std::move(output), path});
+}
+
+void RecordOutputs::addDocument(std::unique_ptr<RecordingDocument> document, const std::string& path) {
+  if (kept_ == nullptr) {
+    auto kept = std::make_unique<KeptMessages>();
+    kept_ = kept.get();
+    add(std::move(kept), "");
+  }
+  documents_.push_back(Document{std::move(document), path});
 }
 
 bool RecordOutputs::open(std::string* error) {
@@ -43,14 +54,26 @@ bool RecordOutputs::open(std::string* error) {
       return false;
     }
   }
+  std::unique_ptr<HarOutput> har;
+  if (!options_.har.empty()) {
+    har = std::make_unique<HarOutput>();
+    if (!har->open(options_.har, error)) return false;
+  }
+  std::unique_ptr<HtmlReportOutput> html;
+  if (!options_.html.empty()) {
+    html = std::make_unique<HtmlReportOutput>();
+    if (!html->open(options_.html, error)) return false;
+  }
   if (rawFile_.isOpen()) add(std::make_unique<RawOutput>(rawFile_), options_.raw);
   if (jsonlFile_.isOpen()) add(std::make_unique<JsonLinesOutput>(jsonlFile_), options_.jsonl);
   if (capture) add(std::move(capture), options_.pcap);
   if (live_) add(std::make_unique<LiveView>(), "");
   if (transcript) {
     transcript_ = transcript.get();
-    add(std::move(transcript), options_.transcript);
+    addDocument(std::move(transcript), options_.transcript);
   }
+  if (har) addDocument(std::move(har), options_.har);
+  if (html) addDocument(std::move(html), options_.html);
   return true;
 }
 
@@ -115,8 +138,24 @@ bool RecordOutputs::finish(const std::string& note) {
   for (const Output& o : outputs_) {
     if (!o.output->finish()) noteFailure(o.path);
   }
+  if (kept_ != nullptr) {
+    const Recording recording = kept_->build(options_.keylog);
+    for (const Document& d : documents_) {
+      if (!d.document->write(recording)) noteFailure(d.path);
+    }
+  }
   for (const std::string& path : failed_) fprintf(stderr, "talvex-record: could not write all of %s\n", path.c_str());
   return failed_.empty();
+}
+
+std::vector<std::string> RecordOutputs::documentLines() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::string> lines;
+  for (const Document& d : documents_) {
+    const std::string line = d.document->endLine();
+    if (!line.empty()) lines.push_back(line);
+  }
+  return lines;
 }
 
 size_t RecordOutputs::received() const {

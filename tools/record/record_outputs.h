@@ -2,8 +2,8 @@
 // be written stops the run before it begins, by name) and written as the messages arrive. The raw
 // and JSON Lines outputs go out in blocks and are flushed whenever the endpoint has caught up with
 // its peers: whatever was recorded is in the file however the run ends, except what arrived in the
-// last moment of a burst. The transcript is the exception: it groups each conversation and is
-// written when the run ends.
+// last moment of a burst. The transcript, the HAR and the HTML report are the exception: they group
+// what arrived in pieces and are written when the run ends, from one recording built for them all.
 #pragma once
 
 #include <chrono>
@@ -15,8 +15,10 @@
 
 #include "connection_tracker.h"
 #include "encrypted_connections.h"
+#include "kept_messages.h"
 #include "output_file.h"
 #include "record_options.h"
+#include "recording_document.h"
 #include "recording_output.h"
 
 namespace talvex {
@@ -40,9 +42,13 @@ class RecordOutputs {
   // The endpoint has nothing more to read for now: what has been held back long enough is
   // written. Returns when to be called again for the rest (negative: never).
   std::chrono::milliseconds onIdle();
-  // Writes the transcript (with `note` before its summary) and closes the files. False, with a
-  // message on standard error naming the file, when an output could not be written in full.
+  // Writes the transcript (with `note` before its summary), the other documents, and closes the
+  // files. False, with a message on standard error naming the file, when an output could not be
+  // written in full.
   bool finish(const std::string& note);
+  // What the documents say of themselves at the end of the run, a line each (the HAR: how many
+  // exchanges, what it left out).
+  std::vector<std::string> documentLines() const;
   // Every message received, shown or not.
   size_t received() const;
   // The end-of-run line about connections whose TLS could not be read (empty: none).
@@ -55,7 +61,13 @@ class RecordOutputs {
   };
 
   void receive(std::string_view raw, bool lasting);
+  struct Document {
+    std::unique_ptr<RecordingDocument> document;
+    std::string path;
+  };
+
   void add(std::unique_ptr<RecordingOutput> output, const std::string& path);
+  void addDocument(std::unique_ptr<RecordingDocument> document, const std::string& path);
   // An output that could not be written in full, named once in the end.
   void noteFailure(const std::string& path);
   // Whether messages are kept for a transcript written at the end (to a file, or on standard
@@ -68,7 +80,9 @@ class RecordOutputs {
   OutputFile rawFile_;
   OutputFile jsonlFile_;
   std::vector<Output> outputs_;  // in the order they are written and closed
-  TranscriptOutput* transcript_ = nullptr;  // one of outputs_, when the transcript is kept
+  KeptMessages* kept_ = nullptr;  // one of outputs_, when there are documents
+  std::vector<Document> documents_;  // written when the run ends, in this order
+  TranscriptOutput* transcript_ = nullptr;  // one of documents_, when the transcript is kept
   bool payloads_ = false;  // whether any output shows payloads
   ConnectionTracker connections_;
   EncryptedConnections encrypted_;

@@ -37,7 +37,8 @@ const char* const kUsage =
     "64-bit), records every byte they move on their TCP connections, and shows what they said.\n"
     "Exits with COMMAND's exit status (128+N when signal N ended it).\n"
     "\n"
-    "Outputs, each written as the messages arrive (the transcript when the run ends):\n"
+    "Outputs, each written as the messages arrive (the transcript, --har and --html when the run\n"
+    "ends):\n"
     "  --transcript FILE    readable transcript, one block per process and per socket\n"
     "                       ('-': standard output; default: on standard error, unless\n"
     "                       --live or --quiet)\n"
@@ -45,6 +46,10 @@ const char* const kUsage =
     "  --raw FILE           the recorder messages exactly as received, one per line\n"
     "  --jsonl FILE         one flat JSON object per message (jq examples: talvex-record(1))\n"
     "  --pcap FILE          the TCP connections COMMAND made, as a capture file for Wireshark\n"
+    "  --har FILE           every HTTP exchange (HTTP/1.x, HTTP/2, HTTPS from the TLS plaintext)\n"
+    "                       as a HAR 1.2 document, for tools that import HAR\n"
+    "  --html FILE          a self-contained HTML report: processes, connections on a timeline,\n"
+    "                       conversations with HTTP exchanges folded, filters\n"
     "  --keylog FILE        append the TLS session secrets of OpenSSL and GnuTLS connections to\n"
     "                       FILE, in the key log format Wireshark reads (SSLKEYLOGFILE)\n"
     "  --live               print each event on standard error as it happens (the default\n"
@@ -248,6 +253,9 @@ int main(int argc, char** argv) {
   const std::string note = endNote(o, status, crashed);
   const bool written = outputs.finish(note);
   if (!note.empty() && (!o.transcript.empty() || o.quiet)) fprintf(stderr, "talvex-record: %s\n", note.c_str());
+  if (!o.quiet) {
+    for (const std::string& line : outputs.documentLines()) fprintf(stderr, "talvex-record: %s\n", line.c_str());
+  }
   const std::string encrypted = outputs.encryptedSummary();
   if (!encrypted.empty() && !o.quiet) fprintf(stderr, "talvex-record: %s\n", encrypted.c_str());
   if (outputs.received() == 0 && !o.unplug && !o.quiet) {

@@ -11,6 +11,7 @@
 
 #include "address_text.h"
 #include "error_text.h"
+#include "payload_text.h"
 #include "recorder_message_parser.h"
 #include "recording_totals.h"
 #include "unrecorded_sockets.h"
@@ -58,48 +59,27 @@ bool joinsBlock(const Event& first, const Event& next) {
   return next.kind == first.kind && !next.failed && !next.endOfStream;
 }
 
-bool printable(const std::string& bytes) {
-  for (const char ch : bytes) {
-    const unsigned char c = static_cast<unsigned char>(ch);
-    if ((c < 0x20 && c != '\n' && c != '\r' && c != '\t') || c >= 0x7f) return false;
-  }
-  return true;
-}
-
 // Text as lines, with line ends made visible; anything else as a classic hex dump.
 void payload(const std::string& bytes, FILE* out) {
   const char* indent = "      ";
-  if (printable(bytes)) {
-    std::string line;
-    for (const char c : bytes) {
-      if (c == '\r') {
-        line += "\\r";
-      } else if (c == '\t') {
-        line += "\\t";
-      } else if (c == '\n') {
-        fprintf(out, "%s%s\\n\n", indent, line.c_str());
-        line.clear();
-      } else {
-        line += c;
-      }
-    }
-    if (!line.empty()) fprintf(out, "%s%s\n", indent, line.c_str());
+  if (!isPrintableText(bytes)) {
+    fputs(hexDump(bytes, indent).c_str(), out);
     return;
   }
-  for (size_t offset = 0; offset < bytes.size(); offset += 16) {
-    fprintf(out, "%s%04zx ", indent, offset);
-    std::string ascii;
-    for (size_t i = 0; i < 16; ++i) {
-      if (offset + i < bytes.size()) {
-        const unsigned char c = static_cast<unsigned char>(bytes[offset + i]);
-        fprintf(out, " %02x", c);
-        ascii += (c >= 0x20 && c < 0x7f) ? static_cast<char>(c) : '.';
-      } else {
-        fputs("   ", out);
-      }
+  std::string line;
+  for (const char c : bytes) {
+    if (c == '\r') {
+      line += "\\r";
+    } else if (c == '\t') {
+      line += "\\t";
+    } else if (c == '\n') {
+      fprintf(out, "%s%s\\n\n", indent, line.c_str());
+      line.clear();
+    } else {
+      line += c;
     }
-    fprintf(out, "  |%s|\n", ascii.c_str());
   }
+  if (!line.empty()) fprintf(out, "%s%s\n", indent, line.c_str());
 }
 
 }  // namespace
@@ -153,35 +133,42 @@ std::string connectOutcome(const Conversation& c) {
   return " (" + std::to_string(c.durationMs) + " ms)";
 }
 
+}  // namespace
+
+std::string conversationHeadline(const Conversation& c) {
+  std::string line;
+  if (c.opening == "connect") {
+    // A connect refused at once left from no port: only its destination is shown.
+    const std::string local = c.local.port != 0 ? endpointText(c.local) + " " : "";
+    line = "connect " + local + "-> " + endpointText(c.remote) + connectOutcome(c);
+    if (c.loopback) {
+      line += c.hasSocksError ? " [to this process: direct, the SOCKS server was not used]" : " [to this process]";
+    } else if (c.hasSocksError && c.socksError != 0 && c.failed) {
+      line += " [the SOCKS exchange failed: " + errorText(c.socksError) + "]";
+    } else if (c.hasSocksError && c.socksError != 0) {
+      line += " [the SOCKS server was not used: it failed (" + errorText(c.socksError) + "), the connect went direct]";
+    } else if (c.hasSocksError) {
+      line += " [via SOCKS]";
+    }
+  } else if (c.opening == "accept") {
+    line = "accepted from " + endpointText(c.remote);
+    if (c.local.port != 0) line += " on " + endpointText(c.local);
+  } else {
+    line = "traffic of a socket whose opening was not seen";
+  }
+  if (!c.tls.empty()) line += " [TLS: plaintext from " + c.tls + "]";
+  if (c.encrypted) line += " [TLS, encrypted: the program's TLS code is out of the agent's reach]";
+  if (c.decrypted) line += " [TLS: decrypted with the key log]";
+  return line;
+}
+
+namespace {
+
 // One conversation: how it opened, its events, its close.
 void writeConversation(const Conversation& c, const TranscriptOptions& options, FILE* out) {
   fprintf(out, "\n-- socket %lld", static_cast<long long>(c.socket));
   for (const std::string& other : c.alsoThrough) fprintf(out, ", %s", other.c_str());
-  fputs(": ", out);
-  if (c.opening == "connect") {
-    // A connect refused at once left from no port: only its destination is shown.
-    const std::string local = c.local.port != 0 ? endpointText(c.local) + " " : "";
-    fprintf(out, "connect %s-> %s%s", local.c_str(), endpointText(c.remote).c_str(), connectOutcome(c).c_str());
-    if (c.loopback) {
-      fputs(c.hasSocksError ? " [to this process: direct, the SOCKS server was not used]" : " [to this process]", out);
-    } else if (c.hasSocksError && c.socksError != 0 && c.failed) {
-      fprintf(out, " [the SOCKS exchange failed: %s]", errorText(c.socksError).c_str());
-    } else if (c.hasSocksError && c.socksError != 0) {
-      fprintf(out, " [the SOCKS server was not used: it failed (%s), the connect went direct]",
-              errorText(c.socksError).c_str());
-    } else if (c.hasSocksError) {
-      fputs(" [via SOCKS]", out);
-    }
-  } else if (c.opening == "accept") {
-    fprintf(out, "accepted from %s", endpointText(c.remote).c_str());
-    if (c.local.port != 0) fprintf(out, " on %s", endpointText(c.local).c_str());
-  } else {
-    fputs("traffic of a socket whose opening was not seen", out);
-  }
-  if (!c.tls.empty()) fprintf(out, " [TLS: plaintext from %s]", c.tls.c_str());
-  if (c.encrypted) fputs(" [TLS, encrypted: the program's TLS code is out of the agent's reach]", out);
-  if (c.decrypted) fputs(" [TLS: decrypted with the key log]", out);
-  fprintf(out, "  at %s\n", clockTime(c.openTimeNs).c_str());
+  fprintf(out, ": %s  at %s\n", conversationHeadline(c).c_str(), clockTime(c.openTimeNs).c_str());
   writeEvents(c, options, out);
   if (c.closed) fprintf(out, "   %s close\n", clockTime(c.closeTimeNs).c_str());
 }

@@ -27,6 +27,9 @@ void writeTranscript(const Recording& recording, const TranscriptOptions& option
 std::string clockTime(int64_t timeNs);
 // "127.0.0.1:8080", "[::1]:8080", "?" when the address is unknown.
 std::string endpointText(const Peer& peer);
+// How a conversation opened, as its transcript block begins: "connect 127.0.0.1:40112 ->
+// 127.0.0.1:8080 (0 ms) [TLS: plaintext from OpenSSL]".
+std::string conversationHeadline(const Conversation& c);
 // "resolved NAME -> A, B (FAMILY)", or "could not resolve NAME: EAI_NONAME: Name or service not
 // known" for a failed one.
 std::string resolutionSentence(const std::string& name, const std::string& family,

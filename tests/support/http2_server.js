@@ -1,0 +1,55 @@
+// An HTTP/2 server for the HAR tests, run without the agent, with node's own http2 module: over
+// TLS (ALPN "h2") with the certificate the test made, or in clear text for clients with prior
+// knowledge. What it received on each stream is the reference a HAR entry must match.
+//
+// usage: node http2_server.js DIRECTORY tls|clear
+// It writes its port to DIRECTORY/port (whole, by a rename) and, for each request, once it has
+// read the whole body, appends a JSON line to DIRECTORY/requests:
+// {"method":...,"path":...,"authority":...,"body_b64":...}. It answers
+//   /one  a text of 11 bytes
+//   /two  a text of 3000 bytes, with a header of its own
+//   /echo (POST) the body it was sent
+// and ends itself after 300 seconds at most.
+'use strict';
+const fs = require('fs');
+const http2 = require('http2');
+const path = require('path');
+
+const [directory, mode] = process.argv.slice(2);
+const server = mode === 'tls'
+  ? http2.createSecureServer({
+      key: fs.readFileSync(path.join(directory, 'key.pem')),
+      cert: fs.readFileSync(path.join(directory, 'cert.pem')),
+    })
+  : http2.createServer();
+
+server.on('stream', (stream, headers) => {
+  const pieces = [];
+  stream.on('data', (piece) => pieces.push(piece));
+  stream.on('end', () => {
+    const body = Buffer.concat(pieces);
+    fs.appendFileSync(path.join(directory, 'requests'), JSON.stringify({
+      method: headers[':method'], path: headers[':path'], authority: headers[':authority'],
+      body_b64: body.toString('base64'),
+    }) + '\n');
+    if (headers[':path'] === '/one') {
+      stream.respond({ ':status': 200, 'content-type': 'text/plain' });
+      stream.end('first body\n');
+    } else if (headers[':path'] === '/two') {
+      stream.respond({ ':status': 200, 'content-type': 'text/plain', 'x-stream': 'second' });
+      stream.end('2'.repeat(3000));
+    } else if (headers[':path'] === '/echo') {
+      stream.respond({ ':status': 200, 'content-type': 'application/octet-stream' });
+      stream.end(body);
+    } else {
+      stream.respond({ ':status': 404 });
+      stream.end();
+    }
+  });
+});
+
+server.listen(0, '127.0.0.1', () => {
+  fs.writeFileSync(path.join(directory, 'port.part'), server.address().port + '\n');
+  fs.renameSync(path.join(directory, 'port.part'), path.join(directory, 'port'));
+});
+setTimeout(() => process.exit(0), 300 * 1000).unref();
