@@ -17,17 +17,18 @@ done
 # not always offer at once; so the i386 one is unpacked into a folder of its own, not installed.
 i386_openssl=/var/lib/talvex-test/libssl3-i386
 i386_openssl_ready() { [ -e "$i386_openssl/usr/lib/i386-linux-gnu/libssl.so.3" ]; }
-# The HAR tests check a HAR with a validator and an importer from the npm registry, at the versions
-# tests/support/har-tools/package-lock.json names, installed into a folder of their own (the
+# The HAR and report tests check talvex-record's documents with tools from the npm registry (a
+# HAR validator, a HAR importer, a driver for Debian's Chromium), at the versions
+# tests/support/node-tools/package-lock.json names, installed into a folder of their own (the
 # checkout stays clean). Node and npm come with the machine; where they do not, from Debian.
-har_tools_source=$(cd "$(dirname "$0")/.." && pwd)/tests/support/har-tools
-har_tools=/var/lib/talvex-test/har-tools
-har_tools_ready() {
-  cmp -s "$har_tools_source/package-lock.json" "$har_tools/package-lock.json" && [ -d "$har_tools/node_modules/httpsnippet" ]
+node_tools_source=$(cd "$(dirname "$0")/.." && pwd)/tests/support/node-tools
+node_tools=/var/lib/talvex-test/node-tools
+node_tools_ready() {
+  cmp -s "$node_tools_source/package-lock.json" "$node_tools/package-lock.json" && [ -d "$node_tools/node_modules/playwright-core" ]
 }
 if ! command -v npm >/dev/null; then missing+=(nodejs npm); fi
 
-[ ${#missing[@]} -eq 0 ] && i386_openssl_ready && har_tools_ready && exit 0
+[ ${#missing[@]} -eq 0 ] && i386_openssl_ready && node_tools_ready && exit 0
 
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
@@ -43,11 +44,11 @@ unpack_i386_openssl() {
   return $status
 }
 
-install_har_tools() {
-  echo "installing the HAR tools into $har_tools"
-  $SUDO mkdir -p "$har_tools"
-  $SUDO cp "$har_tools_source/package.json" "$har_tools_source/package-lock.json" "$har_tools/"
-  (cd "$har_tools" && $SUDO npm ci --no-audit --no-fund --loglevel=error)
+install_node_tools() {
+  echo "installing the test tools from npm into $node_tools"
+  $SUDO mkdir -p "$node_tools"
+  $SUDO cp "$node_tools_source/package.json" "$node_tools_source/package-lock.json" "$node_tools/"
+  (cd "$node_tools" && $SUDO npm ci --no-audit --no-fund --loglevel=error)
 }
 
 if [ ${#missing[@]} -eq 0 ]; then
@@ -55,7 +56,7 @@ if [ ${#missing[@]} -eq 0 ]; then
     echo "unpacking libssl3:i386 into $i386_openssl"
     unpack_i386_openssl || { $SUDO apt-get update -qq && unpack_i386_openssl; }
   fi
-  har_tools_ready || install_har_tools
+  node_tools_ready || install_node_tools
   exit $?
 fi
 
@@ -72,4 +73,4 @@ for attempt in 1 2 3; do
 done
 DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
 i386_openssl_ready || { echo "unpacking libssl3:i386 into $i386_openssl"; unpack_i386_openssl; }
-har_tools_ready || install_har_tools
+node_tools_ready || install_node_tools

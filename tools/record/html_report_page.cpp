@@ -83,10 +83,12 @@ pre { margin: 2px 0 6px; padding: 4px 6px; background: #f3f4f6; font-size: 12px;
   var PAGE = 200;
   var span = 1;
   var exchanges = 0, failures = 0;
+  function exchangeFailed(x) { return x.bad || !x.s || x.s >= 400; }
+  function hasErrors(c) { return c.bad || c.http.some(exchangeFailed); }
   conns.forEach(function (c) {
     if (c.t1 > span) span = c.t1;
     exchanges += c.http.length;
-    if (c.bad) failures++;
+    if (hasErrors(c)) failures++;
   });
 
   function el(tag, cls, text) {
@@ -130,8 +132,6 @@ pre { margin: 2px 0 6px; padding: 4px 6px; background: #f3f4f6; font-size: 12px;
     if (!select.querySelector('option[value="' + p.pid + '"]')) select.appendChild(option);
   });
 
-  function exchangeFailed(x) { return x.bad || !x.s || x.s >= 400; }
-  function hasErrors(c) { return c.bad || c.http.some(exchangeFailed); }
   function matches(c, f) {
     if (f.host && c.host.indexOf(f.host) < 0 && !c.http.some(function (x) { return x.u.indexOf(f.host) >= 0; })) return false;
     if (f.port && String(c.port) !== f.port && String(c.lport) !== f.port) return false;
@@ -157,12 +157,12 @@ pre { margin: 2px 0 6px; padding: 4px 6px; background: #f3f4f6; font-size: 12px;
     parent.appendChild(t);
   }
   function exchangeLine(x) {
-    return x.m + ' ' + x.u + ' \u2192 ' + (x.s ? x.s + ' ' + x.r : 'no response');
+    return x.m + ' ' + x.u + ' \u2192 ' + (x.s ? x.s + ' ' + x.r : 'no response') + (x.bad ? ' (incomplete)' : '');
   }
   function exchange(x) {
     var d = el('details', 'x' + (x.bad ? ' bad' : '') + (exchangeFailed(x) ? ' fail' : ''));
     var s = el('summary', '', exchangeLine(x));
-    if (x.bad) s.appendChild(el('span', 'problem', '  incomplete: ' + x.bad));
+    if (x.bad) s.appendChild(el('span', 'problem', '  ' + x.bad));
     d.appendChild(s);
     d.appendChild(el('h3', '', 'Request' + (x.served ? ' (received)' : '') + ': ' + x.m + ' ' + x.u + ' ' + x.v));
     headers(d, x.qh);
