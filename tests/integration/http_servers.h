@@ -98,6 +98,20 @@ inline void expectValidHar(const std::string& file) {
   EXPECT_EQ(r.exitCode, 0);
 }
 
+// What the importer (httpsnippet, which checks each request against its own HAR schema first)
+// makes of `file`: a curl command per entry, each ended by a zero byte.
+inline std::vector<std::string> importedCommands(const std::string& file) {
+  const ProcessResult r = nodeTool("har-to-curl", {file});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  std::vector<std::string> commands;
+  size_t start = 0;
+  for (size_t end; (end = r.out.find('\0', start)) != std::string::npos; start = end + 1) {
+    commands.push_back(r.out.substr(start, end - start));
+  }
+  EXPECT_EQ(start, r.out.size()) << "output after the last command: " << r.out.substr(start);
+  return commands;
+}
+
 }  // namespace talvex_test
 
 // In SetUp: the tools the install script provides, which these tests cannot do without.

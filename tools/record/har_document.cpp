@@ -12,30 +12,14 @@
 #include "content_decoding.h"
 #include "http_conversations.h"
 #include "message_json.h"
+#include "payload_text.h"
 #include "transcript.h"
 
 namespace talvex {
 
 namespace {
 
-// HAR is JSON, and JSON strings are Unicode: bytes that are not UTF-8 (header values of old
-// servers) are read as ISO-8859-1, HTTP's historical charset for them.
-std::string utf8Text(const std::string& bytes) {
-  if (isUtf8(bytes)) return bytes;
-  std::string out;
-  for (const char ch : bytes) {
-    const unsigned char c = static_cast<unsigned char>(ch);
-    if (c < 0x80) {
-      out += ch;
-    } else {
-      out += static_cast<char>(0xc0 | (c >> 6));
-      out += static_cast<char>(0x80 | (c & 0x3f));
-    }
-  }
-  return out;
-}
-
-std::string str(const std::string& bytes) { return jsonString(utf8Text(bytes)); }
+std::string str(const std::string& bytes) { return jsonString(textAsUtf8(bytes)); }
 
 std::string isoTime(int64_t ns) {
   const time_t seconds = static_cast<time_t>(ns / 1000000000);
@@ -65,7 +49,7 @@ std::string percentDecoded(const std::string& text) {
       if (c >= 'A' && c <= 'F') return c - 'A' + 10;
       return -1;
     };
-    if (text[i] == '%' && i + 2 < text.size() + 0 && hex(text[i + 1]) >= 0 && hex(text[i + 2]) >= 0) {
+    if (text[i] == '%' && i + 2 < text.size() && hex(text[i + 1]) >= 0 && hex(text[i + 2]) >= 0) {
       out += static_cast<char>(hex(text[i + 1]) * 16 + hex(text[i + 2]));
       i += 2;
     } else {

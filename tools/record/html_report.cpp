@@ -18,17 +18,7 @@ const char* htmlReportPage();  // html_report_page.cpp
 
 namespace {
 
-std::string utf8Text(const std::string& bytes) {
-  if (isUtf8(bytes)) return bytes;
-  std::string out;
-  for (const char ch : bytes) {
-    const unsigned char c = static_cast<unsigned char>(ch);
-    out += c < 0x80 ? std::string(1, ch) : "\xef\xbf\xbd";  // U+FFFD for what is not text
-  }
-  return out;
-}
-
-std::string str(const std::string& bytes) { return jsonString(utf8Text(bytes)); }
+std::string str(const std::string& bytes) { return jsonString(textAsUtf8(bytes)); }
 
 std::string milliseconds(int64_t ns, int64_t originNs) {
   char text[32];

@@ -144,7 +144,7 @@ pre { margin: 2px 0 6px; padding: 4px 6px; background: #f3f4f6; font-size: 12px;
     if (!p || !p.n) return;
     if (p.enc) { parent.appendChild(el('div', 'cut', size(p.n) + ' of TLS records, not readable')); return; }
     if (p.text !== undefined || p.hex !== undefined) parent.appendChild(el('pre', p.hex !== undefined ? 'hex' : 'text', p.text !== undefined ? p.text : p.hex));
-    if (p.cut) parent.appendChild(el('div', 'cut', '\u2026 ' + size(p.cut) + ' more, not in the report (the transcript with --full has every byte)'));
+    if (p.cut) parent.appendChild(el('div', 'cut', '\u2026 ' + size(p.cut) + ' more, not in the report'));
   }
   function headers(parent, list) {
     var t = el('table', 'headers');

@@ -2,6 +2,8 @@
 
 #include <stdio.h>
 
+#include "message_json.h"
+
 namespace talvex {
 
 bool isPrintableText(const std::string& bytes) {
@@ -10,6 +12,21 @@ bool isPrintableText(const std::string& bytes) {
     if ((c < 0x20 && c != '\n' && c != '\r' && c != '\t') || c >= 0x7f) return false;
   }
   return true;
+}
+
+std::string textAsUtf8(const std::string& bytes) {
+  if (isUtf8(bytes)) return bytes;
+  std::string out;
+  for (const char ch : bytes) {
+    const unsigned char c = static_cast<unsigned char>(ch);
+    if (c < 0x80) {
+      out += ch;
+    } else {
+      out += static_cast<char>(0xc0 | (c >> 6));
+      out += static_cast<char>(0x80 | (c & 0x3f));
+    }
+  }
+  return out;
 }
 
 std::string hexDump(const std::string& bytes, const std::string& indent) {
