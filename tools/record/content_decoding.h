@@ -11,7 +11,7 @@ namespace talvex {
 // A decoded body is cut at this length: a small compressed body can stand for an enormous one
 // (a thousand to one is ordinary for gzip, far more for a crafted one), and the reader must not
 // run out of memory on it.
-const size_t kLongestDecodedBody = 256u << 20;
+const size_t kLongestDecodedBody = 64u << 20;
 
 // Undoes the codings of a Content-Encoding value, last applied first. True with `decoded` filled
 // in; false with `why` when a coding is unknown or the body is not what it says (then `decoded`

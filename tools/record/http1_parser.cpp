@@ -162,6 +162,8 @@ bool readRequest(const TimedStream& stream, size_t* pos, HttpExchange* x) {
   r.present = true;
   if (!lineAt(s, begin, &line, &next)) {
     x->problem = "the request line is cut off";
+    timeOf(&r, stream, begin, s.size());
+    *pos = s.size();
     return true;
   }
   const size_t first = line.find(' '), last = line.rfind(' ');
@@ -287,7 +289,10 @@ std::vector<HttpExchange> readHttp1(const TimedStream& requests, const TimedStre
   size_t in = 0, out = 0;
   for (;;) {
     HttpExchange x;
+    const size_t before = in;
     if (!readRequest(requests, &in, &x)) break;
+    // Every request read takes bytes: a stream read again from the same place would never end.
+    if (in == before) break;
     const bool answered = readResponse(responses, &out, &x);
     if (!answered && x.problem.empty()) x.problem = "no response was recorded";
     const bool tunnel = x.response.status == 101 || (x.request.method == "CONNECT" && x.response.status / 100 == 2);

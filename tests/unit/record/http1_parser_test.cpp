@@ -145,6 +145,14 @@ TEST(Http1Parser, MalformedMessagesAreMarkedNeverDropped) {
   }
 }
 
+TEST(Http1Parser, ARequestLineCutOffIsOneIncompleteExchange) {
+  // Found by the fuzz target: a request line without its end was read again and again.
+  const std::vector<HttpExchange> x = talvex::readHttp1(streamOf({{"GET /still-arriv", 1}}), streamOf({}));
+  ASSERT_EQ(x.size(), 1u);
+  EXPECT_EQ(x[0].request.method, "");
+  EXPECT_EQ(x[0].problem, "the request line is cut off");
+}
+
 TEST(Http1Parser, ASwitchOfProtocolsEndsTheHttp) {
   const TimedStream requests = streamOf({{"GET /ws HTTP/1.1\r\nUpgrade: websocket\r\n\r\n\x81\x05hello", 1}});
   const TimedStream responses = streamOf({{"HTTP/1.1 101 Switching Protocols\r\n\r\n\x81\x02hi", 2}});
