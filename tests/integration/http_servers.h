@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "process_runner.h"
+#include "test_certificate.h"
 #include "test_paths.h"
 
 namespace talvex_test {
@@ -47,14 +48,7 @@ class Http2Server {
  public:
   // `tls`: over TLS with a certificate the test makes; otherwise in clear text.
   explicit Http2Server(bool tls) {
-    if (tls) {
-      const ProcessResult made = runProcess(
-          {"/usr/bin/openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=localhost",
-           "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1", "-keyout", dir_.file("key.pem"), "-out",
-           dir_.file("cert.pem")},
-          cleanEnvironment());
-      EXPECT_EQ(made.exitCode, 0) << made.err;
-    }
+    if (tls) makeTestCertificate(dir_);
     server_.reset(new BackgroundProcess({"/usr/bin/node", kHttp2ServerPath, dir_.path(), tls ? "tls" : "clear"},
                                         cleanEnvironment()));
     port_ = waitForPortFile(dir_.file("port"), std::chrono::seconds(30));

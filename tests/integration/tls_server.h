@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "process_runner.h"
+#include "test_certificate.h"
 #include "test_paths.h"
 
 namespace talvex_test {
@@ -16,12 +17,7 @@ class TlsServer {
  public:
   // `answerDelay`: how long the server waits before it answers each request.
   TlsServer(int connections, int responseBodyBytes, const std::string& answerDelay = "0") {
-    const ProcessResult made = runProcess(
-        {"/usr/bin/openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=localhost",
-         "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1", "-keyout", dir_.file("key.pem"), "-out",
-         dir_.file("cert.pem")},
-        cleanEnvironment());
-    EXPECT_EQ(made.exitCode, 0) << made.err;
+    makeTestCertificate(dir_);
     server_.reset(new BackgroundProcess({"/usr/bin/python3", kTlsServerPath, dir_.path(), std::to_string(connections),
                                          std::to_string(responseBodyBytes), answerDelay},
                                         cleanEnvironment()));
