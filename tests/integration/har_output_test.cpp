@@ -82,6 +82,22 @@ std::vector<std::string> sentPerConnection(const std::string& har, const std::st
   return joined;
 }
 
+// The suite's own client and server, of this suite's ABI: the HAR of a 32-bit program's exchanges
+// is made as a 64-bit one's is.
+TEST(HarOfEitherAbi, TheProbesExchangesAreEntries) {
+  TALVEX_REQUIRE_NODE_TOOLS();
+  TempDir dir;
+  BackgroundProcess server({kRecordingProbePath, "http-serve", dir.file("port"), "2"}, cleanEnvironment());
+  const std::string port = std::to_string(waitForPortFile(dir.file("port")));
+  const std::string har = dir.file("out.har");
+  const ProcessResult r = recordCommand({"--har", har, "-q"}, {kRecordingProbePath, "http-get", port, "/hello", "/status"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(jq(".log.entries[] | [.request.method, .request.url, .response.status, .response.content.text] | @tsv", har),
+            "GET\thttp://demo/hello\t200\tHello, world!\\n\nGET\thttp://demo/status\t200\tHello, world!\\n\n");
+  expectValidHar(har);
+  EXPECT_EQ(importedCommands(har).size(), 2u);
+}
+
 class HarOutput : public ::testing::Test {
  protected:
   void SetUp() override {

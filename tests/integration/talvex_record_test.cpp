@@ -617,7 +617,7 @@ TEST(TalvexRecord, ARecordingOfManyMegabytesIsWrittenWhole) {
 TEST(TalvexRecord, UnwritableOutputsStopTheRunBeforeItBegins) {
   TempDir tmp;
   const std::string marker = tmp.file("ran");
-  for (const char* option : {"--raw", "--jsonl", "--transcript", "--pcap"}) {
+  for (const char* option : {"--raw", "--jsonl", "--transcript", "--pcap", "--har", "--html"}) {
     const ProcessResult r = record({option, "/nonexistent/dir/out"}, {"/bin/sh", "-c", "touch " + marker});
     EXPECT_EQ(r.exitCode, 1) << option;
     EXPECT_EQ(r.err.rfind("talvex-record: cannot write /nonexistent/dir/out: ", 0), 0u) << r.err;
@@ -628,7 +628,7 @@ TEST(TalvexRecord, UnwritableOutputsStopTheRunBeforeItBegins) {
 // An output the system refuses to take in full is named in the end, and the run fails.
 TEST(TalvexRecord, AnOutputThatCannotBeWrittenInFullIsNamed) {
   EchoServer echo;
-  for (const char* option : {"--raw", "--jsonl", "--pcap"}) {
+  for (const char* option : {"--raw", "--jsonl", "--pcap", "--har", "--html"}) {
     const ProcessResult r =
         record({"--quiet", option, "/dev/full"}, {kRecordingProbePath, "vectors", std::to_string(echo.port())});
     EXPECT_EQ(r.exitCode, 1) << option;

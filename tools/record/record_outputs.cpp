@@ -41,7 +41,6 @@ bool RecordOutputs::open(std::string* error) {
   if (keepsForTranscript()) {
     TranscriptOptions transcriptOptions;
     transcriptOptions.full = options_.full;
-    transcriptOptions.keylog = options_.keylog;
     transcript = std::make_unique<TranscriptOutput>(transcriptOptions);
     if (!options_.transcript.empty() && !transcript->open(options_.transcript, error)) return false;
   }

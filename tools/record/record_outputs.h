@@ -60,12 +60,12 @@ class RecordOutputs {
     std::string path;  // what a failure names
   };
 
-  void receive(std::string_view raw, bool lasting);
   struct Document {
     std::unique_ptr<RecordingDocument> document;
-    std::string path;
+    std::string path;  // what a failure names
   };
 
+  void receive(std::string_view raw, bool lasting);
   void add(std::unique_ptr<RecordingOutput> output, const std::string& path);
   void addDocument(std::unique_ptr<RecordingDocument> document, const std::string& path);
   // An output that could not be written in full, named once in the end.

@@ -18,7 +18,6 @@ struct TranscriptOptions {
   bool full = false;        // every byte, however long
   size_t abbreviate = 512;  // otherwise, bytes shown per event
   std::string note;         // a line before the summary (what became of the command)
-  std::string keylog;       // a key log to decrypt encrypted conversations with (TranscriptOutput)
 };
 
 void writeTranscript(const Recording& recording, const TranscriptOptions& options, FILE* out);
