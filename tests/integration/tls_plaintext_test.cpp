@@ -456,7 +456,7 @@ TEST(TlsRecord, NodeIsDecryptedWithTheKeyLog) {
   TlsServer server(7, 15);
   TempDir tmp;
   const ProcessResult r = recordCommand(
-      {"--keylog", tmp.file("keys"), "--transcript", tmp.file("t.txt")},
+      {"--keylog", tmp.file("keys"), "--transcript", tmp.file("t.txt"), "--har", tmp.file("out.har")},
       {"/usr/bin/node", "-e",
        "const https = require('https');\n"
        "const ca = require('fs').readFileSync(process.argv[2]);\n"
@@ -492,4 +492,18 @@ TEST(TlsRecord, NodeIsDecryptedWithTheKeyLog) {
                        "(TLS 1.3, and TLS 1.2 with AES-GCM or ChaCha20-Poly1305), as encrypted otherwise\n"),
             std::string::npos)
       << r.err;
+  // The HAR reads the same decrypted conversations.
+  EXPECT_NE(r.err.find("talvex-record: the HAR holds 6 HTTP exchanges; 1 conversation that is not HTTP is left out (1 of "
+                       "them TLS that the key log could not decrypt)\n"),
+            std::string::npos)
+      << r.err;
+  const ProcessResult entries = runProcess(
+      {"/usr/bin/jq", "-r", ".log.entries[] | [.request.url, .response.status, ._talvex.tls] | @tsv", tmp.file("out.har")},
+      cleanEnvironment());
+  std::string expected;
+  for (const char* cipher : {"TLS_AES_128_GCM_SHA256", "TLS_AES_256_GCM_SHA384", "TLS_CHACHA20_POLY1305_SHA256",
+                             "ECDHE-RSA-AES128-GCM-SHA256", "ECDHE-RSA-AES256-GCM-SHA384", "ECDHE-RSA-CHACHA20-POLY1305"}) {
+    expected += "https://127.0.0.1:" + server.port() + "/" + cipher + "\t200\tdecrypted with the key log\n";
+  }
+  EXPECT_EQ(entries.out, expected);
 }

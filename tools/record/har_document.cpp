@@ -292,14 +292,17 @@ std::string harDocument(const Recording& recording, const std::string& creatorVe
   return out + "\n]}}\n";
 }
 
-std::string harSummaryLine(const HarSummary& s) {
+std::string harSummaryLine(const HarSummary& s, bool keyLog) {
   std::string line = "the HAR holds " + std::to_string(s.entries) + " HTTP exchange" + (s.entries == 1 ? "" : "s");
   if (s.incomplete > 0) line += " (" + std::to_string(s.incomplete) + " marked incomplete)";
   if (s.notHttp > 0) {
     line += "; " + std::to_string(s.notHttp) + (s.notHttp == 1 ? " conversation that is" : " conversations that are") +
             " not HTTP " + (s.notHttp == 1 ? "is" : "are") + " left out";
-    if (s.unreadableTls > 0) {
-      line += " (" + std::to_string(s.unreadableTls) + " of them TLS whose plaintext was not recorded: a program with TLS built in; --keylog reads node's)";
+    if (s.unreadableTls > 0 && keyLog) {
+      line += " (" + std::to_string(s.unreadableTls) + " of them TLS that the key log could not decrypt)";
+    } else if (s.unreadableTls > 0) {
+      line += " (" + std::to_string(s.unreadableTls) +
+              " of them TLS whose plaintext was not recorded: a program with TLS built in; --keylog reads node's)";
     }
   }
   return line;

@@ -22,7 +22,7 @@ struct HarSummary {
 std::string harDocument(const Recording& recording, const std::string& creatorVersion, HarSummary* summary);
 
 // The end-of-run line: "the HAR holds 3 HTTP exchanges; 1 conversation that is not HTTP is
-// left out".
-std::string harSummaryLine(const HarSummary& summary);
+// left out". `keyLog`: the run had a key log, so the TLS left out is what it could not decrypt.
+std::string harSummaryLine(const HarSummary& summary, bool keyLog);
 
 }  // namespace talvex

@@ -12,11 +12,14 @@ namespace talvex {
 
 class HarOutput : public RecordingDocument {
  public:
+  // `keyLog`: the run decrypts with a key log, which the end line then speaks of.
+  explicit HarOutput(bool keyLog) : keyLog_(keyLog) {}
   bool open(const std::string& path, std::string* error) { return file_.create(path, error); }
   bool write(const Recording& recording) override;
-  std::string endLine() const override { return harSummaryLine(summary_); }
+  std::string endLine() const override { return harSummaryLine(summary_, keyLog_); }
 
  private:
+  const bool keyLog_;
   DocumentFile file_;
   HarSummary summary_;
 };

@@ -55,7 +55,7 @@ bool RecordOutputs::open(std::string* error) {
   }
   std::unique_ptr<HarOutput> har;
   if (!options_.har.empty()) {
-    har = std::make_unique<HarOutput>();
+    har = std::make_unique<HarOutput>(!options_.keylog.empty());
     if (!har->open(options_.har, error)) return false;
   }
   std::unique_ptr<HtmlReportOutput> html;

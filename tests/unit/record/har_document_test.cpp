@@ -54,7 +54,7 @@ TEST(HarDocument, AnExchangeIsAnEntryOfEveryFieldHarNames) {
   EXPECT_EQ(har, expected);
   EXPECT_EQ(summary.entries, 1u);
   EXPECT_EQ(summary.incomplete, 0u);
-  EXPECT_EQ(talvex::harSummaryLine(summary), "the HAR holds 1 HTTP exchange");
+  EXPECT_EQ(talvex::harSummaryLine(summary, false), "the HAR holds 1 HTTP exchange");
 }
 
 TEST(HarDocument, EntriesFollowTheOrderTheRequestsWereSentAcrossConnections) {
@@ -86,9 +86,12 @@ TEST(HarDocument, EntriesFollowTheOrderTheRequestsWereSentAcrossConnections) {
             std::string::npos);
   EXPECT_EQ(summary.notHttp, 2u);
   EXPECT_EQ(summary.unreadableTls, 1u);
-  EXPECT_EQ(talvex::harSummaryLine(summary),
+  EXPECT_EQ(talvex::harSummaryLine(summary, false),
             "the HAR holds 4 HTTP exchanges (2 marked incomplete); 2 conversations that are not HTTP are left out (1 of "
             "them TLS whose plaintext was not recorded: a program with TLS built in; --keylog reads node's)");
+  EXPECT_EQ(talvex::harSummaryLine(summary, true),
+            "the HAR holds 4 HTTP exchanges (2 marked incomplete); 2 conversations that are not HTTP are left out (1 of "
+            "them TLS that the key log could not decrypt)");
 }
 
 TEST(HarDocument, BodiesAreDecodedAndServedExchangesSaySo) {
@@ -123,7 +126,7 @@ TEST(HarDocument, ARecordingWithoutHttpIsAnEmptyLog) {
   talvex::HarSummary summary;
   EXPECT_EQ(talvex::harDocument(recordingOf({}), "1", &summary),
             "{\"log\":{\"version\":\"1.2\",\"creator\":{\"name\":\"talvex-record\",\"version\":\"1\"},\"entries\":[\n]}}\n");
-  EXPECT_EQ(talvex::harSummaryLine(summary), "the HAR holds 0 HTTP exchanges");
+  EXPECT_EQ(talvex::harSummaryLine(summary, false), "the HAR holds 0 HTTP exchanges");
 }
 
 }  // namespace
