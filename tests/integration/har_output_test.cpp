@@ -331,18 +331,23 @@ TEST_F(HarOutput, Http2WithPriorKnowledgeInClearText) {
   const ProcessResult r = recordCommand(
       {"--har", har, "-q"},
       {"/bin/sh", "-c", "curl -s --http2-prior-knowledge " + u + "/one -o /dev/null && curl -s --http2-prior-knowledge "
-                        "--data-binary @" + dir_.file("body") + " " + u + "/echo -o /dev/null"});
+                        "--data-binary @" + dir_.file("body") + " " + u + "/echo -o /dev/null && curl -s --compressed "
+                        "--http2-prior-knowledge " + u + "/br -o /dev/null"});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(jq(".log.entries[] | [.request.method, .request.url, .request.httpVersion, .response.status, "
                "._talvex.stream, .request.bodySize, .response.content.size, (._talvex.incomplete // \"whole\")] | @tsv",
                har),
             "GET\t" + u + "/one\tHTTP/2.0\t200\t1\t0\t11\twhole\n" +
-            "POST\t" + u + "/echo\tHTTP/2.0\t200\t1\t70003\t70003\twhole\n");
+            "POST\t" + u + "/echo\tHTTP/2.0\t200\t1\t70003\t70003\twhole\n" +
+            "GET\t" + u + "/br\tHTTP/2.0\t200\t1\t0\t8000\twhole\n");
+  // The Brotli body as the program read it.
+  EXPECT_EQ(jq(".log.entries[2].response.content | [.text == (\"brotli, \" * 1000), .compression > 7000] | @tsv", har),
+            "true\ttrue\n");
   EXPECT_EQ(jq(".log.entries[1].request.postData.text | length", har), "70003\n");
   EXPECT_EQ(jq(".log.entries[1].response.content.text | endswith(\"xxend\")", har), "true\n");
   expectValidHar(har);
   const std::vector<std::string> commands = importedCommands(har);
-  ASSERT_EQ(commands.size(), 2u);
+  ASSERT_EQ(commands.size(), 3u);
   EXPECT_EQ(commands[0], "curl --request GET --url " + u + "/one --header 'accept: */*' --header 'user-agent: curl/7.88.1'");
 }
 

@@ -10,11 +10,13 @@
 //   /one  a text of 11 bytes
 //   /two  a text of 3000 bytes, with a header of its own
 //   /echo (POST) the body it was sent
+//   /br   a text compressed with Brotli (Content-Encoding: br)
 // and ends itself after 300 seconds at most.
 'use strict';
 const fs = require('fs');
 const http2 = require('http2');
 const path = require('path');
+const zlib = require('zlib');
 
 const [directory, mode] = process.argv.slice(2);
 const server = mode === 'tls'
@@ -40,6 +42,9 @@ server.on('request', (request, response) => {
     } else if (request.url === '/two') {
       response.writeHead(200, { 'content-type': 'text/plain', 'x-stream': 'second' });
       response.end('2'.repeat(3000));
+    } else if (request.url === '/br') {
+      response.writeHead(200, { 'content-type': 'text/plain', 'content-encoding': 'br' });
+      response.end(zlib.brotliCompressSync('brotli, '.repeat(1000)));
     } else if (request.url === '/echo') {
       response.writeHead(200, { 'content-type': 'application/octet-stream' });
       response.end(body);
