@@ -4,7 +4,7 @@
 # 32-bit GoogleTest and C library development files.
 set -euo pipefail
 
-packages=(cmake make g++ g++-multilib lib32asan8 lib32ubsan1 libc6-dev-i386 libgtest-dev:i386 libgtest-dev:amd64 microsocks tshark binutils clang libclang-rt-14-dev iproute2 util-linux python3 curl valgrind tzdata jq man-db groff-base python3-jsonschema git wget openssl ca-certificates libgnutls30:i386 libssl-dev zlib1g-dev libbrotli-dev libnghttp2-dev chromium)
+packages=(cmake make g++ g++-multilib lib32asan8 lib32ubsan1 libc6-dev-i386 libgtest-dev:i386 libgtest-dev:amd64 microsocks tshark binutils clang libclang-rt-14-dev iproute2 util-linux python3 curl valgrind tzdata jq man-db groff-base python3-jsonschema git wget openssl ca-certificates libgnutls30:i386 libssl-dev zlib1g-dev libbrotli-dev libnghttp2-dev chromium golang-go hey musl-tools strace)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -31,6 +31,11 @@ class HttpServer {
         << "connection " << n << " never ended";
     return readFile(dir_.file("in-" + std::to_string(n)));
   }
+  // What it sent on its connection `n`, once that connection has ended.
+  std::string sent(int n) const {
+    received(n);
+    return readFile(dir_.file("out-" + std::to_string(n)));
+  }
   // What it received on its first `count` connections, joined.
   std::string receivedOn(int count) const {
     std::string all;

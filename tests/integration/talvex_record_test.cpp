@@ -41,18 +41,6 @@ std::string masked(std::string transcript) {
 }
 
 
-// How many processes run with exactly `commandLine` (its arguments joined by spaces).
-size_t processesRunning(const std::string& commandLine) {
-  size_t count = 0;
-  for (const std::string& name : listDirectory("/proc")) {
-    if (name.empty() || name[0] < '1' || name[0] > '9') continue;
-    std::string arguments = readFile("/proc/" + name + "/cmdline");
-    if (arguments.empty()) continue;  // gone, or a zombie
-    std::replace(arguments.begin(), arguments.end(), '\0', ' ');
-    if (arguments == commandLine + " ") ++count;
-  }
-  return count;
-}
 }  // namespace
 
 TEST(TalvexRecord, OneConversationInAllFourOutputs) {
@@ -155,10 +143,13 @@ TEST(TalvexRecord, RecordsA64BitSystemProgramBehindA64BitShell) {
 }
 
 TEST(TalvexRecord, RefusesWhatItCannotRecord) {
-  // Debian's ldconfig is statically linked: no preloaded library ever enters it.
-  ProcessResult r = record({}, {"/sbin/ldconfig", "--version"});
+  // A 32-bit statically linked program: no preloaded library enters it, and the tracer records
+  // 64-bit programs only.
+  ProcessResult r = record({}, {kStaticClient32Path, "1", "/"});
   EXPECT_EQ(r.exitCode, 126);
-  EXPECT_EQ(r.err, "talvex-record: /sbin/ldconfig is statically linked: the agent cannot enter it\n");
+  EXPECT_EQ(r.err, std::string("talvex-record: ") + kStaticClient32Path +
+                       " is statically linked: the agent cannot enter it, and the kernel tracer records 64-bit programs "
+                       "only\n");
   r = record({}, {"talvex-no-such-command"});
   EXPECT_EQ(r.exitCode, 127);
   EXPECT_EQ(r.err, "talvex-record: command not found: talvex-no-such-command\n");

@@ -6,8 +6,9 @@ usage: http_server.py DIRECTORY
 It writes its port to DIRECTORY/port (whole, by a rename) and serves every connection in a
 thread of its own, request after request (keep-alive, pipelining) until the client closes. When a
 connection ends it writes what it received to in-N and what it sent to out-N, N counting accepted
-connections from 0, then creates done-N. A connection whose first bytes are not an HTTP request is
-echoed back, so that the tests have a conversation that is not HTTP beside the others.
+connections from 0, then creates done-N. A request with "Connection: close" is its connection's
+last. A connection whose first bytes are not an HTTP request is echoed back, so that the tests
+have a conversation that is not HTTP beside the others.
 
 Paths:
   /text                 a short text, with a cookie
@@ -153,6 +154,8 @@ def serve(sock, n):
                     name, _, value = line.partition(b':')
                     headers[name.strip().lower()] = value.strip()
                 if not respond(conn, method, target.decode().split('?')[0], headers):
+                    raise EOFError
+                if headers.get(b'connection', b'').lower() == b'close':
                     raise EOFError
     except (OSError, EOFError, ValueError, AttributeError) as error:
         if not isinstance(error, EOFError):

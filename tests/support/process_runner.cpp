@@ -199,6 +199,18 @@ std::vector<std::string> splitLines(const std::string& text) {
   return lines;
 }
 
+size_t processesRunning(const std::string& commandLine) {
+  size_t count = 0;
+  for (const std::string& name : listDirectory("/proc")) {
+    if (name.empty() || name[0] < '1' || name[0] > '9') continue;
+    std::string arguments = readFile("/proc/" + name + "/cmdline");
+    if (arguments.empty()) continue;  // gone, or a zombie
+    std::replace(arguments.begin(), arguments.end(), '\0', ' ');
+    if (arguments == commandLine + " ") ++count;
+  }
+  return count;
+}
+
 std::vector<std::string> linesContaining(const std::string& text, const std::string& needle) {
   std::vector<std::string> found;
   for (const auto& line : splitLines(text)) {

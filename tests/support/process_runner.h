@@ -83,6 +83,9 @@ bool waitForFileLines(const std::string& path, size_t count,
 // Waits until something accepts connections on loopback port `port`.
 bool waitForListener(int port, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+// How many processes run with exactly `commandLine` (its arguments joined by spaces).
+size_t processesRunning(const std::string& commandLine);
+
 // Lines of `text` that contain `needle`.
 std::vector<std::string> linesContaining(const std::string& text, const std::string& needle);
 std::vector<std::string> splitLines(const std::string& text);

@@ -17,6 +17,7 @@
 
 #include "agent_environment.h"
 #include "crash_watch.h"
+#include "kernel_tracer.h"
 #include "key_log.h"
 #include "listen_address.h"
 #include "record_options.h"
@@ -188,10 +189,11 @@ int main(int argc, char** argv) {
   }
   std::string program;
   const talvex::TargetKind kind = talvex::checkTarget(o.command[0], &program, &error);
-  if (kind != talvex::TargetKind::Preloadable) {
+  if (kind == talvex::TargetKind::Wrong || kind == talvex::TargetKind::NotFound) {
     fprintf(stderr, "talvex-record: %s\n", error.c_str());
     return kind == talvex::TargetKind::NotFound ? 127 : 126;
   }
+  const bool traced = kind == talvex::TargetKind::Traced;
   setting.top = talvex::findAgentDirectory();
   if (setting.top.empty()) {
     fprintf(stderr, "talvex-record: the agent is missing: no lib/<arch>/libtalvex_socket_agent.so beside %s\n",
@@ -240,9 +242,22 @@ int main(int argc, char** argv) {
   setting.endpoint.port = endpoint.port();
 
   talvex::CrashWatch crashWatch;
-  const int status =
-      runCommand(program, o.command, talvex::agentEnvironment(environ, o, setting), o.traceback ? &crashWatch : nullptr,
-                 o.graceSeconds);
+  int status = 0;
+  std::string refused;
+  if (traced) {
+    // The tracer records every process of the command, so none of them is given the agent as
+    // well: each call would be recorded twice.
+    std::vector<std::string> environment;
+    for (char** e = environ; *e != nullptr; ++e) environment.push_back(*e);
+    talvex::TracedCalls calls([&outputs, &o](const std::string& message) {
+      if (!o.unplug) outputs.onMessage(message);
+    });
+    status = talvex::runTraced(program, o.command, environment, calls, &refused);
+    if (!refused.empty()) fprintf(stderr, "talvex-record: cannot trace %s: %s; it runs unrecorded\n", program.c_str(), refused.c_str());
+  } else {
+    status = runCommand(program, o.command, talvex::agentEnvironment(environ, o, setting),
+                        o.traceback ? &crashWatch : nullptr, o.graceSeconds);
+  }
   // Anything the command's processes still had on the way arrives within a moment.
   // Each process's connection closes when it ends: once none is open, everything has arrived.
   // Processes of the command that outlive it (daemons) are given a moment of quiet, no more.
@@ -258,7 +273,10 @@ int main(int argc, char** argv) {
   }
   const std::string encrypted = outputs.encryptedSummary();
   if (!encrypted.empty() && !o.quiet) fprintf(stderr, "talvex-record: %s\n", encrypted.c_str());
-  if (outputs.received() == 0 && !o.unplug && !o.quiet) {
+  if (outputs.received() == 0 && traced && refused.empty() && !o.unplug && !o.quiet) {
+    fprintf(stderr, "talvex-record: nothing was recorded: the tracer saw no process of %s use a TCP socket\n",
+            o.command[0].c_str());
+  } else if (outputs.received() == 0 && !traced && !o.unplug && !o.quiet) {
     // What was seen, not a guess: an agent reports on a process's first socket call through the C
     // library, and no agent reporting means no such call.
     if (endpoint.connectionCount() == 0) {

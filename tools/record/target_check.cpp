@@ -47,6 +47,31 @@ bool namesALoader(std::ifstream& in) {
   return false;
 }
 
+// Whether a 64-bit program has a section of that name: Go's linker marks its programs with
+// ".note.go.buildid" and ".go.buildinfo".
+bool hasSection(std::ifstream& in, const char* name) {
+  Elf64_Ehdr header;
+  in.clear();
+  in.seekg(0);
+  if (!in.read(reinterpret_cast<char*>(&header), sizeof header) || header.e_shstrndx >= header.e_shnum ||
+      header.e_shentsize != sizeof(Elf64_Shdr) || header.e_shnum > 65535) {
+    return false;
+  }
+  Elf64_Shdr names;
+  in.seekg(static_cast<std::streamoff>(header.e_shoff + header.e_shstrndx * sizeof(Elf64_Shdr)));
+  if (!in.read(reinterpret_cast<char*>(&names), sizeof names) || names.sh_size > (16u << 20)) return false;
+  std::string table(names.sh_size, '\0');
+  in.seekg(static_cast<std::streamoff>(names.sh_offset));
+  if (!in.read(&table[0], static_cast<std::streamsize>(table.size()))) return false;
+  for (unsigned i = 0; i < header.e_shnum; ++i) {
+    Elf64_Shdr section;
+    in.seekg(static_cast<std::streamoff>(header.e_shoff + i * sizeof(Elf64_Shdr)));
+    if (!in.read(reinterpret_cast<char*>(&section), sizeof section)) return false;
+    if (section.sh_name < table.size() && strcmp(table.c_str() + section.sh_name, name) == 0) return true;
+  }
+  return false;
+}
+
 bool hasInterpreter(std::ifstream& in, bool i386) {
   return i386 ? namesALoader<Elf32_Ehdr, Elf32_Phdr>(in) : namesALoader<Elf64_Ehdr, Elf64_Phdr>(in);
 }
@@ -66,7 +91,7 @@ TargetKind inspect(const std::string& path, std::string* why, int depth) {
       return TargetKind::Wrong;
     }
     const TargetKind kind = inspect(interpreter, why, depth + 1);
-    if (kind != TargetKind::Preloadable) *why = path + " runs under " + *why;
+    if (kind == TargetKind::Wrong || kind == TargetKind::NotFound) *why = path + " runs under " + *why;
     return kind;
   }
   if (got < static_cast<std::streamsize>(sizeof(Elf32_Ehdr)) || memcmp(head, ELFMAG, SELFMAG) != 0) {
@@ -81,8 +106,10 @@ TargetKind inspect(const std::string& path, std::string* why, int depth) {
     *why = path + " is not an x86 program; the agent cannot be preloaded into it";
     return TargetKind::Wrong;
   }
+  if (x86_64 && (hasSection(in, ".note.go.buildid") || hasSection(in, ".go.buildinfo"))) return TargetKind::Traced;
   if (!hasInterpreter(in, i386)) {
-    *why = path + " is statically linked: the agent cannot enter it";
+    if (x86_64) return TargetKind::Traced;
+    *why = path + " is statically linked: the agent cannot enter it, and the kernel tracer records 64-bit programs only";
     return TargetKind::Wrong;
   }
   return TargetKind::Preloadable;

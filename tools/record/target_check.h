@@ -5,7 +5,10 @@
 
 namespace talvex {
 
-enum class TargetKind { Preloadable, Wrong, NotFound };
+// Preloadable: the agent enters it. Traced: no preloaded library can (a statically linked
+// x86-64 program, or a Go program, which makes its system calls itself), so the kernel tracer
+// records it.
+enum class TargetKind { Preloadable, Traced, Wrong, NotFound };
 
 // Finds `command` on PATH (when it names no directory) and looks at what it would run: a
 // dynamically linked x86 program of either ABI, or a script whose interpreter is one. `path` gets the program found; `why` says
