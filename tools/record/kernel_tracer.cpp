@@ -143,7 +143,10 @@ int runTraced(const std::string& program, std::vector<std::string> arguments, st
       deliver = signal;  // the process's own signal, delivered as it was sent
     }
     ptrace(PTRACE_CONT, pid, nullptr, reinterpret_cast<void*>(static_cast<long>(deliver)));
+    // The bytes were copied out while it was stopped; they are encoded while it runs.
+    calls.flush();
   }
+  calls.flush();
   endWhatIsLeft(top);
   return topStatus;
 }

@@ -249,7 +249,7 @@ int main(int argc, char** argv) {
     // well: each call would be recorded twice.
     std::vector<std::string> environment;
     for (char** e = environ; *e != nullptr; ++e) environment.push_back(*e);
-    talvex::TracedCalls calls([&outputs, &o](const std::string& message) {
+    talvex::TracedCalls calls([&outputs, &o](std::string_view message) {
       if (!o.unplug) outputs.onMessage(message);
     });
     status = talvex::runTraced(program, o.command, environment, calls, &refused);

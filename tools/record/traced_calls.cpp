@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <vector>
 
@@ -34,15 +35,16 @@ int64_t nowNs() {
   return static_cast<int64_t>(t.tv_sec) * 1000000000 + t.tv_nsec;
 }
 
-// `length` bytes of the traced process's memory at `address`; fewer where it has fewer.
+// `length` bytes of the traced process's memory at `address`; fewer where it has fewer. Copied
+// into memory that is not cleared first: a large write is copied once, not twice.
 std::string readMemory(pid_t pid, uint64_t address, uint64_t length) {
-  std::string bytes(static_cast<size_t>(std::min(length, kLongestCopy)), '\0');
-  if (bytes.empty()) return bytes;
-  iovec local{&bytes[0], bytes.size()};
-  iovec remote{reinterpret_cast<void*>(address), bytes.size()};
+  const size_t wanted = static_cast<size_t>(std::min(length, kLongestCopy));
+  if (wanted == 0) return std::string();
+  std::unique_ptr<char[]> buffer(new char[wanted]);
+  iovec local{buffer.get(), wanted};
+  iovec remote{reinterpret_cast<void*>(address), wanted};
   const ssize_t got = process_vm_readv(pid, &local, 1, &remote, 1, 0);
-  bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
-  return bytes;
+  return std::string(buffer.get(), got > 0 ? static_cast<size_t>(got) : 0);
 }
 
 // The first `length` bytes that a list of `count` vectors at `address` points to.
@@ -142,9 +144,9 @@ bool isSend(uint64_t number) {
   return number == SYS_write || number == SYS_writev || number == SYS_sendto || number == SYS_sendmsg;
 }
 
-std::string finished(RecorderMessage& m) {
+std::string_view finished(RecorderMessage& m) {
   m.finish();
-  return std::string(m.toString(), m.length());
+  return std::string_view(m.toString(), m.length());
 }
 
 // The head every message of a call carries: when, which, whose.
@@ -239,18 +241,26 @@ void TracedCalls::sendData(pid_t tgid, Process& p, const TracedCall& call, int f
     }
   }
   announce(tgid, p);
-  RecorderMessage m(sent ? RMT_SEND : RMT_RECEIVE, ++sequence_);
-  setHead(m, nowNs(), ++p.ticket, tgid);
-  m.set(RMA_SOCKET, static_cast<int64_t>(fd));
-  m.set(RMA_DATA, bytes.data(), static_cast<int>(bytes.size()));
-  if (sent) {
-    m.set(RMA_LENGTH, static_cast<unsigned>(result > 0 ? result : 0));
-  } else {
-    m.set(RMA_LENGTH, static_cast<int>(result));
+  moved_.push_back(Moved{tgid, fd, sent, result, nowNs(), ++p.ticket, std::move(bytes)});
+}
+
+void TracedCalls::flush() {
+  std::vector<Moved> moved;
+  moved.swap(moved_);
+  for (const Moved& call : moved) {
+    RecorderMessage m(call.sent ? RMT_SEND : RMT_RECEIVE, ++sequence_);
+    setHead(m, call.timeNs, call.ticket, call.tgid);
+    m.set(RMA_SOCKET, static_cast<int64_t>(call.fd));
+    m.set(RMA_DATA, call.bytes.data(), static_cast<int>(call.bytes.size()));
+    if (call.sent) {
+      m.set(RMA_LENGTH, static_cast<unsigned>(call.result > 0 ? call.result : 0));
+    } else {
+      m.set(RMA_LENGTH, static_cast<int>(call.result));
+    }
+    m.set(RMA_RETURN, call.result < 0 ? -1 : static_cast<int>(call.result));
+    if (call.result < 0) m.set(RMA_ERROR, static_cast<int>(-call.result));
+    deliver_(finished(m));
   }
-  m.set(RMA_RETURN, result < 0 ? -1 : static_cast<int>(result));
-  if (result < 0) m.set(RMA_ERROR, static_cast<int>(-result));
-  deliver(finished(m));
 }
 
 void TracedCalls::leave(pid_t thread, int64_t result) {
