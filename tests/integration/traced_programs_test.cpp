@@ -1,5 +1,5 @@
 // Programs no preloaded library can enter, recorded by talvex-record's kernel tracer: static
-// clients (glibc, musl), a Go client and server built by the suite from Go's standard library,
+// clients (glibc 64- and 32-bit, musl), a Go client and server built by the suite from Go's standard library,
 // Debian's hey (Go). Each recording is checked byte for byte against what the suite's server
 // received and sent; then a tracer that is refused, a stop signal, and talvex-record killed.
 #include <gtest/gtest.h>
@@ -39,7 +39,8 @@ class TracedPrograms : public ::testing::Test {
 };
 
 TEST_F(TracedPrograms, StaticClientsAreRecordedAsTheServerSawThem) {
-  for (const char* client : {kStaticClientPath, kStaticClientMuslPath}) {
+  // glibc 64- and 32-bit (whose socket calls go through socketcall), and musl.
+  for (const char* client : {kStaticClientPath, kStaticClient32Path, kStaticClientMuslPath}) {
     SCOPED_TRACE(client);
     HttpServer server;
     const std::string jsonl = dir_.file("run.jsonl");
@@ -61,6 +62,19 @@ TEST_F(TracedPrograms, StaticClientsAreRecordedAsTheServerSawThem) {
     EXPECT_EQ(recordedBytes(all, "receive"), server.sent(1) + "\n");
     EXPECT_EQ(jq(".[0] | [.kind, .command_line[0]] | @tsv", all), "process\t" + std::string(client) + "\n");
   }
+}
+
+TEST_F(TracedPrograms, SocketcallOfA32BitProgramIsRecorded) {
+  HttpServer server;
+  const std::string jsonl = dir_.file("run.jsonl");
+  const ProcessResult r =
+      recordCommand({"--jsonl", jsonl, "-q"}, {kStaticClient32Path, server.port(), "/text"}, {{"SOCKETCALL", "1"}});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out, "143\n");
+  const std::string all = slurped(jsonl);
+  EXPECT_EQ(jq("map(.kind) | join(\",\")", all), "process,connect,send,receive,receive,close\n");
+  EXPECT_EQ(recordedBytes(all, "send"), server.received(0) + "\n");
+  EXPECT_EQ(recordedBytes(all, "receive"), server.sent(0) + "\n");
 }
 
 TEST_F(TracedPrograms, AGoClientsKeptAliveExchangesAndALargePostAreEntries) {

@@ -1,7 +1,9 @@
 /* A statically linked HTTP client for the kernel tracer's tests (glibc and musl): no preloaded
  * library enters it. One request a run, "Connection: close", read to the end; the request goes out
  * with write (GET) or writev (POST, head and body as two vectors), the answer comes in with read
- * and recv. Prints how many bytes it read.
+ * and recv. Prints how many bytes it read. Built 32-bit, with SOCKETCALL set in its environment it
+ * opens, connects and receives through socketcall(2), as programs built before the socket calls
+ * had numbers of their own do.
  *
  *   static_client PORT PATH [BODY_BYTES]
  */
@@ -10,21 +12,38 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
+
+#if defined(__i386__)
+static int throughSocketcall(void) { return getenv("SOCKETCALL") != NULL; }
+/* socketcall's operations (<linux/net.h>). */
+static long socketcall(int operation, long a, long b, long c, long d) {
+  long arguments[4] = {a, b, c, d};
+  return syscall(SYS_socketcall, operation, arguments);
+}
+#define SOCKET(d, t, p) (throughSocketcall() ? (int)socketcall(1, d, t, p, 0) : socket(d, t, p))
+#define CONNECT(s, a, l) (throughSocketcall() ? (int)socketcall(3, s, (long)(a), l, 0) : connect(s, a, l))
+#define RECV(s, b, n, f) (throughSocketcall() ? (ssize_t)socketcall(10, s, (long)(b), (long)(n), f) : recv(s, b, n, f))
+#else
+#define SOCKET socket
+#define CONNECT connect
+#define RECV recv
+#endif
 
 int main(int argc, char** argv) {
   if (argc < 3) {
     fprintf(stderr, "usage: static_client PORT PATH [BODY_BYTES]\n");
     return 2;
   }
-  const int s = socket(AF_INET, SOCK_STREAM, 0);
+  const int s = SOCKET(AF_INET, SOCK_STREAM, 0);
   struct sockaddr_in address;
   memset(&address, 0, sizeof address);
   address.sin_family = AF_INET;
   address.sin_port = htons((unsigned short)atoi(argv[1]));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(s, (struct sockaddr*)&address, sizeof address) != 0) {
+  if (CONNECT(s, (struct sockaddr*)&address, sizeof address) != 0) {
     perror("connect");
     return 1;
   }
@@ -58,7 +77,7 @@ int main(int argc, char** argv) {
   char buffer[4096];
   size_t total = 0;
   for (int turn = 0;; ++turn) {
-    const ssize_t got = turn % 2 == 0 ? read(s, buffer, sizeof buffer) : recv(s, buffer, sizeof buffer, 0);
+    const ssize_t got = turn % 2 == 0 ? read(s, buffer, sizeof buffer) : RECV(s, buffer, sizeof buffer, 0);
     if (got <= 0) break;
     total += (size_t)got;
   }

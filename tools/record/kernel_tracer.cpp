@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/audit.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -110,6 +111,7 @@ int runTraced(const std::string& program, std::vector<std::string> arguments, st
       if (ptrace(PTRACE_GET_SYSCALL_INFO, pid, reinterpret_cast<void*>(sizeof info), &info) > 0 &&
           info.op == PTRACE_SYSCALL_INFO_SECCOMP) {
         TracedCall call;
+        call.abi32 = info.arch == AUDIT_ARCH_I386;
         call.number = info.seccomp.nr;
         for (int i = 0; i < 6; ++i) call.args[i] = info.seccomp.args[i];
         if (calls.enter(pid, call)) {

@@ -107,11 +107,7 @@ TargetKind inspect(const std::string& path, std::string* why, int depth) {
     return TargetKind::Wrong;
   }
   if (x86_64 && (hasSection(in, ".note.go.buildid") || hasSection(in, ".go.buildinfo"))) return TargetKind::Traced;
-  if (!hasInterpreter(in, i386)) {
-    if (x86_64) return TargetKind::Traced;
-    *why = path + " is statically linked: the agent cannot enter it, and the kernel tracer records 64-bit programs only";
-    return TargetKind::Wrong;
-  }
+  if (!hasInterpreter(in, i386)) return TargetKind::Traced;
   return TargetKind::Preloadable;
 }
 

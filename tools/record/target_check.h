@@ -6,7 +6,7 @@
 namespace talvex {
 
 // Preloadable: the agent enters it. Traced: no preloaded library can (a statically linked
-// x86-64 program, or a Go program, which makes its system calls itself), so the kernel tracer
+// program, or a 64-bit Go program, which makes its system calls itself), so the kernel tracer
 // records it.
 enum class TargetKind { Preloadable, Traced, Wrong, NotFound };
 

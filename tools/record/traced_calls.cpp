@@ -47,16 +47,87 @@ std::string readMemory(pid_t pid, uint64_t address, uint64_t length) {
   return std::string(buffer.get(), got > 0 ? static_cast<size_t>(got) : 0);
 }
 
-// The first `length` bytes that a list of `count` vectors at `address` points to.
-std::string readVectors(pid_t pid, uint64_t address, uint64_t count, uint64_t length) {
-  const std::string list = readMemory(pid, address, std::min(count, kMostVectors) * sizeof(iovec));
+// The first `length` bytes that a list of `count` vectors at `address` points to; a 32-bit
+// process's vectors are two 32-bit words.
+std::string readVectors(pid_t pid, uint64_t address, uint64_t count, uint64_t length, bool abi32) {
+  const size_t size = abi32 ? 8 : sizeof(iovec);
+  const std::string list = readMemory(pid, address, std::min(count, kMostVectors) * size);
   std::string bytes;
-  for (size_t at = 0; at + sizeof(iovec) <= list.size() && bytes.size() < length; at += sizeof(iovec)) {
-    iovec v;
-    memcpy(&v, list.data() + at, sizeof v);
-    bytes += readMemory(pid, reinterpret_cast<uint64_t>(v.iov_base), std::min<uint64_t>(v.iov_len, length - bytes.size()));
+  for (size_t at = 0; at + size <= list.size() && bytes.size() < length; at += size) {
+    uint64_t base = 0, len = 0;
+    if (abi32) {
+      uint32_t words[2];
+      memcpy(words, list.data() + at, sizeof words);
+      base = words[0];
+      len = words[1];
+    } else {
+      iovec v;
+      memcpy(&v, list.data() + at, sizeof v);
+      base = reinterpret_cast<uint64_t>(v.iov_base);
+      len = v.iov_len;
+    }
+    bytes += readMemory(pid, base, std::min<uint64_t>(len, length - bytes.size()));
   }
   return bytes;
+}
+
+// i386's numbers for the calls traced (<asm/unistd_32.h>), and socketcall's operations
+// (<linux/net.h>), as x86-64's numbers.
+uint64_t x86_64NumberOf(uint64_t i386) {
+  switch (i386) {
+    case 3: return SYS_read;
+    case 4: return SYS_write;
+    case 6: return SYS_close;
+    case 41: return SYS_dup;
+    case 55: case 221: return SYS_fcntl;  // fcntl, fcntl64
+    case 63: return SYS_dup2;
+    case 145: return SYS_readv;
+    case 146: return SYS_writev;
+    case 187: case 239: return SYS_sendfile;  // sendfile, sendfile64
+    case 330: return SYS_dup3;
+    case 359: return SYS_socket;
+    case 362: return SYS_connect;
+    case 364: return SYS_accept4;
+    case 369: return SYS_sendto;
+    case 370: return SYS_sendmsg;
+    case 371: return SYS_recvfrom;
+    case 372: return SYS_recvmsg;
+    default: return ~0ull;
+  }
+}
+
+uint64_t socketcallNumberOf(uint64_t operation) {
+  switch (operation) {
+    case 1: return SYS_socket;
+    case 3: return SYS_connect;
+    case 5: return SYS_accept;
+    case 9: return SYS_sendto;     // send: sendto without an address
+    case 10: return SYS_recvfrom;  // recv: recvfrom without one
+    case 11: return SYS_sendto;
+    case 12: return SYS_recvfrom;
+    case 16: return SYS_sendmsg;
+    case 17: return SYS_recvmsg;
+    case 18: return SYS_accept4;
+    default: return ~0ull;
+  }
+}
+
+// A 32-bit call in x86-64's terms: its number, and for socketcall the arguments it points to.
+bool translate(pid_t pid, TracedCall* call) {
+  if (!call->abi32) return true;
+  if (call->number == 102) {  // socketcall(operation, arguments)
+    const std::string words = readMemory(pid, call->args[1], 6 * sizeof(uint32_t));
+    if (words.size() < 3 * sizeof(uint32_t)) return false;
+    call->number = socketcallNumberOf(call->args[0]);
+    for (size_t i = 0; i < 6; ++i) {
+      uint32_t word = 0;
+      if ((i + 1) * sizeof word <= words.size()) memcpy(&word, words.data() + i * sizeof word, sizeof word);
+      call->args[i] = word;
+    }
+  } else {
+    call->number = x86_64NumberOf(call->number);
+  }
+  return call->number != ~0ull;
 }
 
 std::string readText(const std::string& path) {
@@ -198,8 +269,10 @@ void TracedCalls::announce(pid_t tgid, Process& p) {
   deliver(finished(m));
 }
 
-bool TracedCalls::enter(pid_t thread, const TracedCall& call) {
+bool TracedCalls::enter(pid_t thread, const TracedCall& asked) {
   const pid_t tgid = processOf(thread);
+  TracedCall call = asked;
+  if (!translate(tgid, &call)) return false;
   Process& p = process(tgid);
   const int fd = static_cast<int>(call.args[0]);
   if (isData(call.number)) {
@@ -228,14 +301,24 @@ void TracedCalls::sendData(pid_t tgid, Process& p, const TracedCall& call, int f
         bytes = readMemory(tgid, call.args[1], n);
         break;
       case SYS_readv: case SYS_writev:
-        bytes = readVectors(tgid, call.args[1], call.args[2], n);
+        bytes = readVectors(tgid, call.args[1], call.args[2], n, call.abi32);
         break;
       default: {  // sendmsg, recvmsg: the vectors of the message header
-        const std::string header = readMemory(tgid, call.args[1], sizeof(msghdr));
-        if (header.size() == sizeof(msghdr)) {
-          msghdr h;
-          memcpy(&h, header.data(), sizeof h);
-          bytes = readVectors(tgid, reinterpret_cast<uint64_t>(h.msg_iov), h.msg_iovlen, n);
+        if (call.abi32) {
+          // i386's msghdr: name, namelen, iov, iovlen, control, controllen, flags; 32 bits each.
+          const std::string header = readMemory(tgid, call.args[1], 7 * sizeof(uint32_t));
+          if (header.size() == 7 * sizeof(uint32_t)) {
+            uint32_t words[7];
+            memcpy(words, header.data(), sizeof words);
+            bytes = readVectors(tgid, words[2], words[3], n, true);
+          }
+        } else {
+          const std::string header = readMemory(tgid, call.args[1], sizeof(msghdr));
+          if (header.size() == sizeof(msghdr)) {
+            msghdr h;
+            memcpy(&h, header.data(), sizeof h);
+            bytes = readVectors(tgid, reinterpret_cast<uint64_t>(h.msg_iov), h.msg_iovlen, n, false);
+          }
         }
       }
     }

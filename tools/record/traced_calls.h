@@ -17,7 +17,8 @@
 namespace talvex {
 
 struct TracedCall {
-  uint64_t number = 0;
+  bool abi32 = false;    // a 32-bit process's call, whose number and structures are i386's
+  uint64_t number = 0;   // x86-64's number for it (enter() translates i386's and socketcall's)
   uint64_t args[6] = {0, 0, 0, 0, 0, 0};
   int64_t startNs = 0;
   std::string address;  // connect's destination, read at the entry
