@@ -24,15 +24,23 @@ std::string str(const std::string& bytes) { return jsonString(textAsUtf8(bytes))
 std::string isoTime(int64_t ns) {
   const time_t seconds = static_cast<time_t>(ns / 1000000000);
   struct tm t;
-  gmtime_r(&seconds, &t);
+  if (ns < 0 || gmtime_r(&seconds, &t) == nullptr) {
+    memset(&t, 0, sizeof t);  // no time, or one from a peer's garbage: the epoch
+    t.tm_year = 70;
+    t.tm_mday = 1;
+    ns = 0;
+  }
   char text[64];
   snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday,
            t.tm_hour, t.tm_min, t.tm_sec, static_cast<int>((ns / 1000000) % 1000));
   return text;
 }
 
-// Milliseconds between two times, never negative (the clocks of two processes may disagree).
-double millisecondsBetween(int64_t from, int64_t to) { return to > from ? static_cast<double>(to - from) / 1e6 : 0.0; }
+// Milliseconds between two times, never negative (the clocks of two processes may disagree); in
+// doubles, since a peer's garbage may put them at the ends of the range.
+double millisecondsBetween(int64_t from, int64_t to) {
+  return to > from ? (static_cast<double>(to) - static_cast<double>(from)) / 1e6 : 0.0;
+}
 
 std::string number(double ms) {
   char text[32];

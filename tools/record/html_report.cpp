@@ -22,7 +22,8 @@ std::string str(const std::string& bytes) { return jsonString(textAsUtf8(bytes))
 
 std::string milliseconds(int64_t ns, int64_t originNs) {
   char text[32];
-  snprintf(text, sizeof text, "%.3f", static_cast<double>(ns - originNs) / 1e6);
+  // In doubles: a time stamp from a misbehaving peer may lie anywhere in the range.
+  snprintf(text, sizeof text, "%.3f", (static_cast<double>(ns) - static_cast<double>(originNs)) / 1e6);
   return text;
 }
 

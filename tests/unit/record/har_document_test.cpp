@@ -122,6 +122,17 @@ TEST(HarDocument, HeaderBytesThatAreNotUtf8AreReadAsLatin1) {
   EXPECT_NE(har.find("{\"name\":\"X-Name\",\"value\":\"caf\xc3\xa9\"}"), std::string::npos);
 }
 
+TEST(HarDocument, TimesFromAPeersGarbageAreReadWithoutOverflow) {
+  // Found by the fuzz target: times at the ends of the range overflowed their difference.
+  talvex::Conversation c = clientConversation(8080, INT64_MIN + 1);
+  addData(c, "send", "GET / HTTP/1.1\r\nHost: h\r\n\r\n", -7427829050294462920LL);
+  addData(c, "receive", "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n", INT64_MAX);
+  talvex::HarSummary summary;
+  const std::string har = talvex::harDocument(recordingOf({c}), "1", &summary);
+  EXPECT_NE(har.find(R"("startedDateTime":"1970-01-01T00:00:00.000Z")"), std::string::npos) << har;
+  EXPECT_NE(har.find(R"("wait":16651201087149.238,)"), std::string::npos) << har;
+}
+
 TEST(HarDocument, ARecordingWithoutHttpIsAnEmptyLog) {
   talvex::HarSummary summary;
   EXPECT_EQ(talvex::harDocument(recordingOf({}), "1", &summary),
