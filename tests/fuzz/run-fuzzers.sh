@@ -81,5 +81,7 @@ done
 for target in encoder_fuzz socks_reply_fuzz recording_outputs_fuzz; do
   mkdir -p "$work_dir/$target.corpus"
   echo "== $target: $runs inputs"
-  "$work_dir/$target" -runs="$runs" -max_len=4096 -seed=1 -print_final_stats=1 "$work_dir/$target.corpus" 2>&1 | tail -4
+  # A crash or an out-of-memory input is kept in the work folder, not wherever the run started.
+  "$work_dir/$target" -runs="$runs" -max_len=4096 -seed=1 -print_final_stats=1 -artifact_prefix="$work_dir/" \
+    "$work_dir/$target.corpus" 2>&1 | tail -4
 done
