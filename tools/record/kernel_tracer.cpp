@@ -10,8 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <set>
-
 #include "signal_forwarding.h"
 #include "syscall_filter.h"
 
@@ -47,7 +45,7 @@ bool isStopSignal(int signal) { return signal == SIGSTOP || signal == SIGTSTP ||
 }  // namespace
 
 int runTraced(const std::string& program, std::vector<std::string> arguments, std::vector<std::string> environment,
-              TracedCalls& calls, std::string* refused) {
+              TracedCalls& calls, int graceSeconds, std::string* refused) {
   std::vector<char*> envp, args;
   for (auto& e : environment) envp.push_back(&e[0]);
   envp.push_back(nullptr);
@@ -58,7 +56,7 @@ int runTraced(const std::string& program, std::vector<std::string> arguments, st
     *refused = std::string("no pipe: ") + strerror(errno);
     return -1;
   }
-  installSignalForwarding(5);
+  installSignalForwarding(graceSeconds);
   const pid_t top = fork();
   if (top == 0) {
     close(verdict[1]);
@@ -87,7 +85,6 @@ int runTraced(const std::string& program, std::vector<std::string> arguments, st
   }
 
   int topStatus = 0;
-  std::set<pid_t> known = {top};
   for (;;) {
     int s = 0;
     const pid_t pid = waitpid(-1, &s, __WALL);
@@ -98,11 +95,9 @@ int runTraced(const std::string& program, std::vector<std::string> arguments, st
     if (WIFEXITED(s) || WIFSIGNALED(s)) {
       if (pid == top) topStatus = s;
       calls.ended(pid);
-      known.erase(pid);
       continue;
     }
     if (!WIFSTOPPED(s)) continue;
-    known.insert(pid);
     const int signal = WSTOPSIG(s);
     const unsigned event = static_cast<unsigned>(s) >> 16;
     int deliver = 0;

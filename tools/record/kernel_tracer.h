@@ -14,10 +14,11 @@
 namespace talvex {
 
 // Runs `program` with `arguments` and `environment` under the tracer and waits for every process
-// of it; the command's wait status. When the tracer cannot be used (the command already runs
-// under a debugger or another tracer, or the system forbids ptrace), the command runs untraced
-// and `refused` says why.
+// of it; the command's wait status. Stop signals are passed on as for any command, what is left
+// after `graceSeconds` killed. When the tracer cannot be used (the command already runs under a
+// debugger or another tracer, or the system forbids ptrace), the command runs untraced and
+// `refused` says why.
 int runTraced(const std::string& program, std::vector<std::string> arguments, std::vector<std::string> environment,
-              TracedCalls& calls, std::string* refused);
+              TracedCalls& calls, int graceSeconds, std::string* refused);
 
 }  // namespace talvex

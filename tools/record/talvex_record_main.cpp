@@ -252,7 +252,7 @@ int main(int argc, char** argv) {
     talvex::TracedCalls calls([&outputs, &o](std::string_view message) {
       if (!o.unplug) outputs.onMessage(message);
     });
-    status = talvex::runTraced(program, o.command, environment, calls, &refused);
+    status = talvex::runTraced(program, o.command, environment, calls, o.graceSeconds, &refused);
     if (!refused.empty()) fprintf(stderr, "talvex-record: cannot trace %s: %s; it runs unrecorded\n", program.c_str(), refused.c_str());
   } else {
     status = runCommand(program, o.command, talvex::agentEnvironment(environ, o, setting),
