@@ -164,6 +164,56 @@ TEST_F(TracedPrograms, AProgramWithoutSocketsIsSaidToHaveNone) {
                        " use a TCP socket\n");
 }
 
+// What the program sees is what it sees untraced: the same lines, the same exit status.
+TEST_F(TracedPrograms, ItsChildrensStatusIsWhatWaitpidSees) {
+  const ProcessResult alone = runProcess({kTracedHostProbePath, "child-status"}, cleanEnvironment());
+  const ProcessResult traced = recordCommand({"-q"}, {kTracedHostProbePath, "child-status"});
+  EXPECT_EQ(alone.out, "child exited 7\n");
+  EXPECT_EQ(traced.out, alone.out);
+  EXPECT_EQ(traced.exitCode, 0) << traced.err;
+}
+
+TEST_F(TracedPrograms, ASignalInterruptsABlockedReadAsItWouldUntraced) {
+  EchoServer silent;  // answers only what it is sent, and the probe sends nothing
+  BackgroundProcess run({kRecordPath, "-q", "--", kTracedHostProbePath, "interrupted-read", std::to_string(silent.port()),
+                         dir_.file("pid")},
+                        cleanEnvironment());
+  const int pid = waitForPortFile(dir_.file("pid"), std::chrono::seconds(30));
+  ASSERT_GT(pid, 0);
+  // Once it waits in its read (state S), the signal interrupts it.
+  ASSERT_TRUE(waitUntil([&] {
+    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+    const size_t close = stat.rfind(')');
+    return close != std::string::npos && stat.compare(close + 2, 1, "S") == 0;
+  }));
+  ASSERT_EQ(kill(pid, SIGUSR1), 0);
+  const ProcessResult r = run.wait(std::chrono::seconds(20));
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out, "read -1 Interrupted system call\n");
+}
+
+TEST_F(TracedPrograms, AJobControlStopStaysAStopUntilItIsContinued) {
+  BackgroundProcess run({kRecordPath, "-q", "--", kTracedHostProbePath, "until-file", dir_.file("go"), dir_.file("pid")},
+                        cleanEnvironment());
+  const int pid = waitForPortFile(dir_.file("pid"), std::chrono::seconds(30));
+  ASSERT_GT(pid, 0);
+  const auto state = [&] {
+    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+    const size_t close = stat.rfind(')');
+    return close == std::string::npos ? std::string("?") : stat.substr(close + 2, 1);
+  };
+  ASSERT_EQ(kill(pid, SIGSTOP), 0);
+  // Stopped ("T", or "t" as a traced process shows a stop), and it stays so while the file it
+  // waits for appears.
+  ASSERT_TRUE(waitUntil([&] { return state() == "T" || state() == "t"; })) << state();
+  ASSERT_TRUE(writeFile(dir_.file("go"), ""));
+  EXPECT_FALSE(waitUntil([&] { return state() != "T" && state() != "t"; }, std::chrono::milliseconds(300))) << state();
+  ASSERT_EQ(kill(pid, SIGCONT), 0);
+  const ProcessResult r = run.wait(std::chrono::seconds(20));
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out, "done\n");
+}
+
 TEST_F(TracedPrograms, KillingTalvexRecordLeavesNoProgramStopped) {
   BackgroundProcess run({kRecordPath, "-q", "--", kGoClientPath, "serve", dir_.file("port")}, cleanEnvironment());
   ASSERT_GT(waitForPortFile(dir_.file("port"), std::chrono::seconds(30)), 0);

@@ -40,6 +40,7 @@ constexpr const char* kStaticClientPath = TALVEX_STATIC_CLIENT_PATH;
 constexpr const char* kStaticClientMuslPath = TALVEX_STATIC_CLIENT_MUSL_PATH;
 constexpr const char* kGoClientPath = TALVEX_GO_CLIENT_PATH;
 constexpr const char* kStaticClient32Path = TALVEX_STATIC_CLIENT32_PATH;
+constexpr const char* kTracedHostProbePath = TALVEX_TRACED_HOST_PROBE_PATH;
 constexpr const char* kTlsCallerAPath = TALVEX_TLS_CALLER_A_PATH;
 constexpr const char* kTlsCallerBPath = TALVEX_TLS_CALLER_B_PATH;
 constexpr const char* kBuildDir = TALVEX_BUILD_DIR;
