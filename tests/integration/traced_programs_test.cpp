@@ -23,6 +23,14 @@ std::string recordedBytes(const std::string& jsonl, const char* kind) {
   return jq(std::string("[.[] | select(.kind == \"") + kind + "\") | .data_b64 | @base64d] | join(\"\")", jsonl);
 }
 
+// A process's state as /proc/PID/stat gives it ("S" sleeping, "T" stopped, "t" stopped while
+// traced), "?" once it is gone.
+std::string processState(int pid) {
+  const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+  const size_t close = stat.rfind(')');
+  return close == std::string::npos || close + 2 >= stat.size() ? std::string("?") : stat.substr(close + 2, 1);
+}
+
 class TracedPrograms : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -181,11 +189,7 @@ TEST_F(TracedPrograms, ASignalInterruptsABlockedReadAsItWouldUntraced) {
   const int pid = waitForPortFile(dir_.file("pid"), std::chrono::seconds(30));
   ASSERT_GT(pid, 0);
   // Once it waits in its read (state S), the signal interrupts it.
-  ASSERT_TRUE(waitUntil([&] {
-    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
-    const size_t close = stat.rfind(')');
-    return close != std::string::npos && stat.compare(close + 2, 1, "S") == 0;
-  }));
+  ASSERT_TRUE(waitUntil([&] { return processState(pid) == "S"; }));
   ASSERT_EQ(kill(pid, SIGUSR1), 0);
   const ProcessResult r = run.wait(std::chrono::seconds(20));
   EXPECT_EQ(r.exitCode, 0) << r.err;
@@ -197,11 +201,7 @@ TEST_F(TracedPrograms, AJobControlStopStaysAStopUntilItIsContinued) {
                         cleanEnvironment());
   const int pid = waitForPortFile(dir_.file("pid"), std::chrono::seconds(30));
   ASSERT_GT(pid, 0);
-  const auto state = [&] {
-    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
-    const size_t close = stat.rfind(')');
-    return close == std::string::npos ? std::string("?") : stat.substr(close + 2, 1);
-  };
+  const auto state = [&] { return processState(pid); };
   ASSERT_EQ(kill(pid, SIGSTOP), 0);
   // Stopped ("T", or "t" as a traced process shows a stop), and it stays so while the file it
   // waits for appears.
