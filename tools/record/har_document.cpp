@@ -19,8 +19,6 @@ namespace talvex {
 
 namespace {
 
-std::string str(const std::string& bytes) { return jsonString(textAsUtf8(bytes)); }
-
 std::string isoTime(int64_t ns) {
   const time_t seconds = static_cast<time_t>(ns / 1000000000);
   struct tm t;
@@ -88,7 +86,7 @@ std::string pairsJson(const std::string& text, char separator, bool decode) {
       name = percentDecoded(name);
       value = percentDecoded(value);
     }
-    out += std::string(first ? "" : ",") + "{\"name\":" + str(name) + ",\"value\":" + str(value) + "}";
+    out += std::string(first ? "" : ",") + "{\"name\":" + jsonText(name) + ",\"value\":" + jsonText(value) + "}";
     first = false;
   }
   return out + "]";
@@ -97,7 +95,7 @@ std::string pairsJson(const std::string& text, char separator, bool decode) {
 std::string headersJson(const std::vector<HttpHeader>& headers) {
   std::string out = "[";
   for (size_t i = 0; i < headers.size(); ++i) {
-    out += std::string(i == 0 ? "" : ",") + "{\"name\":" + str(headers[i].name) + ",\"value\":" + str(headers[i].value) + "}";
+    out += std::string(i == 0 ? "" : ",") + "{\"name\":" + jsonText(headers[i].name) + ",\"value\":" + jsonText(headers[i].value) + "}";
   }
   return out + "]";
 }
@@ -139,14 +137,14 @@ std::string responseCookies(const HttpResponse& r) {
       const size_t equals = part.find('=');
       const std::string name = part.substr(0, equals), value = equals == std::string::npos ? "" : part.substr(equals + 1);
       if (!named) {
-        cookie = "\"name\":" + str(name) + ",\"value\":" + str(value);
+        cookie = "\"name\":" + jsonText(name) + ",\"value\":" + jsonText(value);
         named = true;
       } else if (strcasecmp(name.c_str(), "Path") == 0) {
-        cookie += ",\"path\":" + str(value);
+        cookie += ",\"path\":" + jsonText(value);
       } else if (strcasecmp(name.c_str(), "Domain") == 0) {
-        cookie += ",\"domain\":" + str(value);
+        cookie += ",\"domain\":" + jsonText(value);
       } else if (strcasecmp(name.c_str(), "Expires") == 0 && !cookieExpiry(value).empty()) {
-        cookie += ",\"expires\":" + str(cookieExpiry(value));
+        cookie += ",\"expires\":" + jsonText(cookieExpiry(value));
       } else if (strcasecmp(name.c_str(), "HttpOnly") == 0) {
         cookie += ",\"httpOnly\":true";
       } else if (strcasecmp(name.c_str(), "Secure") == 0) {
@@ -182,13 +180,13 @@ std::string urlOf(const HttpRequest& r, const Conversation& c, bool programIsSer
 }
 
 std::string requestJson(const HttpRequest& r, const std::string& url) {
-  std::string out = "{\"method\":" + str(r.method) + ",\"url\":" + str(url) + ",\"httpVersion\":" + str(r.version) +
+  std::string out = "{\"method\":" + jsonText(r.method) + ",\"url\":" + jsonText(url) + ",\"httpVersion\":" + jsonText(r.version) +
                     ",\"cookies\":" + requestCookies(r) + ",\"headers\":" + headersJson(r.headers);
   const size_t question = r.target.find('?');
   out += ",\"queryString\":" + pairsJson(question == std::string::npos ? "" : r.target.substr(question + 1), '&', true);
   if (!r.body.empty() || r.header("Content-Type") != nullptr) {
     const std::string mime = mimeTypeOf(r, "application/octet-stream");
-    out += ",\"postData\":{\"mimeType\":" + str(mime);
+    out += ",\"postData\":{\"mimeType\":" + jsonText(mime);
     if (strncasecmp(mime.c_str(), "application/x-www-form-urlencoded", 33) == 0 && isUtf8(r.body)) {
       out += ",\"params\":" + pairsJson(r.body, '&', true);
     }
@@ -211,18 +209,18 @@ std::string responseJson(const HttpResponse& r) {
   if (readable && decoded.size() != r.body.size()) {
     content += ",\"compression\":" + std::to_string(static_cast<int64_t>(decoded.size()) - static_cast<int64_t>(r.body.size()));
   }
-  content += ",\"mimeType\":" + str(mimeTypeOf(r, "x-unknown"));
+  content += ",\"mimeType\":" + jsonText(mimeTypeOf(r, "x-unknown"));
   if (!decoded.empty()) content += bodyJson(decoded, "text");
   if (!readable && decoded.size() == kLongestDecodedBody) {
-    content += ",\"comment\":" + str("the body's start: it " + why);
+    content += ",\"comment\":" + jsonText("the body's start: it " + why);
   } else if (!readable) {
-    content += ",\"comment\":" + str("the body as it came; its Content-Encoding could not be undone: " + why);
+    content += ",\"comment\":" + jsonText("the body as it came; its Content-Encoding could not be undone: " + why);
   }
   content += "}";
-  return "{\"status\":" + std::to_string(r.status) + ",\"statusText\":" + str(r.reason) +
-         ",\"httpVersion\":" + str(r.version) + ",\"cookies\":" + responseCookies(r) +
+  return "{\"status\":" + std::to_string(r.status) + ",\"statusText\":" + jsonText(r.reason) +
+         ",\"httpVersion\":" + jsonText(r.version) + ",\"cookies\":" + responseCookies(r) +
          ",\"headers\":" + headersJson(r.headers) + ",\"content\":" + content +
-         ",\"redirectURL\":" + str(location != nullptr ? location->value : "") +
+         ",\"redirectURL\":" + jsonText(location != nullptr ? location->value : "") +
          ",\"headersSize\":" + std::to_string(r.headersSize) + ",\"bodySize\":" + std::to_string(r.bodySize) + "}";
 }
 
@@ -244,26 +242,26 @@ std::string entryJson(const Recording& recording, size_t ci, const HttpConversat
   const double receive = r.present ? millisecondsBetween(r.firstByteNs, r.lastByteNs) : -1;
   const double total = std::max(connect, 0.0) + send + std::max(wait, 0.0) + std::max(receive, 0.0);
   const Peer& server = http.programIsServer ? c.local : c.remote;
-  std::string json = "{\"startedDateTime\":" + str(isoTime(q.firstByteNs)) + ",\"time\":" + number(total) +
+  std::string json = "{\"startedDateTime\":" + jsonText(isoTime(q.firstByteNs)) + ",\"time\":" + number(total) +
                      ",\"request\":" + requestJson(q, urlOf(q, c, http.programIsServer)) +
                      ",\"response\":" + responseJson(r) + ",\"cache\":{}" + ",\"timings\":{\"blocked\":-1,\"dns\":-1" +
                      ",\"connect\":" + (connect < 0 ? std::string("-1") : number(connect)) + ",\"send\":" + number(send) +
                      ",\"wait\":" + (wait < 0 ? std::string("-1") : number(wait)) +
                      ",\"receive\":" + (receive < 0 ? std::string("-1") : number(receive)) + ",\"ssl\":-1}";
-  if (!server.ip.empty() && server.ip != "?") json += ",\"serverIPAddress\":" + str(server.ip);
-  json += ",\"connection\":" + str(std::to_string(ci + 1));
+  if (!server.ip.empty() && server.ip != "?") json += ",\"serverIPAddress\":" + jsonText(server.ip);
+  json += ",\"connection\":" + jsonText(std::to_string(ci + 1));
   const ProcessHeader* process = c.process < recording.processes.size() ? &recording.processes[c.process] : nullptr;
   json += ",\"_talvex\":{\"pid\":" + std::to_string(c.pid);
-  if (process != nullptr && !process->commandLine.empty()) json += ",\"process\":" + str(process->commandLine);
+  if (process != nullptr && !process->commandLine.empty()) json += ",\"process\":" + jsonText(process->commandLine);
   json += ",\"socket\":" + std::to_string(c.socket) + ",\"connection\":" + std::to_string(ci + 1) +
           ",\"side\":" + (http.programIsServer ? "\"server\"" : "\"client\"");
   if (x.stream != 0) json += ",\"stream\":" + std::to_string(x.stream);
   if (!c.tls.empty()) {
-    json += ",\"tls\":" + str(c.tls);
+    json += ",\"tls\":" + jsonText(c.tls);
   } else if (c.decrypted) {
     json += ",\"tls\":\"decrypted with the key log\"";
   }
-  if (!x.problem.empty()) json += ",\"incomplete\":" + str(x.problem);
+  if (!x.problem.empty()) json += ",\"incomplete\":" + jsonText(x.problem);
   return json + "}}";
 }
 

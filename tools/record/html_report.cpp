@@ -18,8 +18,6 @@ const char* htmlReportPage();  // html_report_page.cpp
 
 namespace {
 
-std::string str(const std::string& bytes) { return jsonString(textAsUtf8(bytes)); }
-
 std::string milliseconds(int64_t ns, int64_t originNs) {
   char text[32];
   // In doubles: a time stamp from a misbehaving peer may lie anywhere in the range.
@@ -73,7 +71,7 @@ std::string payloadJson(const std::string& bytes, Budget& budget) {
   const std::string part = bytes.substr(0, shown);
   std::string out = "{\"n\":" + std::to_string(bytes.size());
   if (!part.empty()) {
-    out += text ? ",\"text\":" + str(part) : ",\"hex\":" + str(hexDump(part, ""));
+    out += text ? ",\"text\":" + jsonText(part) : ",\"hex\":" + jsonText(hexDump(part, ""));
   }
   if (shown < bytes.size()) out += ",\"cut\":" + std::to_string(bytes.size() - shown);
   return out + "}";
@@ -82,7 +80,7 @@ std::string payloadJson(const std::string& bytes, Budget& budget) {
 std::string headersJson(const std::vector<HttpHeader>& headers) {
   std::string out = "[";
   for (size_t i = 0; i < headers.size(); ++i) {
-    out += std::string(i == 0 ? "" : ",") + "[" + str(headers[i].name) + "," + str(headers[i].value) + "]";
+    out += std::string(i == 0 ? "" : ",") + "[" + jsonText(headers[i].name) + "," + jsonText(headers[i].value) + "]";
   }
   return out + "]";
 }
@@ -95,17 +93,17 @@ std::string exchangeJson(const HttpExchange& x, const Conversation& c, bool prog
     const std::string scheme = !q.scheme.empty() ? q.scheme : (!c.tls.empty() || c.decrypted) ? "https" : "http";
     target = scheme + "://" + q.authority + target;
   }
-  std::string out = "{\"m\":" + str(q.method) + ",\"u\":" + str(target) + ",\"v\":" + str(q.version) +
+  std::string out = "{\"m\":" + jsonText(q.method) + ",\"u\":" + jsonText(target) + ",\"v\":" + jsonText(q.version) +
                     ",\"qh\":" + headersJson(q.headers) + ",\"qb\":" + payloadJson(q.body, budget);
   if (r.present) {
     const HttpHeader* coding = r.header("Content-Encoding");
     std::string body, why;
     const bool decoded = decodeContent(coding != nullptr ? coding->value : "", r.body, &body, &why);
-    out += ",\"s\":" + std::to_string(r.status) + ",\"r\":" + str(r.reason) + ",\"sv\":" + str(r.version) +
+    out += ",\"s\":" + std::to_string(r.status) + ",\"r\":" + jsonText(r.reason) + ",\"sv\":" + jsonText(r.version) +
            ",\"sh\":" + headersJson(r.headers) + ",\"sb\":" + payloadJson(body, budget);
-    if (!decoded) out += ",\"coding\":" + str(why);
+    if (!decoded) out += ",\"coding\":" + jsonText(why);
   }
-  if (!x.problem.empty()) out += ",\"bad\":" + str(x.problem);
+  if (!x.problem.empty()) out += ",\"bad\":" + jsonText(x.problem);
   if (programIsServer) out += ",\"served\":true";
   return out + "}";
 }
@@ -113,9 +111,9 @@ std::string exchangeJson(const HttpExchange& x, const Conversation& c, bool prog
 std::string eventJson(const Event& e, const Conversation& c, int64_t originNs, Budget& budget) {
   std::string kind = e.kind;
   if (e.endOfStream) kind = "eof";
-  std::string out = "{\"k\":" + str(kind) + ",\"t\":" + milliseconds(e.timeNs, originNs);
-  if (e.kind == "close") return out + ",\"d\":" + str(e.descriptor) + "}";
-  if (e.failed) return out + ",\"n\":" + std::to_string(e.length) + ",\"err\":" + str(errorText(e.error)) + "}";
+  std::string out = "{\"k\":" + jsonText(kind) + ",\"t\":" + milliseconds(e.timeNs, originNs);
+  if (e.kind == "close") return out + ",\"d\":" + jsonText(e.descriptor) + "}";
+  if (e.failed) return out + ",\"n\":" + std::to_string(e.length) + ",\"err\":" + jsonText(errorText(e.error)) + "}";
   if (e.endOfStream) return out + "}";
   // Records shown as bytes would read as if they were what the program said: their length only.
   if (c.encrypted && !c.decrypted) return out + ",\"p\":{\"n\":" + std::to_string(e.data.size()) + ",\"enc\":true}}";
@@ -129,7 +127,7 @@ std::string connectionJson(const Recording& recording, size_t index, int64_t ori
   const Peer& far = c.remote;
   std::string out = "{\"id\":" + std::to_string(index + 1) + ",\"p\":" + std::to_string(c.process) +
                     ",\"pid\":" + std::to_string(c.pid) + ",\"sock\":" + std::to_string(c.socket) +
-                    ",\"head\":" + str(conversationHeadline(c)) + ",\"host\":" + str(far.ip) +
+                    ",\"head\":" + jsonText(conversationHeadline(c)) + ",\"host\":" + jsonText(far.ip) +
                     ",\"port\":" + std::to_string(far.port) + ",\"lport\":" + std::to_string(c.local.port) +
                     ",\"t0\":" + milliseconds(c.openTimeNs, originNs);
   const int64_t lastNs = c.closed ? c.closeTimeNs : c.events.empty() ? c.openTimeNs : c.events.back().timeNs;
@@ -168,14 +166,14 @@ std::string reportData(const Recording& recording, const HtmlReportLimits& limit
   std::string out = "{\"origin\":" + std::to_string(origin / 1000000) + ",\"processes\":[";
   for (size_t i = 0; i < recording.processes.size(); ++i) {
     const ProcessHeader& p = recording.processes[i];
-    out += std::string(i == 0 ? "" : ",") + "{\"pid\":" + std::to_string(p.pid) + ",\"cmd\":" + str(p.commandLine) +
-           ",\"cwd\":" + str(p.workingDirectory) + "}";
+    out += std::string(i == 0 ? "" : ",") + "{\"pid\":" + std::to_string(p.pid) + ",\"cmd\":" + jsonText(p.commandLine) +
+           ",\"cwd\":" + jsonText(p.workingDirectory) + "}";
   }
   out += "],\"resolutions\":[";
   for (size_t i = 0; i < recording.resolutions.size(); ++i) {
     const Resolution& r = recording.resolutions[i];
     out += std::string(i == 0 ? "" : ",") + "{\"p\":" + std::to_string(r.process) +
-           ",\"text\":" + str(resolutionSentence(r.name, r.family, r.addresses, r.resolverError)) +
+           ",\"text\":" + jsonText(resolutionSentence(r.name, r.family, r.addresses, r.resolverError)) +
            (r.resolverError != 0 ? ",\"bad\":true" : "") + "}";
   }
   out += "],\"connections\":[";

@@ -29,6 +29,8 @@ std::string textAsUtf8(const std::string& bytes) {
   return out;
 }
 
+std::string jsonText(const std::string& bytes) { return jsonString(textAsUtf8(bytes)); }
+
 std::string hexDump(const std::string& bytes, const std::string& indent) {
   std::string out;
   char piece[16];

@@ -12,6 +12,8 @@ bool isPrintableText(const std::string& bytes);
 // Bytes as UTF-8 text, for documents that must be Unicode (JSON): as they are where they are
 // UTF-8, else each byte read as ISO-8859-1, HTTP's historical charset for header values.
 std::string textAsUtf8(const std::string& bytes);
+// The same as a JSON string.
+std::string jsonText(const std::string& bytes);
 
 // Sixteen bytes a line: "0000  47 45 54 ...  |GET / HTTP/1.1..|", each line begun by `indent`
 // and ended by a line feed.
