@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -13,7 +14,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <memory>
 #include <sstream>
 #include <vector>
 
@@ -35,16 +35,15 @@ int64_t nowNs() {
   return static_cast<int64_t>(t.tv_sec) * 1000000000 + t.tv_nsec;
 }
 
-// `length` bytes of the traced process's memory at `address`; fewer where it has fewer. Copied
-// into memory that is not cleared first: a large write is copied once, not twice.
+// `length` bytes of the traced process's memory at `address`; fewer where it has fewer.
 std::string readMemory(pid_t pid, uint64_t address, uint64_t length) {
-  const size_t wanted = static_cast<size_t>(std::min(length, kLongestCopy));
-  if (wanted == 0) return std::string();
-  std::unique_ptr<char[]> buffer(new char[wanted]);
-  iovec local{buffer.get(), wanted};
-  iovec remote{reinterpret_cast<void*>(address), wanted};
+  std::string bytes(static_cast<size_t>(std::min(length, kLongestCopy)), '\0');
+  if (bytes.empty()) return bytes;
+  iovec local{&bytes[0], bytes.size()};
+  iovec remote{reinterpret_cast<void*>(address), bytes.size()};
   const ssize_t got = process_vm_readv(pid, &local, 1, &remote, 1, 0);
-  return std::string(buffer.get(), got > 0 ? static_cast<size_t>(got) : 0);
+  bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
+  return bytes;
 }
 
 // The first `length` bytes that a list of `count` vectors at `address` points to; a 32-bit
@@ -374,12 +373,18 @@ void TracedCalls::leave(pid_t thread, int64_t result) {
       }
       return;
     case SYS_dup: case SYS_dup2: case SYS_dup3: case SYS_fcntl:
-      // The descriptor it made or replaced is asked again when it is used.
-      if (result >= 0) p.sockets.erase(static_cast<int>(result));
+      // The descriptor it made or replaced is asked again when it is used. Of fcntl's commands only
+      // F_DUPFD's make one: the others' results are flags or zero, not descriptors.
+      if (result >= 0 && (call.number != SYS_fcntl || call.args[1] == F_DUPFD || call.args[1] == F_DUPFD_CLOEXEC)) {
+        p.sockets.erase(static_cast<int>(result));
+      }
       return;
     case SYS_connect: {
+      // Its ends once: they say whether a socket made before the tracing is TCP, and give the
+      // local end the connect chose.
+      const TcpEnds ends = tcpEndsOf(tgid, fd);
       auto known = p.sockets.find(fd);
-      if (known == p.sockets.end()) known = p.sockets.emplace(fd, Socket{tcpEndsOf(tgid, fd).family}).first;
+      if (known == p.sockets.end()) known = p.sockets.emplace(fd, Socket{ends.family}).first;
       if (known->second.family == 0 || call.address.size() < sizeof(sa_family_t)) return;
       sockaddr_storage destination{};
       memcpy(&destination, call.address.data(), std::min(call.address.size(), sizeof destination));
@@ -388,7 +393,6 @@ void TracedCalls::leave(pid_t thread, int64_t result) {
       RecorderMessage m(RMT_CONNECT, ++sequence_);
       setHead(m, call.startNs, ++p.ticket, tgid);
       m.set(RMA_SOCKET, static_cast<int64_t>(fd));
-      const TcpEnds ends = tcpEndsOf(tgid, fd);
       if (ends.family != 0) setLocalEnd(m, ends.local);
       m.set(RMA_DURATION, static_cast<int>((end - call.startNs) / 1000000));
       m.set(RMA_DURATION_NS, end - call.startNs);
