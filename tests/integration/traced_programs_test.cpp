@@ -214,6 +214,18 @@ TEST_F(TracedPrograms, AJobControlStopStaysAStopUntilItIsContinued) {
   EXPECT_EQ(r.out, "done\n");
 }
 
+// fcntl's result is a descriptor only when it duplicates one: F_SETFL's 0 leaves the socket on
+// descriptor 0 known, and its close is recorded.
+TEST_F(TracedPrograms, FcntlOnASocketKeepsItKnown) {
+  EchoServer echo;
+  const std::string jsonl = dir_.file("run.jsonl");
+  const ProcessResult r =
+      recordCommand({"--jsonl", jsonl, "-q"}, {kTracedHostProbePath, "socket-on-zero", std::to_string(echo.port())});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(jq("map(.kind + \" \" + (.socket | tostring)) | join(\",\")", slurped(jsonl)),
+            "process null,connect 0,send 0,close 0\n");
+}
+
 TEST_F(TracedPrograms, KillingTalvexRecordLeavesNoProgramStopped) {
   BackgroundProcess run({kRecordPath, "-q", "--", kGoClientPath, "serve", dir_.file("port")}, cleanEnvironment());
   ASSERT_GT(waitForPortFile(dir_.file("port"), std::chrono::seconds(30)), 0);

@@ -8,9 +8,12 @@
  *                                               nothing, until SIGUSR1 (no SA_RESTART) interrupts
  *                                               it; prints the read's outcome
  *   traced_host_probe until-file FILE PIDFILE   waits (at most 30 s) until FILE exists; prints "done"
+ *   traced_host_probe socket-on-zero PORT       a socket on descriptor 0, as inetd hands one: connects,
+ *                                               writes "x", sets its flags with fcntl, closes it
  */
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -68,6 +71,21 @@ int main(int argc, char** argv) {
     printf("done\n");
     return 0;
   }
-  fprintf(stderr, "usage: traced_host_probe child-status | interrupted-read PORT PIDFILE | until-file FILE PIDFILE\n");
+  if (argc >= 3 && strcmp(argv[1], "socket-on-zero") == 0) {
+    close(0);
+    const int s = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in address;
+    memset(&address, 0, sizeof address);
+    address.sin_family = AF_INET;
+    address.sin_port = htons((unsigned short)atoi(argv[2]));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (s != 0 || connect(s, (struct sockaddr*)&address, sizeof address) != 0) return 1;
+    if (write(s, "x", 1) != 1) return 1;
+    /* F_SETFL returns 0: a result that is no descriptor. */
+    if (fcntl(s, F_SETFL, fcntl(s, F_GETFL) | O_NONBLOCK) != 0) return 1;
+    close(s);
+    return 0;
+  }
+  fprintf(stderr, "usage: traced_host_probe child-status | interrupted-read PORT PIDFILE | until-file FILE PIDFILE | socket-on-zero PORT\n");
   return 2;
 }
